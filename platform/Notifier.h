@@ -1,0 +1,195 @@
+// Change notification: notifiers, notifiees and the list that connects them.
+//
+// A component that announces changes derives from `Zum::Notifier` and nests
+// a `Notifiee` class (derived from `BaseNotifiee<Component>`) with one
+// virtual reaction per attribute, `onX()` or `onX(key)` for collections,
+// each doing nothing by default. A reactor derives from that Notifiee,
+// overrides what it cares about, and attaches with `notifierIs(ptr)`:
+//
+//   class Door : public Zum::Entity, public Zum::Notifier {
+//    public:
+//     class Notifiee : public Zum::BaseNotifiee<Door> {
+//      public:
+//       virtual void onOpen() {}
+//     };
+//     bool open() const { return open_; }
+//     void openIs(bool v) { if (Zum::assignIfChanged(open_, v)) notify(&Notifiee::onOpen); }
+//    private:
+//     bool open_ = false;
+//   };
+//
+// Guarantees: notifiees are called in registration order; a setter that
+// stores an equal value calls nobody (`assignIfChanged`). From inside a
+// reaction a notifiee may detach itself or any other notifiee, attach new
+// ones, or destroy itself: detached ones are not called afterwards, new ones
+// are first called on the next change, and nobody still attached is skipped.
+// The notifier itself may be destroyed by a reaction; the notification then
+// stops, so `notify()` should be the last thing a setter does.
+//
+// A notifiee holds its notifier by `Ptr`; the notifier holds notifiees by
+// raw pointer and never owns them.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+#include "platform/Ptr.h"
+
+namespace Zum {
+
+// Common root of every notifiee, so a notifier can keep one list type.
+class RootNotifiee {
+ public:
+  RootNotifiee() = default;
+  RootNotifiee(const RootNotifiee&) = delete;
+  RootNotifiee& operator=(const RootNotifiee&) = delete;
+  virtual ~RootNotifiee() = default;
+};
+
+// Registration-ordered list of notifiees that stays valid while it is being
+// walked and changed from inside the walk.
+template <class N>
+class NotifieeList {
+ public:
+  NotifieeList() = default;
+  NotifieeList(const NotifieeList&) = delete;
+  NotifieeList& operator=(const NotifieeList&) = delete;
+  ~NotifieeList() {
+    for (Walk* w = walks_; w; w = w->outer) w->listGone = true;
+  }
+
+  void add(N* n) {
+    items_.push_back(n);
+    ++live_;
+  }
+  // Removes `n`; a no-op when it is not in the list.
+  void del(N* n) {
+    auto it = std::find(items_.begin(), items_.end(), n);
+    if (it == items_.end()) return;
+    --live_;
+    if (walks_) {
+      *it = nullptr;  // a walk holds indexes: compact once the outermost ends
+    } else {
+      items_.erase(it);
+    }
+  }
+  std::size_t size() const { return live_; }
+  bool empty() const { return live_ == 0; }
+
+  // Calls f(n) for every notifiee present when the walk starts and still
+  // present when its turn comes. Returns false when the list was destroyed
+  // during the walk (the owner is gone: touch nothing of it).
+  template <class F>
+  bool forEach(F&& f) {
+    Walk walk{walks_};
+    walks_ = &walk;
+    const std::size_t end = items_.size();
+    for (std::size_t i = 0; i < end; ++i) {
+      N* n = items_[i];
+      if (!n) continue;
+      f(n);
+      if (walk.listGone) return false;
+    }
+    walks_ = walk.outer;
+    if (!walks_ && live_ != items_.size()) compact();
+    return true;
+  }
+
+ private:
+  struct Walk {
+    Walk* outer;
+    bool listGone = false;
+  };
+
+  void compact() {
+    std::erase(items_, nullptr);
+  }
+
+  std::vector<N*> items_;
+  std::size_t live_ = 0;
+  Walk* walks_ = nullptr;  // innermost walk in progress, or null
+};
+
+// Mixin for anything that has notifiees.
+class Notifier {
+ public:
+  Notifier() = default;
+  Notifier(const Notifier&) = delete;
+  Notifier& operator=(const Notifier&) = delete;
+  virtual ~Notifier() = default;
+
+  std::size_t notifieeCount() const { return notifiees_.size(); }
+
+  // Registration hooks called by BaseNotifiee::notifierIs; a notifier that
+  // must track its notifiees (a clock, a timer wheel) overrides them and
+  // calls the base.
+  virtual void newNotifieeInternal(RootNotifiee* n) const { notifiees_.add(n); }
+  virtual void deleteNotifieeInternal(RootNotifiee* n) const { notifiees_.del(n); }
+
+ protected:
+  // Calls (n->*reaction)(args...) on every notifiee. Returns false when a
+  // reaction destroyed this notifier.
+  template <class N, class... P, class... A>
+  bool notify(void (N::*reaction)(P...), A&&... args) const {
+    return notifiees_.forEach([&](RootNotifiee* n) { (static_cast<N*>(n)->*reaction)(args...); });
+  }
+  template <class F>
+  bool forEachNotifiee(F&& f) const {
+    return notifiees_.forEach(std::forward<F>(f));
+  }
+
+ private:
+  mutable NotifieeList<RootNotifiee> notifiees_;
+};
+
+// Base of a component's nested Notifiee. `NotifierT` may be const-qualified
+// for reactors that only observe.
+template <class NotifierT>
+class BaseNotifiee : public RootNotifiee {
+ public:
+  using Notifier = NotifierT;
+
+  BaseNotifiee() = default;
+  ~BaseNotifiee() override { detach(); }
+
+  const Ptr<NotifierT>& notifier() const { return notifier_; }
+  bool isRegisteredNotifiee() const { return static_cast<bool>(notifier_); }
+
+  // Moves this notifiee to `n` (null detaches). Attaching again to the
+  // current notifier does nothing. After attaching, onNotifier() runs so a
+  // reactor can take in the notifier's present state at once.
+  void notifierIs(const Ptr<NotifierT>& n) {
+    if (n == notifier_) return;
+    detach();
+    if (!n) return;
+    notifier_ = n;
+    n->newNotifieeInternal(this);
+    onNotifier();
+  }
+
+ protected:
+  // Called after attaching; a whole-collection notification, by default none.
+  virtual void onNotifier() {}
+
+ private:
+  void detach() {
+    if (!notifier_) return;
+    Ptr<NotifierT> old = std::move(notifier_);
+    old->deleteNotifieeInternal(this);
+  }
+
+  Ptr<NotifierT> notifier_;
+};
+
+// Stores `v` in `slot` and answers whether the stored value changed; the
+// building block of every notify-on-change setter.
+template <class T, class V>
+bool assignIfChanged(T& slot, V&& v) {
+  if (slot == v) return false;
+  slot = std::forward<V>(v);
+  return true;
+}
+
+}  // namespace Zum
