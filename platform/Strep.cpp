@@ -185,7 +185,7 @@ void ValueStrepWriter::fieldName(std::string_view name) {
   text_ += "': ";
 }
 
-String ValueStrepWriter::done() && {
+String ValueStrepWriter::done() {
   text_ += "})";
   return std::move(text_);
 }

@@ -133,7 +133,7 @@ class ValueStrepWriter {
     text_ += valueToStrep(v);
     return *this;
   }
-  String done() &&;
+  String done();
 
  private:
   void fieldName(std::string_view name);

@@ -1,0 +1,97 @@
+#include "Olk/Seqno.h"
+
+#include <gtest/gtest.h>
+
+#include "Olk/MaybeU63.h"
+
+namespace {
+
+using Olk::Seqno16;
+using Olk::Seqno32;
+
+TEST(Seqno, Seqno32OrderWrapsAround) {
+  EXPECT_TRUE(Seqno32(0xFFFFFFFF) < Seqno32(0));
+  EXPECT_FALSE(Seqno32(0) < Seqno32(0xFFFFFFFF));
+  EXPECT_TRUE(Seqno32(1) < Seqno32(2));
+  EXPECT_FALSE(Seqno32(7) < Seqno32(7));
+  EXPECT_TRUE(Seqno32(0xFFFFFFF0) < 5u);
+}
+
+TEST(Seqno, HalfRangeHoldsBothWaysAndNoFurther) {
+  EXPECT_TRUE(Seqno32(5) < Seqno32(0x80000005));
+  EXPECT_TRUE(Seqno32(0x80000005) < Seqno32(5));
+  EXPECT_FALSE(Seqno32(5) < Seqno32(0x80000006));
+  EXPECT_TRUE(Seqno16(0x8000) < Seqno16(0));
+  EXPECT_TRUE(Seqno16(0) < Seqno16(0x8000));
+  EXPECT_TRUE(Seqno16(0xFFFF) < static_cast<Olk::U16>(0));
+  EXPECT_FALSE(Seqno16(0) < Seqno16(0x8001));
+}
+
+TEST(Seqno, TextAndBinaryForms) {
+  EXPECT_EQ(Olk::valueToStrep(Seqno32(4000000000u)), "4000000000");
+  EXPECT_EQ(Zum::strepToValue<Seqno16>("65535"), Seqno16(65535));
+  EXPECT_THROW(Zum::strepToValue<Seqno16>("65536"), Zum::RangeException);
+  Zum::AttrLogWriter w;
+  serialize(w, Seqno16(0x1234));
+  serialize(w, Seqno32(0xA1B2C3D4));
+  EXPECT_EQ(w.bytes(), (std::vector<Olk::U8>{0x12, 0x34, 0xA1, 0xB2, 0xC3, 0xD4}));
+  Zum::AttrLogReader r(w.bytes());
+  Seqno16 a;
+  Seqno32 b;
+  deserialize(r, &a);
+  deserialize(r, &b);
+  EXPECT_EQ(a, Seqno16(0x1234));
+  EXPECT_EQ(b.value(), 0xA1B2C3D4u);
+}
+
+TEST(MaybeU63, NullBitPrintsNoneAndParsesBack) {
+  Olk::MaybeU63 m;
+  m.valueIs(Olk::MaybeU63::nullBit | 5);
+  EXPECT_EQ(m.stringValue(), "None");
+  m.valueIs(42);
+  EXPECT_EQ(m.stringValue(), "42");
+  m.stringValueIs("None");
+  EXPECT_TRUE(m.isNull());
+  m.stringValueIs("123L");
+  EXPECT_EQ(m.word(), 123u);
+  m.stringValueIs("7l");
+  EXPECT_EQ(m.word(), 7u);
+  m.stringValueIs("-1");  // stored as given: every bit, so None
+  EXPECT_TRUE(m.isNull());
+  EXPECT_EQ(m.stringValue(), "None");
+}
+
+TEST(MaybeU63, BadTextIsRefusedWithTheRightMessage) {
+  Olk::MaybeU63 m(5);
+  for (const char* bad : {"12x", "12LL", "", "x", "NoneL1"}) {
+    try {
+      m.stringValueIs(bad);
+      ADD_FAILURE() << bad;
+    } catch (const Zum::RangeException& e) {
+      EXPECT_STREQ(e.what(), "Invalid Olk::MaybeU63") << bad;
+    }
+  }
+  EXPECT_EQ(m.word(), 5u);  // unchanged by the failures
+  std::string empty;
+  Zum::StrepIter cur = empty.begin();
+  try {
+    Olk::sequenceToValue(cur, empty.end(), &m);
+    ADD_FAILURE();
+  } catch (const Zum::RangeException& e) {
+    EXPECT_STREQ(e.what(), "Error deserializing Olk::MaybeU63");
+  }
+}
+
+TEST(MaybeU63, SequenceParseStopsAfterSuffix) {
+  std::string text = "99L, rest";
+  Zum::StrepIter cur = text.begin();
+  Olk::MaybeU63 m;
+  Olk::sequenceToValue(cur, text.end(), &m);
+  EXPECT_EQ(m.word(), 99u);
+  EXPECT_EQ(std::string(cur, text.cend()), ", rest");
+  Zum::AttrLogWriter w;
+  serialize(w, m);
+  EXPECT_EQ(w.bytes().size(), 8u);
+}
+
+}  // namespace
