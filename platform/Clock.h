@@ -29,6 +29,10 @@ class Clock : public Entity, public Notifier {
  public:
   class Notifiee : public BaseNotifiee<Clock> {
    public:
+    // Leaves the clock while still a Notifiee: the clock looks at the
+    // schedule fields as it lets go.
+    ~Notifiee() override { notifierIs(nullptr); }
+
     Seconds timeMin() const { return timeMin_; }
     // Sets the wake-up time; takes effect at once if attached to a clock,
     // otherwise when attached. NaN is refused by assertion.

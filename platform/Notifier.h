@@ -27,7 +27,9 @@
 // stops, so `notify()` should be the last thing a setter does.
 //
 // A notifiee holds its notifier by `Ptr`; the notifier holds notifiees by
-// raw pointer and never owns them.
+// raw pointer and never owns them. A notifier whose registration hooks treat
+// the notifiee as its concrete Notifiee type needs that Notifiee to call
+// `notifierIs(nullptr)` in its own destructor, before it stops being one.
 #pragma once
 
 #include <algorithm>

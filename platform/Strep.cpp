@@ -192,13 +192,19 @@ String ValueStrepWriter::done() {
 
 ValueStrepReader::ValueStrepReader(StrepIter& cur, StrepIter end, std::string_view typeName)
     : cur_(cur), end_(end) {
-  needString(cur_, end_, "Value('" + String(typeName) + "', ** {");
+  String piece = "Value('";
+  piece.append(typeName);
+  piece += "', ** {";
+  needString(cur_, end_, piece);
 }
 
 void ValueStrepReader::fieldName(std::string_view name) {
   if (!first_) needString(cur_, end_, ", ");
   first_ = false;
-  needString(cur_, end_, "'" + String(name) + "': ");
+  String piece = "'";
+  piece.append(name);
+  piece += "': ";
+  needString(cur_, end_, piece);
 }
 
 void ValueStrepReader::done() { needString(cur_, end_, "})"); }
