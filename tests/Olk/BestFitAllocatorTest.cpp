@@ -1,0 +1,327 @@
+#include "Olk/BestFitAllocator.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include "platform/Trace.h"
+
+using namespace Olk;
+
+namespace {
+
+using Blocks = std::vector<std::pair<U32, U32>>;  // (start, size)
+
+// Which entries are in use (true) according to the allocator's used blocks.
+std::vector<bool> usedMap(const BestFitAllocator& a) {
+  std::vector<bool> used(a.memSz(), false);
+  for (const auto& [index, blk] : a.inUseBlockMap()) {
+    for (U32 i = index - a.offset(); i < index - a.offset() + blk->size(); ++i) {
+      EXPECT_FALSE(used[i]) << "entry " << i << " in two blocks";
+      used[i] = true;
+    }
+  }
+  return used;
+}
+
+// Used and free blocks tile the memory, free blocks never touch, each is
+// filed once by size and in both index maps, numFreeEntries is their sum.
+void checkInvariants(const BestFitAllocator& a) {
+  std::vector<bool> covered = usedMap(a);
+  U64 freeSum = 0;
+  U64 prevEnd = 0;
+  for (const auto& [start, sz] : a.freeBlkStartIndexToSzMap()) {
+    ASSERT_TRUE(freeSum == 0 || start > prevEnd + 1) << "free blocks touch at " << start;
+    prevEnd = start + sz - 1;
+    ASSERT_EQ(a.freeBlkEndIndexToSz(start + sz - 1), sz);
+    ASSERT_TRUE(sz > a.maxBlkSz() ? a.jumboFreeBlk(BFA::JumboFreeBlk(sz, start))
+                                  : a.freeBlkSet(sz) && a.freeBlkSet(sz)->freeBlk(start));
+    for (U32 i = start; i < start + sz; ++i) {
+      ASSERT_FALSE(covered[i]) << "entry " << i << " both free and used";
+      covered[i] = true;
+    }
+    freeSum += sz;
+  }
+  U64 filed = a.jumboFreeBlkSet().size();
+  for (const auto& kv : a.freeBlkSetMap()) filed += kv.second.freeBlks().size();
+  ASSERT_EQ(filed, a.freeBlkStartIndexToSzs());
+  ASSERT_EQ(a.freeBlkEndIndexToSzs(), a.freeBlkStartIndexToSzs());
+  ASSERT_EQ(freeSum, a.numFreeEntries());
+  ASSERT_EQ(std::count(covered.begin(), covered.end(), false), 0) << "memory not tiled";
+}
+
+Blocks freeBlocks(const BestFitAllocator& a) {
+  return {a.freeBlkStartIndexToSzMap().begin(), a.freeBlkStartIndexToSzMap().end()};
+}
+
+}  // namespace
+
+TEST(BestFitAllocator, FreshMemoryIsOneJumboBlockCutFromTheLowEnd) {
+  auto a = bestFitAllocatorFactory(100, 1000, 10);
+  EXPECT_EQ(a->jumboFreeBlkSet(), (std::set<BFA::JumboFreeBlk>{BFA::JumboFreeBlk(100, 0)}));
+  auto b = a->alloc(4);
+  ASSERT_TRUE(b);
+  EXPECT_EQ(b->index(), 1000u);
+  EXPECT_EQ(a->jumboFreeBlkSet(), (std::set<BFA::JumboFreeBlk>{BFA::JumboFreeBlk(96, 4)}));
+  EXPECT_EQ(a->numFreeEntries(), 96u);
+  EXPECT_EQ(a->inUseBlock(1000), b.ptr());
+  EXPECT_EQ(valueToStrep(BFA::JumboFreeBlk(96, 4)),
+            "Value('Olk::BFA::JumboFreeBlk', ** {'blkSz': 96, 'startIndex': 4})");
+  EXPECT_EQ(strepToValue<BFA::JumboFreeBlk>(valueToStrep(BFA::JumboFreeBlk(96, 4))), BFA::JumboFreeBlk(96, 4));
+}
+
+TEST(BestFitAllocator, DroppingTheLastPointerFreesAndCoalesces) {
+  auto a = bestFitAllocatorFactory(30, 0, 10);
+  auto b1 = a->alloc(5);
+  auto b2 = a->alloc(5);
+  auto b3 = a->alloc(5);
+  auto keep = a->alloc(5);
+  b1 = nullptr;
+  b3 = nullptr;
+  EXPECT_EQ(freeBlocks(*a), (Blocks{{0, 5}, {10, 5}, {20, 10}}));
+  auto copy = b2;
+  b2 = nullptr;  // still referenced
+  EXPECT_EQ(a->numFreeEntries(), 20u);
+  copy = nullptr;  // between two free blocks
+  EXPECT_EQ(freeBlocks(*a), (Blocks{{0, 15}, {20, 10}}));
+  checkInvariants(*a);
+}
+
+TEST(BestFitAllocator, BestFitPrefersSmallestOrdinaryBlockOverJumbo) {
+  auto a = bestFitAllocatorFactory(100, 0, 10);
+  std::vector<Ptr<BFA::Blk>> b;
+  for (U32 sz : {3u, 1u, 8u, 1u}) b.push_back(a->alloc(sz));
+  b[0] = nullptr;  // free 0..2
+  b[2] = nullptr;  // free 4..11
+  auto five = a->alloc(5);
+  EXPECT_EQ(five->index(), 4u);
+  EXPECT_EQ(freeBlocks(*a), (Blocks{{0, 3}, {9, 3}, {13, 87}}));
+  checkInvariants(*a);
+}
+
+TEST(BestFitAllocator, TracesEachStepAtLevel7AndExhaustionReturnsNull) {
+  Zum::TraceCapture capture(7);
+  auto a = bestFitAllocatorFactory(10, 100, 4);
+  auto b = a->alloc(4);
+  auto c = a->alloc(2);
+  b = nullptr;
+  auto d = a->alloc(4);
+  auto e = a->alloc(4);  // the two free blocks of 4 go in the set's own order
+  EXPECT_TRUE(d && e);
+  EXPECT_FALSE(a->alloc(1));
+  const std::vector<std::string> texts = capture.texts();
+  const std::vector<std::string> start = {
+      "memSz = 10, offset = 100, maxBlkSz = 4",
+      "Adding free blk: sz 10, index 0",
+      "Initialized allocator: memSz 10 offset 100 maxBlkSz 4",
+      "Alloc: blkSz 4",
+      "Removing free blk: sz 10, index 0",
+      "Adding free blk: sz 6, index 4",
+      "Alloc: blkSz 4, startIndex 0",
+      "numFreeEntries decreased by 4, now = 6",
+  };
+  ASSERT_GT(texts.size(), start.size());
+  EXPECT_EQ(std::vector<std::string>(texts.begin(), texts.begin() + start.size()), start);
+  for (const char* text : {"Creating freeBlkSet for blkSz = 4", "Free: startIndex 0, blkSz 4",
+                           "numFreeEntries increased by 4, now = 8"}) {
+    EXPECT_TRUE(capture.contains(text)) << text;
+  }
+  EXPECT_TRUE(capture.contains("Deleting freeBlkSet for blkSz = 4"));
+  EXPECT_EQ(texts.back(), "Alloc: blkSz 1, no free blk available");
+  for (const auto& r : capture.records()) {
+    EXPECT_EQ(r.level, 7);
+    EXPECT_EQ(r.handle->name(), "BestFitAllocator");
+  }
+}
+
+TEST(BestFitAllocator, ReallocNeedsTheWholeSpanFree) {
+  Zum::TraceCapture capture(7);
+  auto a = bestFitAllocatorFactory(50, 10, 8);
+  auto b1 = a->alloc(4);  // 0..3
+  auto b2 = a->alloc(4);  // 4..7
+  b1 = nullptr;
+  const Blocks before = freeBlocks(*a);
+  EXPECT_FALSE(a->realloc(2, 4));  // 4 and 5 in use
+  EXPECT_TRUE(capture.contains("Not all the required entries are free."));
+  EXPECT_EQ(freeBlocks(*a), before);
+  EXPECT_EQ(a->numFreeEntries(), 46u);
+
+  auto r = a->realloc(20, 8);  // inside the tail block 8..49
+  EXPECT_EQ(r->index(), 30u);
+  EXPECT_EQ(freeBlocks(*a), (Blocks{{0, 4}, {8, 12}, {28, 22}}));
+  EXPECT_TRUE(capture.contains("Adding a free block up till startIndex."));
+  EXPECT_TRUE(capture.contains("Adding a free block after new realloced block ends."));
+  auto tail = a->realloc(42, 8);
+  auto exact = a->realloc(0, 4);
+  EXPECT_EQ(exact->index(), 10u);
+  EXPECT_FALSE(a->realloc(45, 1));
+  EXPECT_TRUE(capture.contains("No free blocks after startIndex"));
+  checkInvariants(*a);
+}
+
+TEST(BestFitAllocator, DefragmentWithoutFreeEntriesReturnsAnEmptyLog) {
+  Zum::TraceCapture capture(7);
+  auto a = bestFitAllocatorFactory(10, 0, 5);
+  auto b1 = a->alloc(5);
+  auto b2 = a->alloc(5);
+  EXPECT_EQ(a->defragment()->pendingCmdLogs(), 0u);
+  EXPECT_TRUE(capture.contains("No free blocks. Returning."));
+}
+
+TEST(BestFitAllocator, DefragmentMovesTheBlockAfterTheHoleDown) {
+  auto a = bestFitAllocatorFactory(10, 100, 5);
+  auto A = a->alloc(2);
+  auto hole = a->alloc(3);
+  auto B = a->alloc(5);
+  hole = nullptr;
+  Zum::TraceCapture capture(7);
+  auto log = a->defragment();
+  ASSERT_EQ(log->pendingCmdLogs(), 1u);
+  const BFA::PendingCmd& cmd = log->pendingCmdLog(log->pendingCmdLogMetadata().head);
+  EXPECT_EQ(cmd.oldIndex, 105u);
+  EXPECT_EQ(cmd.blk, B);
+  EXPECT_EQ(B->index(), 102u);
+  EXPECT_EQ(freeBlocks(*a), (Blocks{{7, 3}}));
+  EXPECT_EQ(a->inUseBlock(105), nullptr);
+  EXPECT_EQ(valueToStrep(cmd),
+            "Value('Olk::BFA::PendingCmd', ** {'oldIndex': 105, 'blk': Value('Olk::BFA::Blk', ** {'size': 5, "
+            "'index': 102})})");
+  EXPECT_TRUE(capture.contains("start index = 2, Size = 3"));
+  checkInvariants(*a);
+  B = nullptr;  // the log still holds B
+  EXPECT_EQ(a->numFreeEntries(), 3u);
+  log = nullptr;
+  EXPECT_EQ(a->numFreeEntries(), 8u);
+}
+
+TEST(BestFitAllocator, ResizeGrowsIntoTheTailAndShrinksFromIt) {
+  auto a = bestFitAllocatorFactory(10, 0, 4);
+  auto b = a->alloc(4);
+  EXPECT_FALSE(a->resizeMemory(16));
+  EXPECT_EQ(freeBlocks(*a), (Blocks{{4, 12}}));
+  EXPECT_EQ(a->numFreeEntries(), 12u);
+  EXPECT_FALSE(a->resizeMemory(6));
+  EXPECT_EQ(freeBlocks(*a), (Blocks{{4, 2}}));
+  EXPECT_FALSE(a->resizeMemory(4));
+  EXPECT_FALSE(a->resizeMemory(2));  // no free entries: ignored
+  EXPECT_EQ(a->memSz(), 4u);
+  checkInvariants(*a);
+}
+
+// Deliberate: the memory never shrinks below its used entries.
+TEST(BestFitAllocator, ShrinkBelowUsedEntriesDefragmentsAndIsClamped) {
+  auto a = bestFitAllocatorFactory(20, 0, 5);
+  auto hole = a->alloc(5);
+  auto b1 = a->alloc(5);
+  auto b2 = a->alloc(5);
+  hole = nullptr;  // free: 0..4 and 15..19
+  auto log = a->resizeMemory(3);
+  ASSERT_TRUE(log);
+  EXPECT_EQ(log->pendingCmdLogs(), 2u);
+  EXPECT_EQ(a->memSz(), 10u);
+  EXPECT_EQ(a->numFreeEntries(), 0u);
+  EXPECT_EQ(b2->index(), 5u);
+  checkInvariants(*a);
+}
+
+TEST(BestFitAllocator, BlocksKeepTheirAllocatorAlive) {
+  auto a = bestFitAllocatorFactory(10, 0, 5);
+  auto b = a->alloc(3);
+  a = nullptr;
+  EXPECT_EQ(b->allocator()->numFreeEntries(), 7u);
+  b = nullptr;  // frees into the allocator, which then goes
+}
+
+TEST(BestFitAllocator, ArgumentsAreChecked) {
+  EXPECT_DEATH(bestFitAllocatorFactory(0, 0, 1), "memSz\\(\\)");
+  EXPECT_DEATH(bestFitAllocatorFactory(10, 0xFFFFFFFF - 10, 5), "\\( memSz\\(\\) \\+ offset\\(\\) \\) < 0xFFFFFFFF");
+  EXPECT_DEATH(bestFitAllocatorFactory(10, 0, 0), "maxBlkSz\\(\\)");
+  EXPECT_DEATH(bestFitAllocatorFactory(10, 0, 10), "maxBlkSz\\(\\) < memSz\\(\\)");
+  // Deliberate: a sum that wraps past 0xFFFFFFFF is not caught.
+  EXPECT_EQ(bestFitAllocatorFactory(10, 0xFFFFFFFF - 5, 5)->numFreeEntries(), 10u);
+  auto a = bestFitAllocatorFactory(10, 0, 5);
+  EXPECT_DEATH(a->alloc(0), "blkSz");
+  EXPECT_DEATH(a->alloc(6), "blkSz <= maxBlkSz\\(\\)");
+  EXPECT_DEATH(a->realloc(0, 6), "blkSz <= maxBlkSz\\(\\)");
+  EXPECT_DEATH(a->realloc(8, 3), "startIndex \\+ blkSz <= memSz\\(\\)");
+}
+
+// Random alloc/free/realloc/defragment/resize. A simulated table holds a
+// tag per entry; replaying each defragment log on it must carry every
+// block's contents to the block's new index.
+TEST(BestFitAllocator, RandomOperationsKeepInvariantsAndDefragmentLogsReplay) {
+  std::mt19937 rng(5150);
+  const U32 offset = 7000;
+  auto a = bestFitAllocatorFactory(400, offset, 24);
+  std::vector<Ptr<BFA::Blk>> held;
+  std::vector<U64> memory(500, 0);
+  U64 nextTag = 1;
+  int moves = 0, nulls = 0, clamped = 0;
+  auto keep = [&](const Ptr<BFA::Blk>& b) {
+    const U64 tag = nextTag++;
+    for (U32 i = 0; i < b->size(); ++i) memory[b->index() - offset + i] = tag << 16 | i;
+    held.push_back(b);
+  };
+  auto intact = [&](const Ptr<BFA::Blk>& b) {
+    const U64 tag = memory[b->index() - offset] >> 16;
+    for (U32 i = 0; i < b->size(); ++i) {
+      if (memory[b->index() - offset + i] != (tag << 16 | i)) return false;
+    }
+    return true;
+  };
+  auto replay = [&](BFA::PendingCmds& log) {
+    for (; log.pendingCmdLogs() != 0; ++moves) {
+      BFA::PendingCmd cmd = log.pendingCmdLogDeq();
+      const U32 from = cmd.oldIndex - offset;
+      const U32 to = cmd.blk->index() - offset;
+      ASSERT_LT(to, from);
+      for (U32 i = 0; i < cmd.blk->size(); ++i) memory[to + i] = memory[from + i];  // low to high
+    }
+  };
+  for (int op = 0; op < 4000; ++op) {
+    const U32 kind = rng() % 20;
+    const U32 sz = 1 + rng() % a->maxBlkSz();
+    if (kind < 9) {
+      U32 largest = 0;
+      for (const auto& kv : a->freeBlkStartIndexToSzMap()) largest = std::max(largest, kv.second);
+      auto b = a->alloc(sz);
+      ASSERT_EQ(static_cast<bool>(b), largest >= sz);
+      b ? keep(b) : void(++nulls);
+    } else if (kind < 16 && !held.empty()) {
+      std::swap(held[rng() % held.size()], held.back());
+      held.pop_back();
+    } else if (kind < 18) {
+      const U32 start = rng() % (a->memSz() - sz + 1);
+      const std::vector<bool> used = usedMap(*a);
+      const bool spanFree = std::none_of(used.begin() + start, used.begin() + start + sz, [](bool u) { return u; });
+      auto b = a->realloc(start, sz);
+      ASSERT_EQ(static_cast<bool>(b), spanFree);
+      if (b) keep(b);
+    } else if (kind == 18) {
+      replay(*a->defragment());
+      ASSERT_LE(a->freeBlkStartIndexToSzs(), 1u);
+      ASSERT_EQ(a->freeBlkEndIndexToSz(a->memSz() - 1), a->numFreeEntries());
+    } else {
+      const U32 newSz = 300 + rng() % 200;
+      const U32 oldSz = a->memSz();
+      const U32 oldFree = a->numFreeEntries();
+      if (auto log = a->resizeMemory(newSz)) replay(*log);
+      if (newSz >= oldSz) {
+        ASSERT_EQ(a->memSz(), newSz);
+      } else if (oldFree == 0) {
+        ASSERT_EQ(a->memSz(), oldSz);
+      } else {
+        ASSERT_EQ(a->memSz(), std::max(newSz, oldSz - oldFree));  // clamped at the used entries
+        clamped += newSz < oldSz - oldFree;
+      }
+    }
+    checkInvariants(*a);
+    for (const auto& b : held) ASSERT_TRUE(intact(b)) << "block at " << b->index();
+  }
+  // The run must have reached the interesting states.
+  EXPECT_GT(moves, 100);
+  EXPECT_GT(nulls, 10);
+  EXPECT_GT(clamped, 3);
+}

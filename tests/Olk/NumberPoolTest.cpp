@@ -1,0 +1,245 @@
+#include "Olk/NumberPool.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "platform/Exception.h"
+
+using namespace Olk;
+
+namespace {
+
+constexpr U32 top = 4294967295u;
+
+class PoolWatcher : public NumberPool::Notifiee {
+ public:
+  void onPool(U32 max) override { keys.push_back(max); }
+  std::vector<U32> keys;
+};
+
+// Keyed by max, disjoint, non-adjacent, and size() is the sum of the sizes.
+void checkInvariants(const NumberPool& p) {
+  U64 size = 0;
+  const Range* prev = nullptr;
+  for (const auto& [key, r] : p.ranges()) {
+    ASSERT_EQ(key, r.max());
+    if (prev) {
+      ASSERT_GT(U64(r.min()), U64(prev->max()) + 1) << "ranges touch or overlap";
+    }
+    size += r.size();
+    prev = &r;
+  }
+  ASSERT_EQ(size, p.size());
+}
+
+std::vector<Range> rangesOf(const NumberPool& p) {
+  std::vector<Range> out;
+  for (const auto& kv : p.ranges()) out.push_back(kv.second);
+  return out;
+}
+
+template <class F>
+void expectRangeError(F&& f, const char* text) {
+  try {
+    f();
+    ADD_FAILURE() << "no range error";
+  } catch (const Zum::RangeException& e) {
+    EXPECT_STREQ(e.what(), text);
+  }
+}
+
+using Ranges = std::vector<Range>;
+
+}  // namespace
+
+TEST(Range, SizeIs64BitAndMinAboveMaxIsARangeError) {
+  EXPECT_EQ(Range(0, top).size(), 4294967296ull);
+  EXPECT_EQ(Range(7, 7).size(), 1u);
+  expectRangeError([] { Range(6, 5); }, "Range::min > Range::max not allowed");
+  expectRangeError([] { strepToValue<Range>("Value('Olk::Range', ** {'min': 9, 'max': 3})"); },
+                   "Range::min > Range::max not allowed");
+  EXPECT_THROW(strepToValue<Range>("Value('Olk::Range', ** {'max': 3, 'min': 1})"), Zum::RangeException);
+}
+
+TEST(Range, TextFormsRoundTrip) {
+  Range r(1, top);
+  EXPECT_EQ(valueToStrep(r), "Value('Olk::Range', ** {'min': 1, 'max': 4294967295})");
+  EXPECT_EQ(strepToValue<Range>(valueToStrep(r)), r);
+  TimedU32 t{1.5, 7};
+  EXPECT_EQ(valueToStrep(t), "Value('Olk::TimedU32', ** {'timestamp': 1.5, 'number': 7})");
+  EXPECT_EQ(strepToValue<TimedU32>(valueToStrep(t)), t);
+  TimedRange tr{2.0, Range(3, 9)};
+  EXPECT_EQ(valueToStrep(tr),
+            "Value('Olk::TimedRange', ** {'timestamp': 2, 'range': Value('Olk::Range', ** {'min': 3, 'max': 9})})");
+  EXPECT_EQ(strepToValue<TimedRange>(valueToStrep(tr)), tr);
+}
+
+TEST(TimedU32, OrderedByTimeThenNumberAndNanEqualsNothing) {
+  EXPECT_LT((TimedU32{1.0, 9}), (TimedU32{2.0, 1}));
+  EXPECT_LT((TimedU32{1.0, 1}), (TimedU32{1.0, 2}));
+  EXPECT_FALSE((TimedU32{1.0, 2}) < (TimedU32{1.0, 2}));
+  TimedU32 nan{std::nan(""), 1};
+  EXPECT_FALSE(nan == nan);
+}
+
+TEST(NumberPool, AddInsideExistingChangesNothingAndNotifiesNobody) {
+  auto p = numberPoolFactory("p");
+  p->addRange(Range(10, 20));
+  PoolWatcher w;
+  w.notifierIs(p);
+  p->addRange(Range(12, 15));
+  p->addRange(Range(10, 20));
+  p->addNumber(20);
+  p->poolIs(Range(10, 20));
+  EXPECT_TRUE(w.keys.empty());
+  EXPECT_EQ(rangesOf(*p), Ranges{Range(10, 20)});
+}
+
+TEST(NumberPool, AdjacentAndBridgingRangesCoalesce) {
+  auto p = numberPoolFactory("p");
+  p->addRange(Range(1, 5));
+  p->addRange(Range(10, 12));
+  p->addNumber(6);
+  p->addNumber(9);
+  EXPECT_EQ(rangesOf(*p), (Ranges{Range(1, 6), Range(9, 12)}));
+  PoolWatcher w;
+  w.notifierIs(p);
+  p->addRange(Range(7, 8));
+  EXPECT_EQ(rangesOf(*p), Ranges{Range(1, 12)});
+  EXPECT_EQ(w.keys, (std::vector<U32>{6, 12, 12}));  // left removed, right removed, merged stored
+  // Overlapping both ends and swallowing the ranges between.
+  for (U32 i = 2; i < 8; ++i) p->addRange(Range(i * 10, i * 10 + 3));
+  p->addRange(Range(22, 59));
+  EXPECT_EQ(rangesOf(*p), (Ranges{Range(1, 12), Range(20, 63), Range(70, 73)}));
+}
+
+TEST(NumberPool, NoWrapAroundAtZeroOrTop) {
+  auto p = numberPoolFactory("p");
+  p->addRange(Range(top - 3, top));
+  p->addNumber(0);
+  EXPECT_EQ(rangesOf(*p), (Ranges{Range(0, 0), Range(top - 3, top)}));
+  p->addRange(Range(1, 4));
+  p->addRange(Range(top - 10, top - 4));
+  EXPECT_EQ(rangesOf(*p), (Ranges{Range(0, 4), Range(top - 10, top)}));
+  p->delNumber(top);
+  p->delNumber(0);
+  EXPECT_EQ(rangesOf(*p), (Ranges{Range(1, 4), Range(top - 10, top - 1)}));
+}
+
+TEST(NumberPool, FullRangeHasSize2To32) {
+  auto p = numberPoolFactory("p");
+  p->addRange(Range(0, top));
+  EXPECT_EQ(p->size(), 4294967296ull);
+  p->delNumber(12345);
+  EXPECT_EQ(p->size(), 4294967295ull);
+  p->addNumber(12345);
+  EXPECT_EQ(rangesOf(*p), Ranges{Range(0, top)});
+}
+
+TEST(NumberPool, DeleteSplitsTrimsAndIgnoresAbsentNumbers) {
+  auto p = numberPoolFactory("p");
+  p->addRange(Range(1, 20));
+  p->delRange(Range(5, 9));
+  EXPECT_EQ(rangesOf(*p), (Ranges{Range(1, 4), Range(10, 20)}));
+  p->delRange(Range(10, 20));  // exactly one whole range
+  EXPECT_EQ(rangesOf(*p), Ranges{Range(1, 4)});
+  for (U32 i = 1; i < 6; ++i) p->addRange(Range(i * 10, i * 10 + 5));
+  p->delRange(Range(13, 42));  // cuts into 10..15 and 40..45, drops 20..35
+  p->delRange(Range(6, 9));
+  EXPECT_EQ(rangesOf(*p), (Ranges{Range(1, 4), Range(10, 12), Range(43, 45), Range(50, 55)}));
+  checkInvariants(*p);
+}
+
+TEST(NumberPool, MinOfEmptyPoolIsAnInvariantViolation) {
+  auto p = numberPoolFactory("p");
+  EXPECT_DEATH(p->getMin(), "poolIter");
+  EXPECT_DEATH(p->getMinRange(), "poolIter");
+  p->addRange(Range(8, 9));
+  p->addRange(Range(3, 4));
+  EXPECT_EQ(p->getMin(), 3u);
+  EXPECT_EQ(p->getMinRange(), Range(3, 4));
+}
+
+TEST(NumberPool, OverlapsAndCovers) {
+  auto p = numberPoolFactory("p");
+  p->addRange(Range(10, 20));
+  p->addRange(Range(30, 40));
+  EXPECT_TRUE(p->covers(Range(10, 20)));
+  EXPECT_FALSE(p->covers(Range(15, 30)));
+  EXPECT_TRUE(p->overlaps(Range(20, 29)));
+  EXPECT_FALSE(p->overlaps(Range(21, 29)));
+  EXPECT_FALSE(p->overlaps(Range(41, top)));
+}
+
+// Random adds and deletes against a std::set, over numbers near both ends
+// of the number space so the no-wrap steps are exercised.
+TEST(NumberPool, MatchesSetModelUnderRandomRangeOperations) {
+  std::mt19937 rng(20261121);
+  const U32 span = 160;  // universe: 0..159 and top-159..top
+  auto toNumber = [&](U32 u) { return u < span ? u : top - (2 * span - 1 - u); };
+  auto p = numberPoolFactory("p");
+  std::set<U32> model;
+  for (int op = 0; op < 6000; ++op) {
+    const U32 a = rng() % (2 * span);
+    const U32 b = std::min<U32>(a + rng() % 13, a < span ? span - 1 : 2 * span - 1);
+    const Range r(toNumber(a), toNumber(b));
+    const bool add = rng() % 2;
+    add ? p->addRange(r) : p->delRange(r);
+    for (U32 u = a; u <= b; ++u) add ? void(model.insert(toNumber(u))) : void(model.erase(toNumber(u)));
+    checkInvariants(*p);
+    ASSERT_EQ(p->size(), model.size()) << "after " << valueToStrep(r);
+    for (U32 u = 0; u < 2 * span; ++u) ASSERT_EQ(p->isMember(toNumber(u)), model.count(toNumber(u)) == 1);
+  }
+}
+
+TEST(TimedNumberPool, ReAddingANumberMovesItToTheNewTimestamp) {
+  auto t = timedNumberPoolFactory("t");
+  t->addNumber(TimedU32{1.0, 5});
+  t->addNumber(TimedU32{2.0, 5});
+  EXPECT_FALSE(t->timedPoolHas(1.0));
+  EXPECT_EQ(t->getEarliest(), (TimedU32{2.0, 5}));
+  t->addNumber(TimedU32{1.5, 7});
+  EXPECT_EQ(t->getEarliest(), (TimedU32{1.5, 7}));
+  EXPECT_EQ(t->size(), 2u);
+}
+
+TEST(TimedNumberPool, DeletingDropsEmptiedTimestampsAndNotifies) {
+  auto t = timedNumberPoolFactory("t");
+  struct Watcher : TimedNumberPool::Notifiee {
+    void onTimedPool(Seconds ts) override { times.push_back(ts); }
+    std::vector<Seconds> times;
+  } w;
+  w.notifierIs(t);
+  t->addRange(TimedRange{3.0, Range(20, 29)});
+  t->addRange(TimedRange{3.0, Range(5, 6)});
+  t->addNumber(TimedU32{4.0, 1});
+  EXPECT_EQ(t->getEarliestRange(), (TimedRange{3.0, Range(5, 6)}));
+  t->delNumber(5);
+  t->delNumber(100);  // not a member
+  EXPECT_EQ(rangesOf(*t->timedPool(3.0)), (Ranges{Range(6, 6), Range(20, 29)}));
+  t->delRange(Range(0, 29));
+  EXPECT_EQ(w.times, (std::vector<Seconds>{3.0, 4.0, 3.0, 4.0}));
+  EXPECT_TRUE(t->isEmpty());
+  EXPECT_DEATH(t->getEarliest(), "timedPoolIter");
+  EXPECT_DEATH(t->getEarliestRange(), "timedPoolIter");
+}
+
+// Deliberate: addRange leaves numbers in their other buckets, and a wrong
+// time stamp takes a number out of the union only.
+TEST(TimedNumberPool, DeliberateAsymmetries) {
+  auto t = timedNumberPoolFactory("t");
+  t->addRange(TimedRange{1.0, Range(1, 4)});
+  t->addRange(TimedRange{2.0, Range(3, 6)});
+  EXPECT_TRUE(t->timedPool(1.0)->isMember(3));
+  EXPECT_TRUE(t->timedPool(2.0)->isMember(3));
+  t->delTimedNumber(TimedU32{9.0, 1});
+  EXPECT_FALSE(t->isMember(1));
+  EXPECT_TRUE(t->timedPool(1.0)->isMember(1));
+  t->delTimedRange(TimedRange{2.0, Range(3, 6)});
+  EXPECT_FALSE(t->timedPoolHas(2.0));
+  EXPECT_EQ(t->size(), 1u);  // 2 is left; 3 and 4 stay only in the bucket of 1.0
+}
