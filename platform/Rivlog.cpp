@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 
+#include "Olk/DumpContext.h"
 #include "platform/Exception.h"
 #include "platform/Format.h"
 
@@ -86,6 +87,22 @@ std::string recordText(const Record& r) {
                      local.tm_hour, local.tm_min, local.tm_sec,
                      static_cast<unsigned>(r.timeNs % 1000000000u / 1000u), r.handle->name().c_str(),
                      static_cast<unsigned>(r.level), r.text);
+}
+
+void dump(const Zum::Ptr<const Olk::DumpContext>& ctx) {
+  const Ring& r = ring();
+  std::vector<Record> records = r.records();
+  Olk::objDumpPrintf(ctx, "Rivlog ring: %u records kept of %llu written, capacity %u\n", r.size(),
+                     static_cast<unsigned long long>(r.written()), r.capacity());
+  std::size_t skip = 0;
+  if (ctx && records.size() > ctx->maxListEntriesDumped()) {
+    skip = records.size() - ctx->maxListEntriesDumped();
+    ctx->truncatedIs(true);
+    Olk::objDumpPrintf(ctx, "  (%zu older records not dumped)\n", skip);
+  }
+  for (std::size_t i = skip; i < records.size(); ++i) {
+    Olk::objDumpPrintf(ctx, "  %s\n", recordText(records[i]).c_str());
+  }
 }
 
 }  // namespace Rivlog

@@ -6,7 +6,8 @@
 // ring of fixed-size records kept in this process's memory, so that after
 // something went wrong the last few thousand events can be dumped. Writing a
 // record is one clock read and one bounded vsnprintf into the next slot; no
-// allocation, no system call, no lock.
+// allocation, no system call, no lock. dump() writes the ring through an
+// Olk::DumpContext.
 //
 //   static Rivlog::Handle& rh = Rivlog::handle("MallocTrimmer");
 //   RIVLOG(rh, 3, "freed %u bytes in %u calls", freed, calls);
@@ -27,6 +28,10 @@
 
 #include "platform/Ptr.h"
 #include "platform/Types.h"
+
+namespace Olk {
+class DumpContext;
+}
 
 namespace Rivlog {
 
@@ -100,6 +105,12 @@ void write(const Handle& h, int level, const char* fmt, ...) __attribute__((form
 
 // "<seq> <hh:mm:ss.uuuuuu> <handle>/<level> <text>": how a record reads in a dump.
 std::string recordText(const Record& r);
+
+// Writes a heading line and the kept records of the process's ring, oldest
+// first, one line each. At most the context's maxListEntriesDumped records
+// are written, the newest ones; when older ones are left out, a line says
+// how many and the context is marked truncated.
+void dump(const Zum::Ptr<const Olk::DumpContext>& ctx);
 
 }  // namespace Rivlog
 
