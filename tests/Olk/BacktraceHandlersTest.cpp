@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 
 #include <cstdlib>
@@ -16,9 +17,11 @@ void noCoreFiles() {
   setrlimit(RLIMIT_CORE, &none);
 }
 
-[[gnu::noinline]] void writeThroughNull() {
-  volatile int* volatile p = nullptr;  // volatile: neither the load nor the store may go
-  *p = 1;
+// A real fault on a valid-looking pointer (a null one would be caught by
+// the undefined-behaviour checker first).
+[[gnu::noinline]] void writeToProtectedPage() {
+  void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  *static_cast<volatile int*>(page) = 1;
 }
 
 }  // namespace
@@ -28,7 +31,7 @@ TEST(BacktraceHandlersDeathTest, SegfaultPrintsBacktraceAndDiesOfSignal) {
       {
         noCoreFiles();
         installBacktraceHandlers();
-        writeThroughNull();
+        writeToProtectedPage();
       },
       testing::KilledBySignal(SIGSEGV),
       "Caught signal 11 \\(SIGSEGV\\), backtrace:\n.*libolk[^\n]*\\[0x[0-9a-f]+\\]\n.*\\[0x[0-9a-f]+\\]\n");
