@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <thread>
 
 namespace {
 
@@ -44,17 +42,4 @@ TEST(Netns, SetnsByNameFailsWithoutMovingTheThread) {
   EXPECT_EQ(Zum::setnsByName("whatever", CLONE_NEWUTS), -1);
   EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(threadNetnsInode(), before);
-}
-
-TEST(Netns, DefaultNamesTheInitialNamespace) {
-  // Done in a thread, which may be moved without disturbing the test's own.
-  std::thread([] {
-    int rc = Zum::setnsByName(Zum::DEFAULT_NS, CLONE_NEWNET);
-    if (rc != 0) {
-      GTEST_SKIP() << "cannot enter the initial namespace here: " << strerror(errno);
-    }
-    struct stat initial;
-    ASSERT_EQ(stat("/proc/1/ns/net", &initial), 0);
-    EXPECT_EQ(threadNetnsInode(), initial.st_ino);
-  }).join();
 }

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "Olk/DumpContext.h"
-#include "platform/Exception.h"
 
 namespace {
 
@@ -85,10 +84,6 @@ TEST_F(RivlogTest, CutsLongTextToRecordSize) {
   std::string longText(300, 'x');
   RIVLOG(h, 0, "%s", longText.c_str());
   EXPECT_EQ(texts().front(), std::string(Rivlog::textCapacity - 1, 'x'));
-}
-
-TEST_F(RivlogTest, RefusesEmptyCapacity) {
-  EXPECT_THROW(Rivlog::ring().capacityIs(0), Zum::RangeException);
 }
 
 TEST_F(RivlogTest, RecordTextNamesNumberHandleAndLevel) {
