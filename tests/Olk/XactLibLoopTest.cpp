@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <deque>
 #include <map>
+#include <memory>
 #include <random>
 #include <vector>
 
