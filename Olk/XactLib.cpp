@@ -319,7 +319,6 @@ void XactAggregatorSm::handleDel() {
   forEachConfigDir([](XactConfigDir& dir) { dir.xactConfigDelAll(); });
 }
 
-
 Seconds XactAggregatorSm::now() const { return clock_ ? clock_->notifier()->now() : wallNow(); }
 
 Ptr<Zum::Clock> XactAggregatorSm::clock() const { return clock_ ? clock_->notifier() : nullptr; }
