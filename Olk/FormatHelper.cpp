@@ -1,11 +1,10 @@
 #include "Olk/FormatHelper.h"
 
-#include <time.h>
-
 #include <cctype>
 #include <cmath>
 #include <limits>
 
+#include "platform/Clock.h"
 #include "platform/Format.h"
 
 namespace Olk {
@@ -25,12 +24,6 @@ String formatSignedInterval(S64 seconds) {
   return Zum::format("%s%02llu:%02llu:%02llu", sign, static_cast<unsigned long long>(inDay / 3600),
                      static_cast<unsigned long long>(inDay / 60 % 60),
                      static_cast<unsigned long long>(inDay % 60));
-}
-
-Seconds wallNow() {
-  timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<Seconds>(ts.tv_sec) + static_cast<Seconds>(ts.tv_nsec) * 1e-9;
 }
 
 // The hex column of one line: " xx" per byte, one extra blank after the
@@ -122,7 +115,7 @@ Duration seconds2duration(Seconds s) {
 TimeStamp seconds2timeStamp(Seconds t) {
   if (t == Zum::endOfTime) return TimeStamp::max();
   return std::chrono::steady_clock::now() +
-         std::chrono::duration_cast<std::chrono::steady_clock::duration>(seconds2duration(t - wallNow()));
+         std::chrono::duration_cast<std::chrono::steady_clock::duration>(seconds2duration(t - Zum::wallTime()));
 }
 
 }  // namespace Olk

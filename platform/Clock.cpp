@@ -110,11 +110,21 @@ std::size_t Clock::fireDue(Seconds t) {
   return fired;
 }
 
-Seconds SystemClock::now() const {
+namespace {
+
+Seconds readClock(clockid_t id) {
   timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
+  clock_gettime(id, &ts);
   return static_cast<Seconds>(ts.tv_sec) + static_cast<Seconds>(ts.tv_nsec) * 1e-9;
 }
+
+}  // namespace
+
+Seconds wallTime() { return readClock(CLOCK_REALTIME); }
+
+Seconds monotonicTime() { return readClock(CLOCK_MONOTONIC); }
+
+Seconds SystemClock::now() const { return wallTime(); }
 
 void ManualClock::nowIs(Seconds t) {
   ZUM_ASSERT(!std::isnan(t));

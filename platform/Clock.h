@@ -110,6 +110,11 @@ class ManualClock : public Clock {
   Seconds now_;
 };
 
+// The wall clock (CLOCK_REALTIME) and the monotonic clock, in seconds. Only
+// the platform reads them directly; components take a Clock.
+Seconds wallTime();
+Seconds monotonicTime();
+
 Ptr<SystemClock> systemClockFactory();
 // A manual clock starting at `start` seconds.
 Ptr<ManualClock> manualClockFactory(Seconds start = 1000.0);

@@ -1,10 +1,10 @@
 #include "platform/Log.h"
 
 #include <syslog.h>
-#include <time.h>
 
 #include <cstdio>
 
+#include "platform/Clock.h"
 #include "platform/Format.h"
 
 namespace Zum {
@@ -14,12 +14,6 @@ namespace {
 LogSink& sink() {
   static LogSink s;
   return s;
-}
-
-Seconds monotonicNow() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<Seconds>(ts.tv_sec) + static_cast<Seconds>(ts.tv_nsec) * 1e-9;
 }
 
 void write(const LogRecord& r) {
@@ -40,7 +34,7 @@ LogSink logSinkIs(LogSink s) {
 }
 
 bool LogMessage::admit() const {
-  Seconds now = monotonicNow();
+  Seconds now = monotonicTime();
   if (now - lastWritten_ < minInterval_) {
     ++suppressedSinceLast_;
     ++suppressedTotal_;

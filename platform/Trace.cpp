@@ -1,12 +1,11 @@
 #include "platform/Trace.h"
 
-#include <time.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
 
+#include "platform/Clock.h"
 #include "platform/Exception.h"
 #include "platform/Format.h"
 
@@ -59,12 +58,6 @@ Registry& registry() {
   return r;
 }
 
-Seconds wallNow() {
-  timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<Seconds>(ts.tv_sec) + static_cast<Seconds>(ts.tv_nsec) * 1e-9;
-}
-
 int parseLevel(std::string_view text) {
   if (text == "*") return traceLevelMax;
   if (text.size() == 1 && text[0] >= '0' && text[0] <= '9') return text[0] - '0';
@@ -109,7 +102,7 @@ std::string traceLineText(const TraceRecord& r) {
 }
 
 TraceLine::~TraceLine() {
-  TraceRecord record{wallNow(), &handle_, level_, function_, text_.str()};
+  TraceRecord record{wallTime(), &handle_, level_, function_, text_.str()};
   const TraceSink& sink = registry().sink;
   if (sink) {
     sink(record);
