@@ -663,11 +663,15 @@ void HashTable::logPendingState() {
 
 bool HashTable::verifyCuckooCmdsHitless() const {
   const Ptr<CuckooCmds>& cmds = status()->cuckooCmds();
-  if (cmds->itemSeqs() != cmdPriorItems_.size()) {
+  // An agent may dequeue writes as it applies them: the list then lost its
+  // head, and the records of those writes are skipped.
+  if (cmds->itemSeqs() > cmdPriorItems_.size()) {
     ZUM_TRACE(tr, 3) << "Command list changed outside the table: " << cmds->itemSeqs() << " commands, "
                      << cmdPriorItems_.size() << " known";
     return false;
   }
+  const size_t applied = cmdPriorItems_.size() - cmds->itemSeqs();
+  auto priorItem = [&](size_t i) { return cmdPriorItems_[applied + i]; };
   // Rebuild the hardware state the list starts from: the shadow with the
   // list's writes undone, latest first.
   std::unordered_map<CuckooLocation, Ptr<HashItem const>> hwTable(itemShadow_.begin(), itemShadow_.end());
@@ -680,8 +684,8 @@ bool HashTable::verifyCuckooCmdsHitless() const {
                        << cuckooItem->location() << " found " << present;
       return false;
     }
-    if (cmdPriorItems_[i]) {
-      hwTable[cuckooItem->location()] = cmdPriorItems_[i];
+    if (priorItem(i)) {
+      hwTable[cuckooItem->location()] = priorItem(i);
     } else {
       hwTable.erase(cuckooItem->location());
     }
@@ -692,7 +696,7 @@ bool HashTable::verifyCuckooCmdsHitless() const {
   for (const auto& kv : hwTable) ++itemToLoc[kv.second];
   for (size_t i = 0; i < cmds->itemSeqs(); ++i) {
     const Ptr<CuckooItem const>& cuckooItem = cmds->itemSeq(i);
-    const Ptr<HashItem const> prevItem = cmdPriorItems_[i];
+    const Ptr<HashItem const> prevItem = priorItem(i);
     if (cuckooItem->item()) ++itemToLoc[cuckooItem->item()];  // first, in case it rewrites prevItem
     if (prevItem) {
       ZUM_ASSERT(hwTable.count( cuckooItem->location() ));

@@ -493,7 +493,8 @@ class HashTable : public Zum::Entity {
   // stay pending; runs from the clock.
   void reviewPendingItems();
   // Replays status.cuckooCmds on a copy of the hardware state and answers
-  // whether no write loses the last copy of an item. Changes nothing.
+  // whether no write loses the last copy of an item. Writes the agent already
+  // dequeued count as applied. Changes nothing.
   bool verifyCuckooCmdsHitless() const;
 
   // Operator dumps: per-table counts and occupied slots; change nothing.
