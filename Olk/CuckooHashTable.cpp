@@ -37,7 +37,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <ostream>
-#include <sstream>
 #include <unordered_set>
 
 #include "platform/ActivityManager.h"
@@ -731,26 +730,50 @@ bool HashTable::verifyCuckooCmdsHitless() const {
 
 // ---- HashTable: dumps ------------------------------------------------------
 
-void HashTable::currentSnapshot(std::ostream& os) const {
-  os << "HashTable " << name() << " occupancy: " << status()->occupancy()
-     << " pendingItems: " << status()->pendingItemSets() << " commands: " << status()->cuckooCmds()->itemSeqs()
-     << " cycleCount: " << status()->cycleCount() << " longestCycle: " << status()->longestCycle()
-     << " retryCount: " << status()->retryCount() << "\n";
+void HashTable::currentSnapshot(const Ptr<const DumpContext>& dumpCtx) const {
+  objDumpPrintf(dumpCtx,
+                "HashTable %s occupancy: %.3f pendingItems: %zu commands: %zu cycleCount: %u longestCycle: %u "
+                "retryCount: %u totalCmdReadCompleted: %u\n",
+                name().c_str(), double(status()->occupancy()), status()->pendingItemSets(),
+                status()->cuckooCmds()->itemSeqs(), status()->cycleCount(), status()->longestCycle(),
+                status()->retryCount(), status()->totalCmdReadCompleted());
   for (const auto& [tableId, stat] : status()->tableStat()) {
-    os << "  Table[" << tableId << "] numOfHashItems: " << stat->numOfHashItems() << " / "
-       << (stat->tableDesc() ? stat->tableDesc()->capacity() : 0) << ", numOfEvicts: " << stat->numOfEvicts()
-       << "\n";
+    objDumpPrintf(dumpCtx, "  Table[%s] numOfHashItems: %u / %u, numOfEvicts: %u\n", valueToStrep(tableId).c_str(),
+                  stat->numOfHashItems(), stat->tableDesc() ? stat->tableDesc()->capacity() : 0u, stat->numOfEvicts());
   }
 }
 
-void HashTable::displayItems(std::ostream& os, U32 verbosity) const {
-  currentSnapshot(os);
+namespace {
+
+// Prints one line per entry, stopping at the context's cap.
+template <class Items, class Line>
+void dumpList(const Ptr<const DumpContext>& dumpCtx, const Items& items, Line line) {
+  const U32 cap = dumpCtx ? dumpCtx->maxListEntriesDumped() : DumpContext::defaultMaxListEntriesDumped;
+  U32 n = 0;
+  for (const auto& entry : items) {
+    if (n++ == cap) {
+      if (dumpCtx) dumpCtx->truncatedIs(true);
+      objDumpPrintf(dumpCtx, "  ... truncated at %u entries\n", cap);
+      return;
+    }
+    line(entry);
+  }
+}
+
+}  // namespace
+
+void HashTable::displayItems(U32 verbosity, const Ptr<const DumpContext>& dumpCtx) const {
+  currentSnapshot(dumpCtx);
   if (verbosity >= 1) {
-    for (const Ptr<HashItem const>& item : status()->pendingItemSet()) os << "  pending " << item << "\n";
+    dumpList(dumpCtx, status()->pendingItemSet(), [&](const Ptr<HashItem const>& item) {
+      objDumpPrintf(dumpCtx, "  pending %s\n", item->toStrep().c_str());
+    });
   }
   if (verbosity >= 2) {
-    std::map<CuckooLocation, Ptr<HashItem const>> ordered(itemShadow_.begin(), itemShadow_.end());
-    for (const auto& [location, item] : ordered) os << "  " << location << " " << item << "\n";
+    const std::map<CuckooLocation, Ptr<HashItem const>> ordered(itemShadow_.begin(), itemShadow_.end());
+    dumpList(dumpCtx, ordered, [&](const auto& slot) {
+      objDumpPrintf(dumpCtx, "  %s %s\n", valueToStrep(slot.first).c_str(), slot.second->toStrep().c_str());
+    });
   }
 }
 

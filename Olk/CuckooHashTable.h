@@ -23,6 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Olk/DumpContext.h"
 #include "platform/Clock.h"
 #include "platform/Collection.h"
 #include "platform/Entity.h"
@@ -497,10 +498,13 @@ class HashTable : public Zum::Entity {
   // dequeued count as applied. Changes nothing.
   bool verifyCuckooCmdsHitless() const;
 
-  // Operator dumps: per-table counts and occupied slots; change nothing.
-  void currentSnapshot(std::ostream& os) const;
-  // verbosity 0: counts only; 1: also the pending items; 2: also every slot.
-  void displayItems(std::ostream& os, U32 verbosity) const;
+  // Operator dumps through `dumpCtx` (standard output when null); they change
+  // nothing in the table. The snapshot gives the totals and per-table counts.
+  void currentSnapshot(const Ptr<const DumpContext>& dumpCtx = nullptr) const;
+  // verbosity 0: the snapshot; 1: also the pending items; 2: also every
+  // occupied slot in location order. Lists stop at the context's
+  // maxListEntriesDumped and then mark it truncated.
+  void displayItems(U32 verbosity, const Ptr<const DumpContext>& dumpCtx = nullptr) const;
 
  protected:
   void handleInitialized() override;

@@ -5,7 +5,6 @@
 //   CuckooHashTableDemo [items] [seed]
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <random>
 #include <vector>
 
@@ -65,6 +64,7 @@ int main(int argc, char** argv) {
     std::printf("table %u: %u / %u slots (%.3f), evictions %u\n", unsigned(tableId.value()), stat->numOfHashItems(),
                 stat->tableDesc()->capacity(), stat->occupancy(), stat->numOfEvicts());
   }
-  table->currentSnapshot(std::cout);
+  std::fflush(stdout);
+  table->currentSnapshot();
   return 0;
 }

@@ -6,7 +6,6 @@
 #include <optional>
 #include <random>
 #include <set>
-#include <sstream>
 
 #include "platform/Clock.h"
 #include "platform/Log.h"
@@ -583,14 +582,35 @@ TEST(CuckooHashTable, PendingAlarmRaisedAndCleared) {
   Zum::logSinkIs(old);
 }
 
-TEST(CuckooHashTable, DumpsListCountsAndSlots) {
+namespace {
+
+struct Collect : DumpWriteCallbackBase {
+  String text;
+  int write(const void* buffer, U32 length) override {
+    text.append(static_cast<const char*>(buffer), length);
+    return int(length);
+  }
+};
+
+}  // namespace
+
+TEST(CuckooHashTable, DumpsListCountsAndSlotsUpToTheCap) {
   Fixture f({{8, 1}});
   f.start();
   f.table->insertItem(item(7, 3, 0));
-  std::ostringstream os;
-  f.table->displayItems(os, 2);
-  EXPECT_NE(String::npos, os.str().find("Table[( 0 )] numOfHashItems: 1 / 8"));
-  EXPECT_NE(String::npos, os.str().find("TableId/BinId/Index: ( 0, 0, 3 ) IntHashItem( 7; 3, 0, 0 )"));
+  f.table->insertItem(item(8, 5, 0));
+  Collect out;
+  Ptr<DumpContext> ctx = dumpContextFactory(1, nullptr, dumpNormal);
+  ctx->writeCallbackIs(&out);
+  f.table->displayItems(2, ctx);
+  EXPECT_NE(String::npos, out.text.find("Table[( 0 )] numOfHashItems: 2 / 8, numOfEvicts: 0"));
+  EXPECT_NE(String::npos, out.text.find("TableId/BinId/Index: ( 0, 0, 3 ) IntHashItem( 7; 3, 0, 0 )"));
+  EXPECT_FALSE(ctx->truncated());
+  out.text.clear();
+  ctx->maxListEntriesDumpedIs(1);
+  f.table->displayItems(2, ctx);
+  EXPECT_EQ(String::npos, out.text.find("( 0, 0, 5 )"));
+  EXPECT_TRUE(ctx->truncated());
 }
 
 TEST(CuckooHashTableDeathTest, BrokenChainInAPathAborts) {
