@@ -75,7 +75,8 @@ void refuseReshape(const Ptr<TableDescriptor const>& old, U32 tableSize, U32 bin
   if (old->binSize() != binSize) throw Zum::RangeException(Zum::format(text, "_binSize", unsigned(old->binSize()), binSize));
 }
 
-// Stores a descriptor in `slot` unless an equal one is there; answers whether it changed.
+// Stores a descriptor in `slot` unless an equal one is there; answers whether
+// it changed. The new one is built first so a bad bin count is refused either way.
 bool storeDescriptor(Ptr<TableDescriptor const>& slot, TableId tableId, U32 tableSize, U32 binSize) {
   Ptr<TableDescriptor const> fresh = tableDescriptorFactory(tableId, tableSize, binSize);
   if (!slot) {
