@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config
   zlib1g-dev libboost-filesystem-dev libboost-system-dev libboost-iostreams-dev
-  libgtest-dev libgmock-dev libbenchmark-dev libroaring-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libroaring-dev libcuckoo-dev
 )
 
 missing=()
