@@ -45,7 +45,7 @@ struct HeadNTail;
 
 // Internal operations on the wheel, kept out of the class interface.
 namespace TimerWheelImpl {
-struct Ops;
+struct __attribute__((visibility("hidden"))) Ops;
 }
 
 class TimerWheel : public Zum::Entity {
@@ -141,7 +141,7 @@ class TimerWheel : public Zum::Entity {
 
   struct Bucket {
     U32 size;
-    std::unique_ptr<HeadNTail*[]> slots;  // size entries; null for an empty slot
+    std::unique_ptr<HeadNTail[]> slots;  // size entries, each a slot list; h null when empty
     U32 current;                          // slot of the present wheel time; invalid while idle
     U32 timers;                           // timers filed in this bucket
   };
@@ -162,7 +162,6 @@ class TimerWheel : public Zum::Entity {
   bool systemClockTakesOffsetTime_ = false;
   bool initialized_ = false;
   std::unique_ptr<SystemClockReactor> reactor_;
-  std::vector<HeadNTail*> spareLists_;  // emptied slot lists kept for reuse
 };
 
 Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock, U32 tickMsecs,
