@@ -67,8 +67,20 @@ U64 roundedMsecs(Seconds seconds) {
   return whole + (ms - static_cast<double>(whole) > 0.5);
 }
 
-// a / b, in 32-bit arithmetic when a fits (several times cheaper).
-U64 divide(U64 a, U32 b) { return a <= 0xFFFFFFFF ? static_cast<U32>(a) / b : a / b; }
+// a / b rounded down, given inverse = 1.0 / b. Filing divides twice per
+// timer and a hardware divide costs more than the rest of the filing, so
+// the quotient comes from a multiplication, corrected by one when the
+// rounding of the inverse put it off. Past 2^40 the error could exceed one.
+U64 divide(U64 a, U32 b, double inverse) {
+  if (a >= (U64(1) << 40)) return a / b;
+  U64 q = static_cast<U64>(static_cast<double>(a) * inverse);
+  if (q * b > a) {
+    --q;
+  } else if ((q + 1) * b <= a) {
+    ++q;
+  }
+  return q;
+}
 
 }  // namespace
 
@@ -105,7 +117,8 @@ struct Ops {
   static NotifieeConst* next(const NotifieeConst* n) { return n->next_; }
   static NotifieeConst* prev(const NotifieeConst* n) { return n->prev_; }
 
-  static Seconds now(const TimerWheel* tw) { return tw->systemClock()->now(); }
+  static Zum::Clock* clock(const TimerWheel* tw) { return tw->reactor_->notifier().ptr(); }
+  static Seconds now(const TimerWheel* tw) { return clock(tw)->now(); }
   static Seconds ticksToSeconds(const TimerWheel* tw, U64 ticks) {
     return static_cast<Seconds>(ticks * tw->tickMsecs_) / 1000.0;
   }
@@ -127,7 +140,7 @@ struct Ops {
     ZUM_ASSERT(now != endOfTime);
     if (now >= n->timeMin_ || n->timeMin_ == 0.0) return 0;
     const U64 ms = roundedMsecs(n->timeMin_ - now);
-    const U64 ticks = divide(ms + tw->tickMsecs_ - 1, tw->tickMsecs_);
+    const U64 ticks = divide(ms + tw->tickMsecs_ - 1, tw->tickMsecs_, tw->tickInverse_);
     return static_cast<U32>(std::min<U64>(ticks, 0xFFFFFFFF));
   }
 
@@ -161,8 +174,9 @@ struct Ops {
     U64 t = ticks;
     const U32 last = tw->bucketCount() - 1;
     for (U32 b = 0;; ++b) {
-      const U64 size = tw->bucketSize(b);
-      const U64 current = tw->currentWheelIndex(b);
+      const TimerWheel::Bucket& bucket = tw->buckets_[b];
+      const U64 size = bucket.size;
+      const U64 current = bucket.current;
       if (t < size - current) {
         fileAt(tw, n, b, static_cast<U32>(current + t));
         return;
@@ -175,7 +189,7 @@ struct Ops {
         fileAt(tw, n, b, static_cast<U32>((current + t) % size));
         return;
       }
-      t = divide(t + current, static_cast<U32>(size));
+      t = divide(t + current, bucket.size, bucket.sizeInverse);
     }
   }
 
@@ -256,7 +270,7 @@ struct Ops {
     const Seconds elapsed = now(tw) - tw->currentWheelIndexTime();
     const U64 ms = elapsed > 0 ? roundedMsecs(elapsed) : 0;
     if (ms < tw->tickMsecs_) return;  // not a whole tick yet
-    const U64 d = divide(ms, tw->tickMsecs_);
+    const U64 d = divide(ms, tw->tickMsecs_, tw->tickInverse_);
     const U32 c = tw->currentWheelIndex(0);
     const U32 s = tw->scheduledWheelIndex();
     ZUM_TRACE(tr, 9) << "PullingUp current index " << c << " sched index " << s << " now dist "
@@ -280,7 +294,7 @@ struct Ops {
 
   // Files n at its timeMin, which is finite.
   static void addTimer(TimerWheel* tw, NotifieeConst* n) {
-    if (!tw->systemClock()) {
+    if (!clock(tw)) {
       ZUM_TRACE(tr, 5) << "Setting notifiee " << id(n) << " to endOfTime";
       n->timeMin_ = endOfTime;
     } else if (tw->systemClockHandlerActive()) {
@@ -387,6 +401,7 @@ TimerWheel::TimerWheel(const Ptr<Zum::Clock>& systemClock, U32 tickMsecs, U32 in
   if (defaultBucketSize < 2 || defaultBucketSize > 0x10000) {
     throw Zum::RangeException("TimerWheel::defaultBucketSize < 2 or > 0x10000 not allowed");
   }
+  tickInverse_ = 1.0 / tickMsecs;
   reactor_->notifierIs(systemClock);
 }
 
@@ -430,7 +445,7 @@ void TimerWheel::doAddNewBucket(BucketSize size) {
   const U32 b = bucketCount();
   ZUM_TRACE(tr, 5) << "TimerWheel::doAddNewBucket" << " ## Add a new bucket to index " << b
                    << " of size " << size.value();
-  buckets_.push_back(Bucket{size, std::make_unique<HeadNTail[]>(size), 0, 0});
+  buckets_.push_back(Bucket{size, std::make_unique<HeadNTail[]>(size), 0, 0, 1.0 / size});
   maxTicks_ = static_cast<U32>(std::min<U64>(U64(maxTicks_) * size, 0xFFFFFFFF));
   ZUM_TRACE(tr, 5) << "Total number of buckets now is " << bucketCount();
 }

@@ -144,11 +144,13 @@ class TimerWheel : public Zum::Entity {
     std::unique_ptr<HeadNTail[]> slots;  // size entries, each a slot list; h null when empty
     U32 current;                          // slot of the present wheel time; invalid while idle
     U32 timers;                           // timers filed in this bucket
+    double sizeInverse;                   // 1.0 / size, for dividing without div
   };
 
   void handleSystemClock();
 
   U32 tickMsecs_;
+  double tickInverse_;  // 1.0 / tickMsecs_, for dividing without div
   U32 initialMaxTicks_;
   bool preserveOrder_;
   U32 defaultBucketSize_;
