@@ -451,6 +451,7 @@ void TimerWheel::doAddNewBucket(BucketSize size) {
 }
 
 void TimerWheel::newNotifieeInternal(Zum::RootNotifiee* root) const {
+  if (!initialized()) return;  // no buckets to file into yet
   auto* tw = const_cast<TimerWheel*>(this);
   auto* n = static_cast<NotifieeConst*>(root);
   ZUM_TRACE(tr, 9) << "newNotifiee: " << id(n) << " timeMin is " << n->timeMin();

@@ -370,6 +370,28 @@ TEST_F(TimerWheelTest, RegistrationFilesAPresetTime) {
   expectIdle();
 }
 
+// A wheel that attaches a timer before its buckets exist.
+class EagerWheel : public TimerWheel {
+ public:
+  using TimerWheel::TimerWheel;
+  TimerWheel::NotifieeConst early;
+
+ protected:
+  void handleInitialized() override {
+    early.timeMinIs(1000.05);
+    early.notifierIs(Ptr<TimerWheel>(this));
+    TimerWheel::handleInitialized();
+  }
+};
+
+TEST(TimerWheelRegistration, NothingIsFiledBeforeTheBucketsExist) {
+  auto clock = Zum::manualClockFactory(1000.0);
+  auto wheel = Zum::create<EagerWheel>(clock, 10, 1000, false, 64);
+  EXPECT_EQ(wheel->early.wheelIndex(), InvalidWheelIndex);
+  EXPECT_EQ(wheel->timers(), 0u);
+  wheel->early.notifierIs(nullptr);
+}
+
 TEST_F(TimerWheelTest, BrokenInvariantsAbortNamingTheExpression) {
   Timer t(wheel);
   EXPECT_DEATH(t.timeMinIs(std::nan("")), "!isnan\\( n->timeMin\\(\\) \\)");
