@@ -97,8 +97,9 @@ void objDumpPrintf(const Ptr<const DumpContext>& dumpCtx, const char* fmt, ...) 
     }
     n += std::vsnprintf(buf + n, size - static_cast<size_t>(n), fmt, args);
     ZUM_ASSERT(n < (int)dumpCtx->dumpBufSize());
-    // An empty text has nothing to emit; only a sink that takes nothing fails.
-    result = n > 0 ? emit(*dumpCtx, n) : 0;
+    // Even an empty text is handed to the sink: a sink that takes no bytes
+    // has failed, whatever it was given.
+    result = emit(*dumpCtx, n);
     countLines(*dumpCtx, n);
   }
   va_end(args);

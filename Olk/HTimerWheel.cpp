@@ -22,16 +22,16 @@
 //
 // Costs: filing and removal are O(bucketCount) for the choice of bucket plus
 // O(1) list work; choosing the next slot scans bucket 0 (bounded by its
-// size). Emptied slot lists are kept for reuse so steady state allocates
-// nothing. Ticks are computed from milliseconds rounded to the nearest one,
-// so "never early" holds to within half a millisecond.
+// size). Slot lists live in the slot arrays themselves (an empty slot has a
+// null head), so filing never allocates and finding a slot's list costs no
+// extra memory access. Ticks are computed from milliseconds rounded to the
+// nearest one, so "never early" holds to within half a millisecond.
 //
 // Failure: inconsistent lists or indexes are assertions; NaN times abort.
 #include "Olk/HTimerWheel.h"
 
 #include <algorithm>
 #include <cmath>
-#include <new>
 
 #include "platform/Exception.h"
 #include "platform/Trace.h"
@@ -63,7 +63,23 @@ U32 bucketIndex(const NotifieeConst* n) { return n->bucketIndex(); }
 U64 roundedMsecs(Seconds seconds) {
   const double ms = seconds * 1000.0;
   if (ms >= 1.8e19) return U64(1) << 63;
-  return static_cast<U64>(std::ceil(ms - 0.5));
+  const U64 whole = static_cast<U64>(ms);
+  return whole + (ms - static_cast<double>(whole) > 0.5);
+}
+
+// a / b rounded down, given inverse = 1.0 / b. Filing divides twice per
+// timer and a hardware divide costs more than the rest of the filing, so
+// the quotient comes from a multiplication, corrected by one when the
+// rounding of the inverse put it off. Past 2^40 the error could exceed one.
+U64 divide(U64 a, U32 b, double inverse) {
+  if (a >= (U64(1) << 40)) return a / b;
+  U64 q = static_cast<U64>(static_cast<double>(a) * inverse);
+  if (q * b > a) {
+    --q;
+  } else if ((q + 1) * b <= a) {
+    ++q;
+  }
+  return q;
 }
 
 }  // namespace
@@ -93,30 +109,22 @@ class TimerWheel::SystemClockReactor : public Zum::Clock::Notifiee {
 namespace TimerWheelImpl {
 
 struct Ops {
+  // The list of a slot, or null when the slot is empty.
   static HeadNTail* wheelAt(const TimerWheel* tw, U32 bucket, U32 index) {
-    return tw->buckets_[bucket].slots[index];
+    HeadNTail* hnt = &tw->buckets_[bucket].slots[index];
+    return hnt->h ? hnt : nullptr;
   }
   static NotifieeConst* next(const NotifieeConst* n) { return n->next_; }
   static NotifieeConst* prev(const NotifieeConst* n) { return n->prev_; }
 
-  static Seconds now(const TimerWheel* tw) { return tw->systemClock()->now(); }
+  static Zum::Clock* clock(const TimerWheel* tw) { return tw->reactor_->notifier().ptr(); }
+  static Seconds now(const TimerWheel* tw) { return clock(tw)->now(); }
   static Seconds ticksToSeconds(const TimerWheel* tw, U64 ticks) {
     return static_cast<Seconds>(ticks * tw->tickMsecs_) / 1000.0;
   }
   // The time at which bucket-0 slot `s` comes due.
   static Seconds slotTime(const TimerWheel* tw, U32 s) {
     return tw->currentWheelIndexTime_ + ticksToSeconds(tw, s - tw->currentWheelIndex(0));
-  }
-
-  static HeadNTail* newList(TimerWheel* tw) {
-    if (!tw->spareLists_.empty()) {
-      HeadNTail* ret = tw->spareLists_.back();
-      tw->spareLists_.pop_back();
-      return ret;
-    }
-    HeadNTail* ret = new (std::nothrow) HeadNTail{nullptr, nullptr};
-    ZUM_ASSERT(ret != 0);
-    return ret;
   }
 
   static void countIn(TimerWheel* tw, U32 bucket) {
@@ -132,7 +140,7 @@ struct Ops {
     ZUM_ASSERT(now != endOfTime);
     if (now >= n->timeMin_ || n->timeMin_ == 0.0) return 0;
     const U64 ms = roundedMsecs(n->timeMin_ - now);
-    const U64 ticks = (ms + tw->tickMsecs_ - 1) / tw->tickMsecs_;
+    const U64 ticks = divide(ms + tw->tickMsecs_ - 1, tw->tickMsecs_, tw->tickInverse_);
     return static_cast<U32>(std::min<U64>(ticks, 0xFFFFFFFF));
   }
 
@@ -142,9 +150,7 @@ struct Ops {
     ZUM_ASSERT(index < tw->bucketSize( bucketIndex ));
     ZUM_ASSERT(wheelIndex( n ) == InvalidWheelIndex);
     ZUM_ASSERT(Olk::bucketIndex( n ) == InvalidBucketIndex);
-    HeadNTail*& slot = tw->buckets_[bucketIndex].slots[index];
-    if (!slot) slot = newList(tw);
-    HeadNTail* hnt = slot;
+    HeadNTail* hnt = &tw->buckets_[bucketIndex].slots[index];
     if (hnt->t) {
       ZUM_ASSERT(!next( hnt->t ));
       hnt->t->next_ = n;
@@ -168,8 +174,9 @@ struct Ops {
     U64 t = ticks;
     const U32 last = tw->bucketCount() - 1;
     for (U32 b = 0;; ++b) {
-      const U64 size = tw->bucketSize(b);
-      const U64 current = tw->currentWheelIndex(b);
+      const TimerWheel::Bucket& bucket = tw->buckets_[b];
+      const U64 size = bucket.size;
+      const U64 current = bucket.current;
       if (t < size - current) {
         fileAt(tw, n, b, static_cast<U32>(current + t));
         return;
@@ -182,7 +189,7 @@ struct Ops {
         fileAt(tw, n, b, static_cast<U32>((current + t) % size));
         return;
       }
-      t = (t + current) / size;
+      t = divide(t + current, bucket.size, bucket.sizeInverse);
     }
   }
 
@@ -190,17 +197,11 @@ struct Ops {
   static void unlink(TimerWheel* tw, NotifieeConst* n) {
     const U32 bucketIndex = n->bucketIndex_;
     const U32 index = n->wheelIndex_;
-    HeadNTail*& slot = tw->buckets_[bucketIndex].slots[index];
-    ZUM_ASSERT_TEXT(prev(n) || wheelAt(tw, bucketIndex, index)->h == n,
-                    "wheelAt( tw, bucketIndex, index )->h == next( n )");
-    ZUM_ASSERT_TEXT(next(n) || wheelAt(tw, bucketIndex, index)->t == n,
-                    "wheelAt( tw, bucketIndex, index )->t == prev( n )");
+    HeadNTail* slot = &tw->buckets_[bucketIndex].slots[index];
+    ZUM_ASSERT_TEXT(prev(n) || slot->h == n, "wheelAt( tw, bucketIndex, index )->h == next( n )");
+    ZUM_ASSERT_TEXT(next(n) || slot->t == n, "wheelAt( tw, bucketIndex, index )->t == prev( n )");
     (n->prev_ ? n->prev_->next_ : slot->h) = n->next_;
     (n->next_ ? n->next_->prev_ : slot->t) = n->prev_;
-    if (!slot->h) {
-      tw->spareLists_.push_back(slot);
-      slot = nullptr;
-    }
     n->next_ = n->prev_ = nullptr;
     n->wheelIndex_ = InvalidWheelIndex;
     n->bucketIndex_ = InvalidBucketIndex;
@@ -220,7 +221,7 @@ struct Ops {
   static U32 findNextUsedIndex(const TimerWheel* tw, U32 from) {
     const TimerWheel::Bucket& b0 = tw->buckets_[0];
     for (U32 i = std::max(from, b0.current); i < b0.size; ++i) {
-      if (b0.slots[i]) return i;
+      if (b0.slots[i].h) return i;
     }
     return InvalidWheelIndex;
   }
@@ -267,8 +268,9 @@ struct Ops {
     ZUM_ASSERT(tw->currentWheelIndexTime() != Zum::endOfTime);
     ZUM_ASSERT(tw->scheduledWheelIndex() != InvalidWheelIndex);
     const Seconds elapsed = now(tw) - tw->currentWheelIndexTime();
-    const U64 d = elapsed > 0 ? roundedMsecs(elapsed) / tw->tickMsecs_ : 0;
-    if (d == 0) return;
+    const U64 ms = elapsed > 0 ? roundedMsecs(elapsed) : 0;
+    if (ms < tw->tickMsecs_) return;  // not a whole tick yet
+    const U64 d = divide(ms, tw->tickMsecs_, tw->tickInverse_);
     const U32 c = tw->currentWheelIndex(0);
     const U32 s = tw->scheduledWheelIndex();
     ZUM_TRACE(tr, 9) << "PullingUp current index " << c << " sched index " << s << " now dist "
@@ -292,7 +294,7 @@ struct Ops {
 
   // Files n at its timeMin, which is finite.
   static void addTimer(TimerWheel* tw, NotifieeConst* n) {
-    if (!tw->systemClock()) {
+    if (!clock(tw)) {
       ZUM_TRACE(tr, 5) << "Setting notifiee " << id(n) << " to endOfTime";
       n->timeMin_ = endOfTime;
     } else if (tw->systemClockHandlerActive()) {
@@ -399,15 +401,11 @@ TimerWheel::TimerWheel(const Ptr<Zum::Clock>& systemClock, U32 tickMsecs, U32 in
   if (defaultBucketSize < 2 || defaultBucketSize > 0x10000) {
     throw Zum::RangeException("TimerWheel::defaultBucketSize < 2 or > 0x10000 not allowed");
   }
+  tickInverse_ = 1.0 / tickMsecs;
   reactor_->notifierIs(systemClock);
 }
 
-TimerWheel::~TimerWheel() {
-  for (HeadNTail* hnt : spareLists_) delete hnt;
-  for (Bucket& b : buckets_) {
-    for (U32 i = 0; i < b.size; ++i) delete b.slots[i];
-  }
-}
+TimerWheel::~TimerWheel() = default;
 
 Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock, U32 tickMsecs,
                                   U32 initialMaxTicks, bool preserveOrder, U32 defaultBucketSize) {
@@ -447,12 +445,13 @@ void TimerWheel::doAddNewBucket(BucketSize size) {
   const U32 b = bucketCount();
   ZUM_TRACE(tr, 5) << "TimerWheel::doAddNewBucket" << " ## Add a new bucket to index " << b
                    << " of size " << size.value();
-  buckets_.push_back(Bucket{size, std::make_unique<HeadNTail*[]>(size), 0, 0});
+  buckets_.push_back(Bucket{size, std::make_unique<HeadNTail[]>(size), 0, 0, 1.0 / size});
   maxTicks_ = static_cast<U32>(std::min<U64>(U64(maxTicks_) * size, 0xFFFFFFFF));
   ZUM_TRACE(tr, 5) << "Total number of buckets now is " << bucketCount();
 }
 
 void TimerWheel::newNotifieeInternal(Zum::RootNotifiee* root) const {
+  if (!initialized()) return;  // no buckets to file into yet
   auto* tw = const_cast<TimerWheel*>(this);
   auto* n = static_cast<NotifieeConst*>(root);
   ZUM_TRACE(tr, 9) << "newNotifiee: " << id(n) << " timeMin is " << n->timeMin();
@@ -528,9 +527,9 @@ void TimerWheel::dump(const Ptr<const DumpContext>& ctx) const {
                   bucket.current, bucket.timers);
     if (!ctx || ctx->level() != dumpVerbose) continue;
     for (U32 i = 0; i < bucket.size; ++i) {
-      if (!bucket.slots[i]) continue;
+      if (!bucket.slots[i].h) continue;
       U32 count = 0;
-      for (const NotifieeConst* n = bucket.slots[i]->h; n; n = Ops::next(n)) ++count;
+      for (const NotifieeConst* n = bucket.slots[i].h; n; n = Ops::next(n)) ++count;
       objDumpPrintf(ctx, "    slot %u: %u timers\n", i, count);
     }
   }

@@ -1,17 +1,18 @@
 // TimerWheel: many timers multiplexed onto one notifiee of a system clock.
 //
-// Each timer is a `TimerWheel::NotifieeConst` attached to the wheel with a
-// wake-up time `timeMin`. The wheel files it into a slot of a hierarchy of
-// wheels ("buckets"; bucket k has slots of defaultBucketSize^k ticks) and
-// keeps the clock set to the earliest used slot of bucket 0 only: it does not
-// tick while nothing is due. Filing and removal cost the same at any number
-// of timers. A timer fires once per time given, never before it (to half a
-// millisecond) and at most one tick after; timers of one slot fire in the
-// order filed. Times beyond `maxTicks` are parked in the farthest slot and
-// refiled, so they too fire on time. onTime() may add, move, remove or
-// destroy timers; one moved into the slot being fired fires in the same pass.
-// A clock callback fires for at most `processTimeLimit` seconds of the system
-// clock's time. Single-threaded, like the clock and its loop.
+// Each timer is a `TimerWheel::NotifieeConst` attached with a wake-up time
+// `timeMin`; the wheel files it into a slot of a hierarchy of wheels
+// ("buckets"; bucket k has slots of defaultBucketSize^k ticks) and sets the
+// clock for the earliest used slot of bucket 0 only. Filing and removal cost
+// the same at any number of timers. A timer fires once per time given, never
+// before it (to half a millisecond), at most one tick after; a slot fires in
+// filing order. Times beyond `maxTicks` are parked in the farthest slot and
+// refiled. Tick counts saturate at 0xFFFFFFFF and slot times are reckoned in
+// 64 bits, so a far time never wraps round into a near one and fires early.
+// onTime() may add, move, remove or destroy timers; that only files them,
+// measured from the slot being fired (none can land in a slot already passed
+// and be lost), and the firing loop sets the clock once when it is done.
+// One clock callback fires for at most `processTimeLimit` seconds.
 #pragma once
 
 #include <memory>
@@ -45,7 +46,7 @@ struct HeadNTail;
 
 // Internal operations on the wheel, kept out of the class interface.
 namespace TimerWheelImpl {
-struct Ops;
+struct __attribute__((visibility("hidden"))) Ops;
 }
 
 class TimerWheel : public Zum::Entity {
@@ -141,14 +142,16 @@ class TimerWheel : public Zum::Entity {
 
   struct Bucket {
     U32 size;
-    std::unique_ptr<HeadNTail*[]> slots;  // size entries; null for an empty slot
+    std::unique_ptr<HeadNTail[]> slots;  // size entries, each a slot list; h null when empty
     U32 current;                          // slot of the present wheel time; invalid while idle
     U32 timers;                           // timers filed in this bucket
+    double sizeInverse;                   // 1.0 / size, for dividing without div
   };
 
   void handleSystemClock();
 
   U32 tickMsecs_;
+  double tickInverse_;  // 1.0 / tickMsecs_, for dividing without div
   U32 initialMaxTicks_;
   bool preserveOrder_;
   U32 defaultBucketSize_;
@@ -162,7 +165,6 @@ class TimerWheel : public Zum::Entity {
   bool systemClockTakesOffsetTime_ = false;
   bool initialized_ = false;
   std::unique_ptr<SystemClockReactor> reactor_;
-  std::vector<HeadNTail*> spareLists_;  // emptied slot lists kept for reuse
 };
 
 Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock, U32 tickMsecs,

@@ -169,8 +169,17 @@ TEST(DumpContext, SinkAcceptingNothingCountsAsWriteError) {
   Ptr<DumpContext> ctx = dumpContextFactory(1, nullptr, dumpNormal);
   ctx->writeCallbackIs(&refusing);
   ctx->exitOnWriteErrorIs(true);
-  objDumpPrintf(ctx, "%s", "");  // nothing to write is not a failure
   EXPECT_EXIT(objDumpPrintf(ctx, "x"), testing::ExitedWithCode(1), "write error return -1");
+}
+
+TEST(DumpContext, EmptyTextIsAZeroByteWriteAndSoAFailure) {
+  CollectingCallback cb;
+  Ptr<DumpContext> ctx = callbackContext(cb);
+  ctx->exitOnWriteErrorIs(true);
+  EXPECT_EXIT(objDumpPrintf(ctx, "%s", ""), testing::ExitedWithCode(1), "write error return -1");
+  ctx->exitOnWriteErrorIs(false);
+  objDumpPrintf(ctx, "%s", "");  // ignored without exitOnWriteError
+  EXPECT_EQ(ctx->currentLineNum(), 0u);
 }
 
 TEST(DumpContext, OpenDumpFileCreatesAndAppends) {

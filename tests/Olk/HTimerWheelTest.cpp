@@ -156,6 +156,24 @@ TEST_F(TimerWheelTest, TicksRoundUpAndFireNeverEarly) {
   expectIdle();
 }
 
+// Tick and slot counts are exact quotients whatever the tick length and
+// bucket size, including those whose inverse is not exact.
+TEST(TimerWheelArithmetic, TickAndSlotCountsExactForEveryDivisor) {
+  auto clock = Zum::manualClockFactory(1000.0);
+  for (U32 n = 2; n <= 200; ++n) {
+    auto wheel = timerWheelFactory(clock, n, 1000, false, n);  // n-ms ticks, n slots
+    TimerWheel::NotifieeConst t;
+    t.notifierIs(wheel);
+    t.timeMinIs(1000.001);  // 1 ms ahead is one whole tick
+    EXPECT_EQ(t.bucketIndex(), 0u) << n;
+    EXPECT_EQ(t.wheelIndex(), 1u) << n;
+    t.timeMinIs(1000.0 + n * n * 0.001);  // n ticks: bucket 1, one slot on
+    EXPECT_EQ(t.bucketIndex(), 1u) << n;
+    EXPECT_EQ(t.wheelIndex(), 1u) << n;
+    t.notifierIs(nullptr);
+  }
+}
+
 TEST_F(TimerWheelTest, DueOrZeroTimeGoesToCurrentSlot) {
   Timer now(wheel), zero(wheel), past(wheel);
   now.timeMinIs(1000.0);
@@ -352,6 +370,28 @@ TEST_F(TimerWheelTest, RegistrationFilesAPresetTime) {
   expectIdle();
 }
 
+// A wheel that attaches a timer before its buckets exist.
+class EagerWheel : public TimerWheel {
+ public:
+  using TimerWheel::TimerWheel;
+  TimerWheel::NotifieeConst early;
+
+ protected:
+  void handleInitialized() override {
+    early.timeMinIs(1000.05);
+    early.notifierIs(Ptr<TimerWheel>(this));
+    TimerWheel::handleInitialized();
+  }
+};
+
+TEST(TimerWheelRegistration, NothingIsFiledBeforeTheBucketsExist) {
+  auto clock = Zum::manualClockFactory(1000.0);
+  auto wheel = Zum::create<EagerWheel>(clock, 10, 1000, false, 64);
+  EXPECT_EQ(wheel->early.wheelIndex(), InvalidWheelIndex);
+  EXPECT_EQ(wheel->timers(), 0u);
+  wheel->early.notifierIs(nullptr);
+}
+
 TEST_F(TimerWheelTest, BrokenInvariantsAbortNamingTheExpression) {
   Timer t(wheel);
   EXPECT_DEATH(t.timeMinIs(std::nan("")), "!isnan\\( n->timeMin\\(\\) \\)");
@@ -393,12 +433,13 @@ TEST_F(TimerWheelTest, DumpShowsBucketsCountsAndSchedule) {
 class TimerWheelModel {
  public:
   static constexpr int timerCount = 3000;
-  static constexpr Seconds tick = 0.01;
 
   // Small buckets so that a run crosses many cascades: 8 slots give three
-  // buckets (512 ticks), 2 slots give nine, carrying through all of them.
-  TimerWheelModel(unsigned seed, U32 bucketSize) : rng_(seed) {
-    wheel_ = timerWheelFactory(clock_, 10, 500, false, bucketSize);
+  // buckets (512 ticks), 2 slots give nine, carrying through all of them;
+  // 7-slot buckets of 7 ms ticks check the arithmetic off powers of two.
+  TimerWheelModel(unsigned seed, U32 bucketSize, U32 tickMsecs = 10)
+      : tick_(tickMsecs * 0.001), rng_(seed) {
+    wheel_ = timerWheelFactory(clock_, tickMsecs, 500, false, bucketSize);
     for (int i = 0; i < timerCount; ++i) timers_.push_back(makeTimer(i));
     state_.resize(timerCount);
   }
@@ -491,7 +532,7 @@ class TimerWheelModel {
     const Seconds now = clock_->now();
     EXPECT_TRUE(s.armed) << "timer " << i << " fired while not armed at " << now;
     EXPECT_GE(now, s.due - 0.0005) << "timer " << i << " early";
-    EXPECT_LE(now, std::max(s.due, s.armedAt) + tick + 1e-6) << "timer " << i << " late";
+    EXPECT_LE(now, std::max(s.due, s.armedAt) + tick_ + 1e-6) << "timer " << i << " late";
     EXPECT_EQ(timers_[i]->timeMin(), endOfTime);
     checkArrivalOrder(s);
     s.armed = false;
@@ -541,6 +582,7 @@ class TimerWheelModel {
     EXPECT_EQ(filed, armed);
   }
 
+  const Seconds tick_;
   std::mt19937 rng_;
   Ptr<Zum::ManualClock> clock_ = Zum::manualClockFactory(1000.0);
   Ptr<TimerWheel> wheel_;
@@ -553,9 +595,9 @@ class TimerWheelModel {
 };
 
 TEST(TimerWheelModel, EveryTimerFiresOnceOnTimeInOrder) {
-  for (U32 bucketSize : {8u, 2u}) {
+  for (auto [bucketSize, tickMsecs] : {std::pair{8u, 10u}, {2u, 10u}, {7u, 7u}}) {
     for (unsigned seed : {1u, 2u, 3u}) {
-      TimerWheelModel model(seed, bucketSize);
+      TimerWheelModel model(seed, bucketSize, tickMsecs);
       model.run(20000);
       EXPECT_GT(model.fires(), 3000) << "seed " << seed;
       if (testing::Test::HasFailure()) return;
