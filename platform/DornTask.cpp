@@ -107,7 +107,7 @@ void Task::scheduledIs(bool s) {
 void Task::enqueue() {
   queuedAt_ = root()->now();
   scheduler_->queue_.push(this);
-  scheduler_->onEnqueued(this);
+  scheduler_->onEnqueued(this, queuedAt_);
 }
 
 void Task::schedule() {
@@ -197,7 +197,7 @@ void Task::resetStats() {
 void Task::runAndRecordFromTest() {
   if (queue_) queue_->remove(this);
   queuedAt_ = root()->now();
-  scheduler_->runOne(this);
+  scheduler_->runOne(this, queuedAt_);
 }
 
 // ---- TimerTask --------------------------------------------------------------
