@@ -226,6 +226,8 @@ class Task {
   virtual void execute() = 0;
   // Called whenever scheduled() changes.
   virtual void onBusyChange() {}
+  // Called by unschedule() before scheduled() turns false.
+  virtual void onUnschedule() {}
 
  private:
   friend class RunQueue;
@@ -346,6 +348,8 @@ class FileDescriptorTask : public Task {
   class Watcher;
 
   void execute() final;
+  // Forgets pending runs and watches again what is watched.
+  void onUnschedule() override;
   void updateInterest();
 
   int fd_ = -1;

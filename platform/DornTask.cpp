@@ -118,6 +118,7 @@ void Task::schedule() {
 
 void Task::unschedule() {
   if (!scheduled_) return;
+  onUnschedule();
   if (queue_) queue_->remove(this);
   scheduledIs(false);
 }
@@ -308,6 +309,11 @@ void FileDescriptorTask::scheduleWritable() {
   pendingWritable_ = true;
   updateInterest();
   schedule();
+}
+
+void FileDescriptorTask::onUnschedule() {
+  pendingReadable_ = pendingWritable_ = false;
+  updateInterest();
 }
 
 void FileDescriptorTask::workCountReadableInc(U32 n) {
