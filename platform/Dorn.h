@@ -137,10 +137,14 @@ class RunQueue {
   static std::size_t index(Priority p) { return static_cast<std::size_t>(p); }
   Priority lessUrgentThan(Priority p) const;
 
+  // The first priority at or after `from` whose bit is in nonEmpty_.
+  Priority firstFrom(std::size_t from) const;
+
   std::array<List, priorityCount> lists_;
   // Runs of each priority in a row while a less urgent one was waiting.
   std::array<U32, priorityCount> streak_{};
   U32 size_ = 0;
+  U32 nonEmpty_ = 0;  // bit p set exactly when lists_[p] is not empty
 };
 
 class Task {
