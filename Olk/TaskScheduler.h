@@ -245,6 +245,7 @@ class TaskSchedulerRootWrapper;
 class TaskSchedulerRoot : public TaskScheduler {
  public:
   const Ptr<TimerWheel>& timerWheel() const { return timerWheel_; }
+  // Timer tasks created afterwards use `w`; existing ones keep their wheel.
   void timerWheelIs(const Ptr<TimerWheel>& w) { timerWheel_ = w; }
   // The clock that measures run times, latencies and quanta; the steady
   // clock when null (the default). Tests set a manual clock.

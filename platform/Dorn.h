@@ -505,6 +505,7 @@ class RootScheduler : public Scheduler {
   Duration maxSchedulerSlip() const { return maxSlip_; }
   U64 runs() const { return runs_; }
 
+  // The history ring holds the last 32 runs unless resized.
   U32 historyEntryCount() const { return static_cast<U32>(history_.size()); }
   // Resizes the ring (0 turns history off) and clears it.
   void historyEntryCountIs(U32 n);
