@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Olk/DumpContext.h"
@@ -459,6 +460,9 @@ TEST(TaskSchedulerEndToEnd, AgentSchedulerRunsMixedWork) {
   EXPECT_EQ(sched, Olk::TaskSchedulerZumActivity::findOrCreateAgentScheduler());
   EXPECT_EQ(sched->schedulerName(), "main");
   EXPECT_EQ(Dorn::perThreadScheduler(), sched->dornRoot());
+  Dorn::RootScheduler* otherThreads = sched->dornRoot();
+  std::thread([&] { otherThreads = Dorn::perThreadScheduler(); }).join();
+  EXPECT_EQ(otherThreads, nullptr);
   std::string order;
   std::vector<Ptr<Olk::Task>> tasks;
   std::vector<std::unique_ptr<Runner>> runners;
