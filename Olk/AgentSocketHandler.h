@@ -1,0 +1,258 @@
+// The agent command socket: operators and scripts talk to a running agent.
+//
+// An agent listens on a stream socket in the Linux abstract namespace, at the
+// address "\0s<name>". Each connection carries exactly one command: the
+// handler reads one receive of at most 1027 bytes, splits it at the first
+// blank into the command word and its argument text, hands both to the
+// `AgentSocketCallback` registered for the word, and closes the connection.
+// The reply is whatever the callback writes to the client descriptor before
+// it returns (the send buffer is forced to 1 MiB so that it fits without
+// blocking); an unregistered word gets "Unknown Command \n".
+//
+// Everything runs on the calling thread's activity loop through readability
+// notifications: a client that connects and never sends costs one descriptor
+// and nothing else. Abstract sockets carry no file permissions, so three
+// guards bound who may connect and how many may linger: an optional
+// peer-credential check (off by default), a cap on concurrent clients
+// (default 128) and an idle time-out (default 60 s) after which a silent
+// client is closed. The defaults never disturb a client that connects and
+// sends its one command, even one typed by hand.
+//
+// `BaseOutputSm` is the common root of the library's state machines that can
+// write their state into a dump.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <iosfwd>
+#include <set>
+#include <string_view>
+#include <utility>
+
+#include "platform/ActivityManager.h"
+#include "platform/Clock.h"
+#include "platform/Collection.h"
+#include "platform/Entity.h"
+#include "platform/Notifier.h"
+#include "platform/Types.h"
+
+namespace Olk {
+
+class DumpContext;
+
+// Root of the output state machines: anything that can describe itself in a
+// dump and name its most-derived type in traces.
+class BaseOutputSm : public Zum::Entity {
+ public:
+  // Writes this machine's state into `dumpContext` at detail `level`; the
+  // base writes nothing. Never blocks: the context decides where text goes.
+  virtual void dumpState(const Ptr<const DumpContext>& dumpContext, U32 level) const;
+  // Writes the most-derived type's name, e.g. "Olk::MallocTrimmerSm".
+  virtual void formatDerivedType(std::ostream& stream) const;
+
+ protected:
+  explicit BaseOutputSm(Zum::Name name = {}) : Zum::Entity(std::move(name)) {}
+};
+
+// Prints the derived type of `sm` (through formatDerivedType).
+std::ostream& operator<<(std::ostream& stream, const BaseOutputSm& sm);
+
+// Serves one command word. Agents derive from it, override handleCommand and
+// register the callback with AgentSocketHandlerSm::agentSocketCallbackIs.
+class AgentSocketCallback : public Zum::Entity {
+ public:
+  // The command word served; the callback's key in the handler.
+  const String& commandType() const { return commandType_; }
+
+  // Called with the client's descriptor (non-blocking, SIGPIPE ignored) and
+  // the text after the first blank (empty when there was none). Whatever is
+  // written to `clientFd` before returning is the reply; the connection is
+  // closed afterwards. The base only traces.
+  virtual void handleCommand(U32 clientFd, const String& commandArgs);
+
+ protected:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  AgentSocketCallback(Zum::Name name, String commandType)
+      : Zum::Entity(std::move(name)), commandType_(std::move(commandType)) {}
+
+ private:
+  const String commandType_;
+};
+
+Ptr<AgentSocketCallback> agentSocketCallbackFactory(const Zum::Name& name,
+                                                    const String& commandType);
+
+class AgentSocketHandlerSm;
+
+// One accepted connection, from accept until its command has been served or
+// it is closed. Owned by its handler; holds the handler by raw pointer, so it
+// must not be used after the handler is gone.
+class ClientSm : public Zum::Entity {
+ public:
+  const Ptr<Zum::FileDescriptor>& clientFd() const { return clientFd_; }
+  AgentSocketHandlerSm* agentSocketHandlerSm() const { return agentSocketHandlerSm_; }
+
+  // Serves the command waiting on the descriptor (one receive), or closes
+  // the connection when the client has gone; waits on EAGAIN.
+  void handleDataFromClient();
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  ClientSm(const Zum::Name& name, Ptr<Zum::FileDescriptor> clientFd, AgentSocketHandlerSm* handler);
+
+  class ZumClientFd : public Zum::FileDescriptor::Notifiee {
+   public:
+    explicit ZumClientFd(ClientSm* owner) : owner_(owner) {}
+    void onReadable() override { owner_->handleDataFromClient(); }
+
+   private:
+    ClientSm* owner_;
+  };
+  // Closes the connection when the client has said nothing for too long.
+  class IdleTimer : public Zum::Clock::Notifiee {
+   public:
+    explicit IdleTimer(ClientSm* owner) : owner_(owner) {}
+    void onTime() override;
+
+   private:
+    ClientSm* owner_;
+  };
+
+  bool prepareReply();
+  void dispatch(const String& command, const String& args);
+
+  const Ptr<Zum::FileDescriptor> clientFd_;
+  AgentSocketHandlerSm* const agentSocketHandlerSm_;
+  ZumClientFd zumClientFd_{this};
+  IdleTimer idleTimer_{this};
+};
+
+// Listens on "\0s<name>" and serves one command per connection.
+class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
+ public:
+  class Notifiee : public Zum::BaseNotifiee<AgentSocketHandlerSm> {
+   public:
+    virtual void onInitialized() {}
+    virtual void onFd(const String& /*name*/) {}
+    virtual void onClient(const String& /*name*/) {}
+    virtual void onAgentSocketCallback(const String& /*commandType*/) {}
+  };
+
+  static constexpr U32 maxCommandBytes = 1027;
+  static constexpr int sendBufferBytes = 1048576;
+  static constexpr U32 maxClientsDefault = 128;
+  static constexpr Seconds idleTimeoutDefault = 60.0;
+
+  const String& socketName() const { return socketName_; }
+  // The listening descriptor; null until handleInitialized has run.
+  const Ptr<Zum::FileDescriptor>& agentsockFd() const { return agentsockFd_; }
+  bool initialized() const { return initialized_; }
+
+  // Client descriptors by name ("clientFd:%d").
+  Ptr<Zum::FileDescriptor> fd(const String& name) const { return fd_.get(name); }
+  size_t fdCount() const { return fd_.size(); }
+  // Adds `fd` under its name; a null `fd` is refused with a range error.
+  void fdIs(const Ptr<Zum::FileDescriptor>& fd);
+  void fdDel(const String& name);
+  void fdDelAll();
+
+  Ptr<ClientSm> client(const String& name) const { return client_.get(name); }
+  size_t clientCount() const { return client_.size(); }
+  // The ClientSm for `clientFd`, created on first call. Asking again with
+  // another descriptor entity or handler under the same name is refused.
+  Ptr<ClientSm> clientIs(const Ptr<Zum::FileDescriptor>& clientFd, AgentSocketHandlerSm* handler);
+  void clientDel(const String& name);
+  void clientDelAll();
+
+  Ptr<AgentSocketCallback> agentSocketCallback(const String& commandType) const {
+    return agentSocketCallback_.get(commandType);
+  }
+  const Zum::OrderedMap<String, Ptr<AgentSocketCallback>>& agentSocketCallbacks() const {
+    return agentSocketCallback_;
+  }
+  // Registers `callback` under its commandType, replacing any other one;
+  // a null callback is refused with a range error.
+  void agentSocketCallbackIs(const Ptr<AgentSocketCallback>& callback);
+  void agentSocketCallbackDel(const String& commandType);
+  void agentSocketCallbackDelAll();
+
+  // Admission guards. When peerCredentialCheck is on, only the agent's own
+  // uid, root and the uids in allowedUid may send commands; others get one
+  // line of refusal. Off by default.
+  bool peerCredentialCheck() const { return peerCredentialCheck_; }
+  void peerCredentialCheckIs(bool on) { peerCredentialCheck_ = on; }
+  bool allowedUid(uid_t uid) const { return allowedUid_.count(uid) != 0; }
+  void allowedUidIs(uid_t uid) { allowedUid_.insert(uid); }
+  void allowedUidDel(uid_t uid) { allowedUid_.erase(uid); }
+  void allowedUidDelAll() { allowedUid_.clear(); }
+  // Connections beyond this many open clients are refused with one line;
+  // those already admitted are not touched.
+  U32 maxClients() const { return maxClients_; }
+  void maxClientsIs(U32 n) { maxClients_ = n; }
+  // A client that sends nothing for this long after connecting is closed and
+  // logged; endOfTime disables. Applies to clients accepted afterwards.
+  Seconds idleTimeout() const { return idleTimeout_; }
+  void idleTimeoutIs(Seconds t) { idleTimeout_ = t; }
+  // The clock the idle time-out runs on; the activity loop's by default.
+  const Ptr<Zum::Clock>& clock() const { return clock_; }
+  void clockIs(const Ptr<Zum::Clock>& clock);
+
+  // Accepts one pending connection (on readability of the listening socket).
+  void handleClientConnection();
+  // Closes the client's descriptor at once and forgets the client.
+  void doCloseClientConnection(const Ptr<ClientSm>& client);
+
+ protected:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  explicit AgentSocketHandlerSm(String socketName);
+
+  // Creates, binds and listens; a failure here is fatal.
+  void handleInitialized() override;
+  void handleDel() override;
+
+ private:
+  class ZumAgentsockFd : public Zum::FileDescriptor::Notifiee {
+   public:
+    explicit ZumAgentsockFd(AgentSocketHandlerSm* owner) : owner_(owner) {}
+    void onReadable() override { owner_->handleClientConnection(); }
+
+   private:
+    AgentSocketHandlerSm* owner_;
+  };
+
+  bool admitted(int fd);
+  void refuse(int fd, std::string_view reply);
+
+  const String socketName_;
+  Ptr<Zum::FileDescriptor> agentsockFd_;
+  ZumAgentsockFd zumAgentsockFd_{this};
+  bool initialized_ = false;
+  Zum::HashMap<String, Ptr<Zum::FileDescriptor>> fd_;
+  Zum::HashMap<String, Ptr<ClientSm>> client_;  // same keys as fd_ once accepted
+  Zum::OrderedMap<String, Ptr<AgentSocketCallback>> agentSocketCallback_;
+  bool peerCredentialCheck_ = false;
+  std::set<uid_t> allowedUid_;
+  U32 maxClients_ = maxClientsDefault;
+  Seconds idleTimeout_ = idleTimeoutDefault;
+  Ptr<Zum::Clock> clock_;
+};
+
+Ptr<AgentSocketHandlerSm> agentSocketHandlerSmFactory(const String& socketName);
+
+// "clientFd:<n>", the name of an accepted client descriptor.
+String clientFdName(int fd);
+
+// Writes all of `text` to a client descriptor without blocking. Returns
+// false when the peer has gone or the send buffer is full (the rest is lost).
+bool writeToClient(int fd, std::string_view text);
+
+// A diagnostic client: sends `command` to the agent listening as
+// `socketName` and closes without reading a reply. `timeout` bounds the
+// socket's send and receive. Any failure is fatal.
+void runCommand(const String& socketName, const String& command, Seconds timeout);
+
+}  // namespace Olk
