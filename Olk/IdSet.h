@@ -186,6 +186,8 @@ class IdSet {
   using Buckets = std::vector<Bucket>;
 
   void handleInitialized();
+  // Fails the check "bitPos.value() < size()" for an id at or above the limit.
+  void checkBelowSize(Id bitPos) const;
   // Stores a non-zero word, removes the bucket for a zero word.
   void updateBucket(BucketId b, U64 word);
   Buckets::const_iterator bucketAtOrAbove(BucketId b) const;
