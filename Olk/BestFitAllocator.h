@@ -11,9 +11,8 @@
 // `defragment()` packs the used blocks towards index 0 and returns the moves
 // the caller must replay, in order, on the real memory (a move's source and
 // destination may overlap: copy from low to high). `resizeMemory` grows or
-// shrinks the memory, never below its used entries.
-// Exhaustion returns null and traces; broken invariants abort. Traces go to
-// the handle "BestFitAllocator" at level 7. One event-loop thread only.
+// shrinks the memory, never below its used entries. Exhaustion returns null;
+// broken invariants abort. Traces: "BestFitAllocator", level 7. One thread.
 #pragma once
 
 #include <iosfwd>

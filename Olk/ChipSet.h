@@ -11,9 +11,7 @@
 // a find-first-set over at most two words. Sets order as unsigned 128-bit
 // numbers (high word first). `ChipSetIter` walks a copy of a set, so the set
 // itself may change while walking.
-//
-// All plain values except GenerationEntity, which lives on the event-loop
-// thread like every entity.
+// All plain values except GenerationEntity, an event-loop-thread entity.
 #pragma once
 
 #include <iosfwd>

@@ -82,15 +82,18 @@ void IdSet::handleInitialized() {
 
 void IdSet::sizeIs(U16 size) { ZUM_ASSERT_TEXT(size == size_, "size should not be changed"); }
 
-bool IdSet::id(Id bitPos) const {
+void IdSet::checkBelowSize(Id bitPos) const {
   OLK_IDSET_CHECK(bitPos.value() < size(),
                   std::to_string(bitPos.value()) + " exceeds limit of " + std::to_string(size()));
+}
+
+bool IdSet::id(Id bitPos) const {
+  checkBelowSize(bitPos);
   return bucketValue(BucketId::of(bitPos)) & (U64{1} << (bitPos.value() & 63));
 }
 
 bool IdSet::updateId(Id bitPos, bool value) {
-  OLK_IDSET_CHECK(bitPos.value() < size(),
-                  std::to_string(bitPos.value()) + " exceeds limit of " + std::to_string(size()));
+  checkBelowSize(bitPos);
   BucketId b = BucketId::of(bitPos);
   U64 mask = U64{1} << (bitPos.value() & 63);
   U64 old = bucketValue(b);

@@ -2,19 +2,15 @@
 // instances) below a fixed limit, with set algebra, ordered iteration and a
 // compact text form of runs such as (1-3,5,9-10).
 //
-// Storage is sparse: id n lives in 64-bit bucket n >> 6 at bit n & 63, and
-// only non-zero buckets are kept, in bucket order. An empty set holds no
-// bucket at all. The bucket number is 8 bits wide, so ids of 16384 and above
-// alias lower ids; sets are meant for sizes up to 16384 and the aliasing is
-// kept as it is.
-//
-// Cost: membership and single-id updates are O(log b) for b stored buckets;
-// algebra is one merge walk, O(b1 + b2); `nextId` is O(log b), while an
-// iterator remembers its bucket and steps in O(1) amortised.
-// The complement is deliberately not masked to `size`: bits above the limit
-// in the last bucket come out set. `operator!` aborts for any set whose size
-// is not 0. Combining sets of different sizes is a broken invariant.
-//
+// Id n lives in 64-bit bucket n >> 6 at bit n & 63; only non-zero buckets are
+// stored, in bucket order, so an empty set holds none. Bucket numbers are 8
+// bits wide: ids of 16384 and above alias lower ids (sets are meant for sizes
+// up to 16384). The complement is not masked to `size`, `operator!` aborts
+// for any size but 0, and combining sets of different sizes is a broken
+// invariant; all three are kept as they are on purpose.
+// Cost: membership and single-id updates O(log b) for b stored buckets;
+// algebra one merge walk, O(b1 + b2); `nextId` O(log b), while an iterator
+// remembers its bucket and steps in O(1) amortised.
 // A plain value: copy it freely; not shared between threads.
 #pragma once
 
@@ -186,6 +182,8 @@ class IdSet {
   using Buckets = std::vector<Bucket>;
 
   void handleInitialized();
+  // Fails the check "bitPos.value() < size()" for an id at or above the limit.
+  void checkBelowSize(Id bitPos) const;
   // Stores a non-zero word, removes the bucket for a zero word.
   void updateBucket(BucketId b, U64 word);
   Buckets::const_iterator bucketAtOrAbove(BucketId b) const;

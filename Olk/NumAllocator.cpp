@@ -10,7 +10,6 @@
 #include "Olk/NumAllocator.h"
 
 #include <algorithm>
-#include <cmath>
 #include <utility>
 
 #include "platform/Exception.h"

@@ -1,24 +1,17 @@
 // Number allocators: hand out numbers (ids, labels, indexes) from configured
 // ranges, with a hold-down before a released number is reused.
 //
-// `NumAllocator` serves one `Range`; `MultiRangeNumAllocator` serves several
-// disjoint ranges as one set of numbers. Each served number is in exactly
-// one of four pools:
-//   free      never handed out (or given back by unreserve);
-//   active    handed out by allocate();
-//   held down released, filed under its release time in a TimedNumberPool;
-//   reserved  set aside by reserve(), never handed out by allocate().
-// allocate() hands out the lowest free number; when no number is free it
-// hands out the held-down number released longest ago, but only once it has
-// been held down for `holdDownTime` seconds, so a released number is not
-// reused while stale references to it may still be in flight. A hold-down
-// time of 0 sends released numbers straight back to the free pool.
-// Running out is not an error: allocate() returns std::nullopt and traces
-// (handle "NumAllocator", level 7). Operations cost O(log n) in the number of
-// ranges in the pools, except that taking a held-down number out of turn
-// (allocate(n), reserve) walks the time-stamp buckets, one per distinct
-// release time. Time comes from the injected clock; nothing is scheduled on
-// it. Event-loop thread only.
+// `NumAllocator` serves one `Range`, `MultiRangeNumAllocator` several disjoint
+// ones. Every served number is in exactly one pool: free, active (handed out),
+// held down (released, filed under its release time) or reserved (set aside,
+// never handed out by allocate()). allocate() takes the lowest free number,
+// else the one released longest ago once it has been held down for
+// `holdDownTime` seconds, so stale references to it have died out; with 0,
+// released numbers go straight back to free. Running out is not an error:
+// allocate() returns std::nullopt and traces ("NumAllocator", level 7).
+// O(log n) in the ranges of the pools; taking a held-down number out of turn
+// (allocate(n), reserve) walks the time-stamp buckets. Time comes from the
+// injected clock; nothing is scheduled on it. Event-loop thread only.
 #pragma once
 
 #include <optional>

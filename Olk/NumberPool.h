@@ -172,6 +172,7 @@ class TimedNumberPool : public Zum::Entity, public Zum::Notifier {
   // The bucket of `ts`, created empty when missing. Numbers put straight
   // into a bucket bypass the union pool: use addNumber/addRange instead.
   Ptr<NumberPoolWithTimestamp> timedPoolIs(Seconds ts);
+  // Drops the bucket of `ts` (if any); its numbers stay in the union pool.
   void timedPoolDel(Seconds ts);
   void timedPoolDelAll();
   // Buckets by ascending time stamp.

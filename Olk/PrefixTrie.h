@@ -1,28 +1,18 @@
-// PrefixTrie: a set of path-like name prefixes (a/b, x.y) with a state
-// object per prefix, answering whether a name has a stored prefix, which
-// stored prefix encloses it, and whether a name is a leaf.
+// PrefixTrie: a set of path-like name prefixes (a/b, x.y), each with a state
+// object, answering whether a name has a stored prefix, which stored prefix
+// encloses it, and whether a name is a leaf. Each node is itself a PrefixTrie
+// named by one component.
 //
-// Names split into components at "/" and ".", searching from the second
-// character, so every component below the top one keeps its leading
-// separator: a/b.c is a, /b, .c, and a/b and a.b are different prefixes.
-// Each node is itself a PrefixTrie named by its component. A "*" at the end
-// of a component that is followed by more ("a*/b") marks that node as a
-// mount point; the "*" is not part of the component.
-//
-// Invariant after any sequence of prefixIs/prefixDel: every leaf node is
-// present (deleting prunes childless, non-present nodes bottom-up), so a
-// trie whose prefixes were all deleted has no children left.
-//
-// Choices made here: `enclosingPrefix` gives the longest stored prefix on the
-// path (the most specific one); queries for names that lead to no node answer
-// false / null. `append` merges another trie's prefixes; where both tries hold
-// a state for a node, the other's state is merged in with `upgradeState`, with
-// flag true when the other trie stores a prefix ending at that node (its state
-// should win) and false when the node is only on the other's path.
-//
-// Cost: every operation is O(components) hash lookups. Runs on the event-loop
-// thread; traces go to the handle "PrefixTrie" (additions and deletions at
-// level 8, queries at level 9).
+// Names split at "/" and ".", searching from the second character, so every
+// lower component keeps its leading separator: a/b.c is a, /b, .c, and a/b
+// and a.b differ. "a*/b" marks node a as a mount point (the "*" is dropped).
+// Deleting prunes childless, non-present nodes bottom-up: every leaf is
+// present, and a trie whose prefixes were all deleted has no children left.
+// Choices: `enclosingPrefix` gives the longest stored prefix on the path;
+// names that lead to no node answer false / null; `append` merges a state
+// held on both sides with `upgradeState`, flag true when the other trie
+// stores a prefix ending at that node. O(components) hash lookups each; one
+// event-loop thread; traces "PrefixTrie", level 8 changes, level 9 queries.
 #pragma once
 
 #include <vector>

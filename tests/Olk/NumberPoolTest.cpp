@@ -239,6 +239,10 @@ TEST(TimedNumberPool, DeliberateAsymmetries) {
   t->delTimedNumber(TimedU32{9.0, 1});
   EXPECT_FALSE(t->isMember(1));
   EXPECT_TRUE(t->timedPool(1.0)->isMember(1));
+  t->delNumber(1);  // not in the union: the buckets are not even looked at
+  EXPECT_TRUE(t->timedPool(1.0)->isMember(1));
+  t->delRange(Range(1, 1));  // no such check for a range
+  EXPECT_FALSE(t->timedPool(1.0)->isMember(1));
   t->delTimedRange(TimedRange{2.0, Range(3, 6)});
   EXPECT_FALSE(t->timedPoolHas(2.0));
   EXPECT_EQ(t->size(), 1u);  // 2 is left; 3 and 4 stay only in the bucket of 1.0
