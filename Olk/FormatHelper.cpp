@@ -2,9 +2,9 @@
 
 #include <cctype>
 #include <cmath>
-#include <limits>
 
 #include "platform/Clock.h"
+#include "platform/Dorn.h"
 #include "platform/Format.h"
 
 namespace Olk {
@@ -96,21 +96,9 @@ String hexdump(const void* p, std::size_t length, std::size_t limit) {
   return out;
 }
 
-Seconds duration2seconds(Duration d) {
-  if (d == Duration::max()) return Zum::endOfTime;
-  return static_cast<Seconds>(d.count()) / 1e9;
-}
+Seconds duration2seconds(Duration d) { return Dorn::toSeconds(d.count()); }
 
-Duration seconds2duration(Seconds s) {
-  if (s > std::numeric_limits<double>::max()) return Duration::max();
-  // 2^63 ns is just past the largest duration; stay inside instead of
-  // overflowing the conversion.
-  constexpr double limit = 9223372036854775807.0;
-  double ns = s * 1e9;
-  if (ns >= limit) return Duration::max();
-  if (ns <= -limit) return Duration::min();
-  return Duration(static_cast<S64>(ns));
-}
+Duration seconds2duration(Seconds s) { return Duration(Dorn::toDuration(s)); }
 
 TimeStamp seconds2timeStamp(Seconds t) {
   if (t == Zum::endOfTime) return TimeStamp::max();

@@ -1,5 +1,7 @@
 #include "Olk/MallocTrimmerSm.h"
 
+#include <sstream>
+
 #include <malloc.h>
 
 #include "Olk/DumpContext.h"
@@ -35,12 +37,14 @@ void MallocTrimmerSm::mallocTrimQuantumIs(Seconds q) {
   trimTask_->taskQuantumIs(q);
 }
 
-Zum::TraceHandle& MallocTrimmerSm::traceHandle() const {
+void MallocTrimmerSm::traceTrim(const String& text) const {
+  if (qth_) {
+    RIVLOG(*qth_, static_cast<int>(qtl_), "%s", text.c_str());
+    return;
+  }
   static Zum::TraceHandle& fallback = Zum::traceHandle("MallocTrimmer");
-  return qth_ ? *qth_ : fallback;
+  ZUM_TRACE(fallback, 8) << text;
 }
-
-int MallocTrimmerSm::traceLevel() const { return qth_ ? static_cast<int>(qtl_) : 8; }
 
 void MallocTrimmerSm::scheduleTrim() {
   if (taskDelayInterval_ == 0) return;
@@ -49,9 +53,10 @@ void MallocTrimmerSm::scheduleTrim() {
 
 void MallocTrimmerSm::trim() {
   if (!trimTask_->taskCurrentlyRunning()) return;
-  ZUM_TRACE(traceHandle(), traceLevel()) << "MallocTrimmer:" << " time quantum " << mallocTrimQuantum_
-                                         << " max Iter " << mallocTrimMaxIter_ << " freed so far " << freed_
-                                         << " in " << numTrimCount_ << " calls";
+  std::ostringstream start;
+  start << "MallocTrimmer:" << " time quantum " << mallocTrimQuantum_ << " max Iter " << mallocTrimMaxIter_
+        << " freed so far " << freed_ << " in " << numTrimCount_ << " calls";
+  traceTrim(start.str());
   U64 amount = 0;
   const bool yielded = trimFunction_(mallocTrimQuantum_, mallocTrimMaxIter_, &bookmark_, &amount);
   const U32 amount32 = amount > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<U32>(amount);
@@ -60,8 +65,8 @@ void MallocTrimmerSm::trim() {
   ++numTrimCount_;
   if (!yielded) {
     scheduleTrim();
-    ZUM_TRACE(traceHandle(), traceLevel()) << "Out of YIELD" << " freed " << freed_ << " in " << numTrimCount_
-                                           << " calls";
+    traceTrim("Out of YIELD freed " + std::to_string(freed_) + " in " + std::to_string(numTrimCount_) +
+              " calls");
     freed_ = 0;
     numTrimCount_ = 0;
     return;

@@ -19,6 +19,7 @@
 
 #include "Olk/AgentSocketHandler.h"
 #include "Olk/Task.h"
+#include "platform/Rivlog.h"
 #include "platform/Trace.h"
 
 namespace Olk {
@@ -33,8 +34,10 @@ bool mallocTrimYield(Seconds quantum, U32 maxIter, void** bookmark, U64* freed);
 class MallocTrimmerSm : public BaseOutputSm {
  public:
   const Ptr<TaskScheduler>& scheduler() const { return scheduler_; }
-  Zum::TraceHandle* qth() const { return qth_; }
-  void qthIs(Zum::TraceHandle* h) { qth_ = h; }
+  // The trace-ring handle trim records go to, at level qtl(); without one
+  // they go to the "MallocTrimmer" trace at level 8.
+  Rivlog::Handle* qth() const { return qth_; }
+  void qthIs(Rivlog::Handle* h) { qth_ = h; }
   U32 qtl() const { return qtl_; }
   void qtlIs(U32 l) { qtl_ = l; }
   Seconds taskDelayInterval() const { return taskDelayInterval_; }
@@ -79,11 +82,10 @@ class MallocTrimmerSm : public BaseOutputSm {
     MallocTrimmerSm* owner_;
   };
 
-  Zum::TraceHandle& traceHandle() const;
-  int traceLevel() const;
+  void traceTrim(const String& text) const;
 
   Ptr<TaskScheduler> scheduler_;
-  Zum::TraceHandle* qth_ = nullptr;
+  Rivlog::Handle* qth_ = nullptr;
   U32 qtl_ = 0;
   Seconds taskDelayInterval_ = 30.0;
   U32 mallocTrimMaxIter_ = 10000;

@@ -40,7 +40,13 @@ TimeStamp steadyNow() {
 
 Duration toDuration(Seconds s) {
   if (s > std::numeric_limits<double>::max()) return maxDuration;
-  return static_cast<Duration>(s * 1e9);
+  // 2^63 ns is just past the largest duration: clamp instead of letting the
+  // conversion overflow.
+  constexpr double limit = 9223372036854775807.0;
+  const double ns = s * 1e9;
+  if (ns >= limit) return maxDuration;
+  if (ns <= -limit) return std::numeric_limits<S64>::min();
+  return static_cast<Duration>(ns);
 }
 
 Seconds toSeconds(Duration d) {

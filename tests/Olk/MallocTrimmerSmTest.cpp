@@ -74,14 +74,18 @@ TEST_F(TrimmerFixture, QuantumIsTheTaskQuantumAndTracesGoToItsHandle) {
   trimmer->mallocTrimQuantumIs(0.001);
   EXPECT_EQ(trimmer->trimTask()->taskQuantum(), 0.001);
   callsPerCycle = 1;
-  Zum::TraceHandle& h = Zum::traceHandle("TrimTest");
+  Rivlog::Handle& h = Rivlog::handle("TrimTest");
   trimmer->qthIs(&h);
   trimmer->qtlIs(3);
-  Zum::TraceCapture capture;
+  Rivlog::ring().clear();
   runToExpiry();
   EXPECT_EQ(calls, 1u);
-  EXPECT_TRUE(capture.contains(" time quantum 0.001 max Iter 10000 freed so far 0 in 0 calls"));
-  EXPECT_TRUE(capture.contains("Out of YIELD freed 2 in 1 calls"));
+  std::vector<std::string> texts;
+  for (const auto& r : Rivlog::ring().records()) texts.push_back(Rivlog::recordText(r));
+  ASSERT_EQ(texts.size(), 2u);
+  EXPECT_NE(texts[0].find("MallocTrimmer: time quantum 0.001 max Iter 10000 freed so far 0 in 0 calls"),
+            std::string::npos);
+  EXPECT_NE(texts[1].find("Out of YIELD freed 2 in 1 calls"), std::string::npos);
   std::ostringstream os;
   os << *trimmer;
   EXPECT_EQ(os.str(), "Olk::MallocTrimmerSm");
