@@ -29,7 +29,7 @@ Handle& handle(std::string_view name) {
   static std::map<std::string, std::unique_ptr<Handle>, std::less<>> handles;
   auto it = handles.find(name);
   if (it != handles.end()) return *it->second;
-  auto h = std::make_unique<Handle>(std::string(name));
+  auto h = std::make_unique<Handle>(std::string(name), Zum::traceLevelMax);
   return *handles.emplace(std::string(name), std::move(h)).first->second;
 }
 

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/Ptr.h"
+#include "platform/Trace.h"
 #include "platform/Types.h"
 
 namespace Olk {
@@ -39,22 +40,9 @@ using Zum::U16;
 using Zum::U32;
 using Zum::U64;
 
-class Handle {
- public:
-  explicit Handle(std::string name) : name_(std::move(name)) {}
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
-
-  const std::string& name() const { return name_; }
-  int level() const { return level_; }
-  // Records are kept for levels up to `level`; -1 keeps none.
-  void levelIs(int level) { level_ = level; }
-  bool on(int level) const { return level <= level_; }
-
- private:
-  std::string name_;
-  int level_ = 9;
-};
+// A named, leveled handle, the same kind the trace facility uses; a ring
+// handle starts enabled up to level 9 (everything).
+using Handle = Zum::TraceHandle;
 
 // The handle named `name`, created on first use; the reference stays valid.
 Handle& handle(std::string_view name);

@@ -35,7 +35,7 @@ inline constexpr int traceOff = -1;
 
 class TraceHandle {
  public:
-  explicit TraceHandle(std::string name) : name_(std::move(name)) {}
+  explicit TraceHandle(std::string name, int level = traceOff) : name_(std::move(name)), level_(level) {}
   TraceHandle(const TraceHandle&) = delete;
   TraceHandle& operator=(const TraceHandle&) = delete;
 
@@ -46,7 +46,7 @@ class TraceHandle {
 
  private:
   std::string name_;
-  int level_ = traceOff;  // highest level written; traceOff writes none
+  int level_;  // highest level written; traceOff writes none
 };
 
 // The handle named `name`, created on first use; the reference stays valid.
