@@ -525,9 +525,6 @@ class HashTable : public Zum::Entity {
   class ReviewReactor : public Zum::Clock::Notifiee {
    public:
     explicit ReviewReactor(HashTable* table) : table_(table) {}
-    // Detach while still a Clock::Notifiee: the clock's bookkeeping treats
-    // whatever it unregisters as one.
-    ~ReviewReactor() override { notifierIs(nullptr); }
     void onTime() override { table_->reviewPendingItems(); }
 
    protected:
