@@ -639,22 +639,18 @@ void HashTable::logPendingState() {
   const bool logging = std::isfinite(interval);
   if (status()->pendingItemSets() == 0) {
     pendingItemBeginTime_ = notSet;
-    if (logging && alarmLogged_) {
+    if (logging && lastSyslogTime_ != notSet) {
       pendingItemsEmpty.log();
       status()->pendingItemSyslogVersionInc();
       lastSyslogTime_ = now;
     }
-    alarmLogged_ = false;
     return;
   }
   if (pendingItemBeginTime_ == notSet) pendingItemBeginTime_ = now;
-  const bool overdue = now - pendingItemBeginTime_ >= interval;
-  const bool quiet = !alarmLogged_ || now - lastSyslogTime_ >= interval;
-  if (logging && overdue && quiet) {
+  if (logging && now - lastSyslogTime_ >= interval) {
     pendingItemsExist.log(interval);
     status()->pendingItemSyslogVersionInc();
     lastSyslogTime_ = now;
-    alarmLogged_ = true;
   }
   reviewReactor_.timeMinIs(now + config()->pendingItemReviewQuantum());
 }

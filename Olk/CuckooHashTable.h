@@ -447,7 +447,7 @@ class HashTable : public Zum::Entity {
   const Ptr<Zum::Clock>& clock() const { return clock_; }
   bool initialized() const { return initialized_; }
   TableId lastEvictedTable() const { return lastEvictedTable_; }
-  // Negative infinity: not set.
+  // Negative infinity: not set. Both start at 0.0, which counts as set.
   Seconds pendingItemBeginTime() const { return pendingItemBeginTime_; }
   Seconds lastSyslogTime() const { return lastSyslogTime_; }
   // The item stored at `location`, null for an empty slot.
@@ -490,8 +490,13 @@ class HashTable : public Zum::Entity {
 
   // The agent applied status.cuckooCmds: counts and clears it.
   void handleCmdReadCompleted();
-  // Retries up to maxPendingItemsToReview pending items and logs while items
-  // stay pending; runs from the clock.
+  // Retries up to maxPendingItemsToReview pending items; runs from the clock
+  // and when the table attaches to it. With items left it logs "existed" once
+  // the interval has passed since the last message of either kind; with none
+  // left it logs "empty" whenever some message time is on record. The record
+  // starts at 0.0, so the review made on attaching, finding nothing pending,
+  // already logs "empty", and on a wall clock the first review with items
+  // pending logs "existed" at once.
   void reviewPendingItems();
   // Replays status.cuckooCmds on a copy of the hardware state and answers
   // whether no write loses the last copy of an item. Writes the agent already
@@ -554,9 +559,8 @@ class HashTable : public Zum::Entity {
   // self-check rebuild the hardware state the list starts from.
   std::deque<Ptr<HashItem const>> cmdPriorItems_;
   TableId lastEvictedTable_;  // table of the last eviction; null after a free-slot placement
-  Seconds pendingItemBeginTime_ = 0.0;
-  Seconds lastSyslogTime_ = 0.0;
-  bool alarmLogged_ = false;  // a "pending items existed" message awaits its "empty" message
+  Seconds pendingItemBeginTime_ = 0.0;  // when items last began to wait; traced only
+  Seconds lastSyslogTime_ = 0.0;        // time of the last pending-items message
   bool initialized_ = false;
 };
 
