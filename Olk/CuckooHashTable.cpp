@@ -228,12 +228,12 @@ void Config::tableDescListDelAll() {
 Ptr<Config> configFactory(const String& name, U8 numTables) { return Zum::create<Config>(name, numTables); }
 
 void TableStat::tableDescIs(TableId tableId, U32 tableSize, U32 binSize) {
-  storeDescriptor(tableDesc_, tableId, tableSize, binSize);
+  if (storeDescriptor(tableDesc_, tableId, tableSize, binSize)) notify(&Notifiee::onTableDesc);
 }
 
 void TableStat::numOfHashItemsDec() {
   ZUM_ASSERT(numOfHashItems_ > 0);
-  --numOfHashItems_;
+  set(numOfHashItems_, numOfHashItems_ - 1, &Notifiee::onNumOfHashItems);
 }
 
 float TableStat::occupancy() const {
@@ -302,8 +302,24 @@ void Status::pendingItemSyslogVersionInc() {
   notify(&Notifiee::onPendingItemSyslogVersion);
 }
 
-void Status::totalCmdReadCompletedIs(U32 v) {
-  if (Zum::assignIfChanged(totalCmdReadCompleted_, v)) notify(&Notifiee::onTotalCmdReadCompleted);
+void Status::totalCmdReadCompletedIs(U32 v) { set(totalCmdReadCompleted_, v, &Notifiee::onTotalCmdReadCompleted); }
+
+void Status::enq(Zum::Queue<float>& queue, float v, QueueReaction reaction) {
+  notify(reaction, queue.push(v));
+}
+
+float Status::deq(Zum::Queue<float>& queue, QueueReaction reaction) {
+  const U64 index = queue.head();
+  const float v = queue.pop();
+  notify(reaction, index);
+  return v;
+}
+
+void Status::delAll(Zum::Queue<float>& queue, QueueReaction reaction) {
+  const U64 head = queue.head();
+  const U64 tail = queue.tail();
+  queue.clear();
+  for (U64 index = head; index < tail; ++index) notify(reaction, index);
 }
 
 float Status::occupancy() const {

@@ -231,9 +231,18 @@ class CuckooCmds : public Zum::PtrInterface {
 
 Ptr<CuckooCmds> cuckooCmdsFactory();
 
+// A notifier whose setters store only a changed value and then notify.
+class AttributeNotifier : public Zum::Notifier {
+ protected:
+  template <class T, class V, class Reaction>
+  void set(T& slot, V v, Reaction reaction) {
+    if (Zum::assignIfChanged(slot, static_cast<T>(v))) notify(reaction);
+  }
+};
+
 // What the agent asks of a table. Setters store only a changed value and then
 // notify. The table reads the descriptors once, when it starts.
-class Config : public Zum::Entity, public Zum::Notifier {
+class Config : public Zum::Entity, public AttributeNotifier {
  public:
   class Notifiee : public Zum::BaseNotifiee<Config> {
    public:
@@ -298,11 +307,6 @@ class Config : public Zum::Entity, public Zum::Notifier {
   friend Ptr<T> Zum::create(A&&...);
   Config(const String& name, U8 numTables) : Zum::Entity(name), numTables_(numTables) {}
 
-  template <class T>
-  void set(T& slot, T v, void (Notifiee::*reaction)()) {
-    if (Zum::assignIfChanged(slot, v)) notify(reaction);
-  }
-
   U8 numTables_;  // 1..9, checked when a table starts
   Zum::OrderedMap<TableId, Ptr<TableDescriptor const>> tableDescList_;  // key == value's tableId
   U32 cmdReadCompleted_ = 0;
@@ -320,9 +324,18 @@ class Config : public Zum::Entity, public Zum::Notifier {
 
 Ptr<Config> configFactory(const String& name, U8 numTables);
 
-// Per-table statistics, written by the table.
-class TableStat : public Zum::Entity {
+// Per-table statistics, written by the table; each change notifies.
+class TableStat : public Zum::Entity, public AttributeNotifier {
  public:
+  class Notifiee : public Zum::BaseNotifiee<TableStat> {
+   public:
+    virtual void onTableDesc() {}
+    virtual void onLookupSuccess() {}
+    virtual void onLookupFailures() {}
+    virtual void onNumOfEvicts() {}
+    virtual void onNumOfHashItems() {}
+  };
+
   TableId tableId() const { return tableId_; }
   const Ptr<TableDescriptor const>& tableDesc() const { return tableDesc_; }
   // Same refusal as Config::tableDescListIs when the shape changes.
@@ -330,16 +343,16 @@ class TableStat : public Zum::Entity {
 
   // Kept for the agent; the table never changes them.
   U32 lookupSuccess() const { return lookupSuccess_; }
-  void lookupSuccessInc() { ++lookupSuccess_; }
+  void lookupSuccessInc() { set(lookupSuccess_, lookupSuccess_ + 1, &Notifiee::onLookupSuccess); }
   U32 lookupFailures() const { return lookupFailures_; }
-  void lookupFailuresInc() { ++lookupFailures_; }
+  void lookupFailuresInc() { set(lookupFailures_, lookupFailures_ + 1, &Notifiee::onLookupFailures); }
 
   // Slots overwritten on the hardware by evictions in this table.
   U32 numOfEvicts() const { return numOfEvicts_; }
-  void numOfEvictsInc() { ++numOfEvicts_; }
+  void numOfEvictsInc() { set(numOfEvicts_, numOfEvicts_ + 1, &Notifiee::onNumOfEvicts); }
   // Occupied slots in this table.
   U32 numOfHashItems() const { return numOfHashItems_; }
-  void numOfHashItemsInc() { ++numOfHashItems_; }
+  void numOfHashItemsInc() { set(numOfHashItems_, numOfHashItems_ + 1, &Notifiee::onNumOfHashItems); }
   void numOfHashItemsDec();
   // numOfHashItems / capacity; 0 without a descriptor.
   float occupancy() const;
@@ -362,7 +375,7 @@ String valueToStrep(const TableStat& s);
 
 // What the table reports. The pending set keeps insertion order, so reviews
 // retry the oldest items first and equal runs review in equal order.
-class Status : public Zum::Entity, public Zum::Notifier {
+class Status : public Zum::Entity, public AttributeNotifier {
  public:
   class Notifiee : public Zum::BaseNotifiee<Status> {
    public:
@@ -371,6 +384,12 @@ class Status : public Zum::Entity, public Zum::Notifier {
     virtual void onPendingItemVersion() {}
     virtual void onPendingItemSyslogVersion() {}
     virtual void onTotalCmdReadCompleted() {}
+    virtual void onRetryCount() {}
+    // The running index of the entry that came or went.
+    virtual void onFirstFailLoadFactor(U64) {}
+    virtual void onLastFailLoadFactor(U64) {}
+    virtual void onLongestCycle() {}
+    virtual void onCycleCount() {}
   };
 
   const Zum::OrderedMap<TableId, Ptr<TableStat>>& tableStat() const { return tableStat_; }
@@ -398,21 +417,21 @@ class Status : public Zum::Entity, public Zum::Notifier {
   U32 totalCmdReadCompleted() const { return totalCmdReadCompleted_; }
   void totalCmdReadCompletedIs(U32 v);
   U32 retryCount() const { return retryCount_; }
-  void retryCountInc() { ++retryCount_; }
+  void retryCountInc() { set(retryCount_, retryCount_ + 1, &Notifiee::onRetryCount); }
 
   const Zum::Queue<float>& firstFailLoadFactor() const { return firstFailLoadFactor_; }
-  void firstFailLoadFactorEnq(float v) { firstFailLoadFactor_.push(v); }
-  float firstFailLoadFactorDeq() { return firstFailLoadFactor_.pop(); }
-  void firstFailLoadFactorDelAll() { firstFailLoadFactor_.clear(); }
+  void firstFailLoadFactorEnq(float v) { enq(firstFailLoadFactor_, v, &Notifiee::onFirstFailLoadFactor); }
+  float firstFailLoadFactorDeq() { return deq(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
+  void firstFailLoadFactorDelAll() { delAll(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
   const Zum::Queue<float>& lastFailLoadFactor() const { return lastFailLoadFactor_; }
-  void lastFailLoadFactorEnq(float v) { lastFailLoadFactor_.push(v); }
-  float lastFailLoadFactorDeq() { return lastFailLoadFactor_.pop(); }
-  void lastFailLoadFactorDelAll() { lastFailLoadFactor_.clear(); }
+  void lastFailLoadFactorEnq(float v) { enq(lastFailLoadFactor_, v, &Notifiee::onLastFailLoadFactor); }
+  float lastFailLoadFactorDeq() { return deq(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
+  void lastFailLoadFactorDelAll() { delAll(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
 
   U32 longestCycle() const { return longestCycle_; }
-  void longestCycleIs(U32 v) { longestCycle_ = v; }
+  void longestCycleIs(U32 v) { set(longestCycle_, v, &Notifiee::onLongestCycle); }
   U32 cycleCount() const { return cycleCount_; }
-  void cycleCountIs(U32 v) { cycleCount_ = v; }
+  void cycleCountIs(U32 v) { set(cycleCount_, v, &Notifiee::onCycleCount); }
 
   // Occupied slots over all slots of all tables; traces each table's counts.
   float occupancy() const;
@@ -421,6 +440,11 @@ class Status : public Zum::Entity, public Zum::Notifier {
   template <class T, class... A>
   friend Ptr<T> Zum::create(A&&...);
   explicit Status(const String& name) : Zum::Entity(name), cuckooCmds_(cuckooCmdsFactory()) {}
+
+  using QueueReaction = void (Notifiee::*)(U64);
+  void enq(Zum::Queue<float>& queue, float v, QueueReaction reaction);
+  float deq(Zum::Queue<float>& queue, QueueReaction reaction);
+  void delAll(Zum::Queue<float>& queue, QueueReaction reaction);
 
   Zum::OrderedMap<TableId, Ptr<TableStat>> tableStat_;
   Ptr<CuckooCmds> cuckooCmds_;  // never null

@@ -426,6 +426,42 @@ TEST(CuckooHashTable, RemoveAbsentNullAndPending) {
   EXPECT_EQ(0u, f.status->tableStat(0)->numOfHashItems());
 }
 
+TEST(CuckooHashTable, StatisticsNotifyOnlyOnChange) {
+  struct StatusWatch : Status::Notifiee {
+    std::vector<String> seen;
+    void onRetryCount() override { seen.push_back("retry"); }
+    void onLongestCycle() override { seen.push_back("longest"); }
+    void onCycleCount() override { seen.push_back("cycles"); }
+    void onFirstFailLoadFactor(U64 i) override { seen.push_back("first" + std::to_string(i)); }
+    void onLastFailLoadFactor(U64 i) override { seen.push_back("last" + std::to_string(i)); }
+  } statusWatch;
+  struct TableWatch : TableStat::Notifiee {
+    U32 items = 0;
+    void onNumOfHashItems() override { ++items; }
+  } tableWatch;
+  Fixture f({{4, 1}});
+  f.start();
+  statusWatch.notifierIs(f.status);
+  tableWatch.notifierIs(f.status->tableStat(0));
+  f.status->retryCountInc();
+  f.status->cycleCountIs(0);
+  f.status->cycleCountIs(2);
+  f.status->longestCycleIs(2);
+  f.status->longestCycleIs(2);
+  f.status->firstFailLoadFactorEnq(0.5f);
+  f.status->firstFailLoadFactorEnq(0.6f);
+  f.status->firstFailLoadFactorDeq();
+  f.status->lastFailLoadFactorEnq(0.7f);
+  f.status->lastFailLoadFactorDelAll();
+  EXPECT_EQ((std::vector<String>{"retry", "cycles", "longest", "first0", "first1", "first0", "last0", "last0"}),
+            statusWatch.seen);
+  f.table->insertItem(item(1, 0, 0));
+  f.table->insertItem(item(2, 1, 0));
+  f.table->insertItem(item(2, 1, 0));  // already there: no write
+  f.table->deleteItem(item(1, 0, 0));
+  EXPECT_EQ(3u, tableWatch.items);
+}
+
 // ---- hitlessness against the hardware model -----------------------------------
 
 TEST(CuckooHashTable, RandomRunsStayHitlessOnEveryWrite) {
