@@ -411,7 +411,7 @@ Ptr<EvictCmd const> HashTable::setItemAtLocation(const Ptr<HashItem const>& item
   Ptr<HashItem const> old = itemShadow_.get(location);
   Ptr<TableStat> stat = status()->tableStat(location.tableId);
   if (!item) {
-    ZUM_TRACE(tr, 8) << " " << location << ", Delete: " << old;
+    ZUM_TRACE(tr, 8) << " " << location << ", Delete: " << item;
     if (itemShadow_.del(location)) stat->numOfHashItemsDec();
   } else {
     itemShadow_.set(location, item);

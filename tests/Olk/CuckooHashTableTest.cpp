@@ -421,6 +421,7 @@ TEST(CuckooHashTable, RemoveAbsentNullAndPending) {
   EXPECT_FALSE(f.table->deleteItem(item(2, 9, 9)));  // pending, equal by key
   EXPECT_EQ(0u, f.status->pendingItemSets());
   EXPECT_TRUE(f.table->deleteItem(item(1, 0, 0)));
+  EXPECT_TRUE(trace.contains("TableId/BinId/Index: ( 0, 0, 0 ), Delete: null"));
   ASSERT_EQ(2u, f.cmds());
   EXPECT_FALSE(f.cmd(1)->item());
   EXPECT_EQ(0u, f.status->tableStat(0)->numOfHashItems());
