@@ -504,7 +504,12 @@ class HashTable : public Zum::Entity {
   // last; clears the path.
   void updateCuckooCmds(const Ptr<EvictCmdPath>& path, const Ptr<CuckooCmds>& cmds);
   // Drops the loops of a walk that came back to a slot, restoring the shadow
-  // they changed; returns how many loops it dropped.
+  // they changed; returns how many loops it dropped. A loop runs from the
+  // earlier write of the slot through the write that came back to it: that
+  // last write goes too, because once the loop is undone the item it would
+  // overwrite is no longer in the slot, and the walk then carries on from
+  // the item the loop began with. The latest loop goes first, since no later
+  // step touches its slots; an earlier loop may share slots with later steps.
   U32 maybeDeleteCycle(const Ptr<EvictCmdPath>& path);
   // Undoes a walk on the shadow, latest step first, and clears the path.
   void revertChanges(const Ptr<EvictCmdPath>& path);
@@ -589,7 +594,9 @@ class HashTable : public Zum::Entity {
 };
 
 // The table is driven by `clock` for the pending review; null takes the
-// activity loop's clock.
+// activity loop's clock. An agent running its own loop, or a test with a
+// manual clock, passes its clock here: the table attaches at start, and the
+// activity loop's clock cannot be replaced.
 Ptr<HashTable> hashTableFactory(const Ptr<Config>& config, const Ptr<Status>& status,
                                 const Ptr<Zum::Clock>& clock = nullptr);
 
