@@ -1,11 +1,10 @@
 // Hitless cuckoo placement of items into multi-table hardware hash tables.
 //
-// A `HashTable` places items into up to nine tables (`Config`), each an array
-// of `tableSize` indexes of `binSize` slots, by cuckoo hashing with a random
-// walk. It keeps a software shadow of every slot and turns each insertion or
-// removal into a command list (`status.cuckooCmds`) that the agent copies to
-// the hardware from head to tail and then acknowledges by changing
-// `config.cmdReadCompleted`.
+// A `HashTable` places items into up to nine tables, each `tableSize` indexes
+// of `binSize` slots, by cuckoo hashing with a random walk. It keeps a shadow
+// of every slot and turns each insertion or removal into a command list
+// (`status.cuckooCmds`) that the agent copies to the hardware from head to
+// tail, then acknowledges by changing `config.cmdReadCompleted`.
 //
 // Invariant: applied one write at a time, a list never overwrites the last
 // hardware copy of an item that stays in the table, so lookups never miss
