@@ -142,6 +142,8 @@ String valueToStrep(const TableDescriptor& d) {
   return std::move(w).done();
 }
 
+String valueToStrep(const Ptr<TableDescriptor const>& d) { return d ? valueToStrep(*d) : String("None"); }
+
 std::ostream& operator<<(std::ostream& os, const TableId& t) { return os << valueToStrep(t); }
 std::ostream& operator<<(std::ostream& os, const CuckooLocation& l) { return os << valueToStrep(l); }
 
@@ -245,7 +247,7 @@ Ptr<TableStat> tableStatFactory(TableId tableId) { return Zum::create<TableStat>
 
 String valueToStrep(const TableStat& s) {
   Zum::ValueStrepWriter w("Olk::Cuckoo::TableStat");
-  w.field("tableId", s.tableId()).field("lookupSuccess", s.lookupSuccess());
+  w.field("tableId", s.tableId()).field("tableDesc", s.tableDesc()).field("lookupSuccess", s.lookupSuccess());
   w.field("lookupFailures", s.lookupFailures()).field("numOfEvicts", s.numOfEvicts());
   w.field("numOfHashItems", s.numOfHashItems());
   return std::move(w).done();

@@ -103,6 +103,8 @@ void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TableId* out);
 String valueToStrep(const CuckooLocation& l);
 void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, CuckooLocation* out);
 String valueToStrep(const TableDescriptor& d);
+// "None" for a missing descriptor.
+String valueToStrep(const Ptr<TableDescriptor const>& d);
 std::ostream& operator<<(std::ostream& os, const TableId& t);
 std::ostream& operator<<(std::ostream& os, const CuckooLocation& l);
 
