@@ -12,7 +12,7 @@ void ConsistentHashCircle::addHash(U64 hash, U64 numPoints) {
     if (!members.empty()) ++pointCollisionCount_;
     members.insert(hash);
   }
-  if (numPoints) numPoints_[hash] = numPoints;
+  numPoints_[hash] = numPoints;
 }
 
 void ConsistentHashCircle::delHash(U64 hash) {

@@ -21,9 +21,10 @@ namespace Olk::ConsistentHash {
 
 class ConsistentHashCircle {
  public:
-  // Places `hash` at `numPoints` points; 0 places nothing. Adding a member that
-  // is already present places it again (its points are counted twice in the
-  // collision counter) and remembers the new count.
+  // Places `hash` at `numPoints` points; 0 places nothing but still records
+  // the member. Adding a member that is already present places it again (its
+  // points are counted twice in the collision counter) and remembers the new
+  // count, 0 included: delHash then removes only that many points.
   void addHash(U64 hash, U64 numPoints);
   // Removes `hash` from all its points; a hash never added changes nothing.
   void delHash(U64 hash);

@@ -142,6 +142,8 @@ String valueToStrep(const TableDescriptor& d) {
   return std::move(w).done();
 }
 
+String valueToStrep(const Ptr<TableDescriptor const>& d) { return d ? valueToStrep(*d) : String("None"); }
+
 std::ostream& operator<<(std::ostream& os, const TableId& t) { return os << valueToStrep(t); }
 std::ostream& operator<<(std::ostream& os, const CuckooLocation& l) { return os << valueToStrep(l); }
 
@@ -228,12 +230,12 @@ void Config::tableDescListDelAll() {
 Ptr<Config> configFactory(const String& name, U8 numTables) { return Zum::create<Config>(name, numTables); }
 
 void TableStat::tableDescIs(TableId tableId, U32 tableSize, U32 binSize) {
-  storeDescriptor(tableDesc_, tableId, tableSize, binSize);
+  if (storeDescriptor(tableDesc_, tableId, tableSize, binSize)) notify(&Notifiee::onTableDesc);
 }
 
 void TableStat::numOfHashItemsDec() {
   ZUM_ASSERT(numOfHashItems_ > 0);
-  --numOfHashItems_;
+  set(numOfHashItems_, numOfHashItems_ - 1, &Notifiee::onNumOfHashItems);
 }
 
 float TableStat::occupancy() const {
@@ -245,7 +247,7 @@ Ptr<TableStat> tableStatFactory(TableId tableId) { return Zum::create<TableStat>
 
 String valueToStrep(const TableStat& s) {
   Zum::ValueStrepWriter w("Olk::Cuckoo::TableStat");
-  w.field("tableId", s.tableId()).field("lookupSuccess", s.lookupSuccess());
+  w.field("tableId", s.tableId()).field("tableDesc", s.tableDesc()).field("lookupSuccess", s.lookupSuccess());
   w.field("lookupFailures", s.lookupFailures()).field("numOfEvicts", s.numOfEvicts());
   w.field("numOfHashItems", s.numOfHashItems());
   return std::move(w).done();
@@ -302,8 +304,24 @@ void Status::pendingItemSyslogVersionInc() {
   notify(&Notifiee::onPendingItemSyslogVersion);
 }
 
-void Status::totalCmdReadCompletedIs(U32 v) {
-  if (Zum::assignIfChanged(totalCmdReadCompleted_, v)) notify(&Notifiee::onTotalCmdReadCompleted);
+void Status::totalCmdReadCompletedIs(U32 v) { set(totalCmdReadCompleted_, v, &Notifiee::onTotalCmdReadCompleted); }
+
+void Status::enq(Zum::Queue<float>& queue, float v, QueueReaction reaction) {
+  notify(reaction, queue.push(v));
+}
+
+float Status::deq(Zum::Queue<float>& queue, QueueReaction reaction) {
+  const U64 index = queue.head();
+  const float v = queue.pop();
+  notify(reaction, index);
+  return v;
+}
+
+void Status::delAll(Zum::Queue<float>& queue, QueueReaction reaction) {
+  const U64 head = queue.head();
+  const U64 tail = queue.tail();
+  queue.clear();
+  for (U64 index = head; index < tail; ++index) notify(reaction, index);
 }
 
 float Status::occupancy() const {
@@ -395,7 +413,7 @@ Ptr<EvictCmd const> HashTable::setItemAtLocation(const Ptr<HashItem const>& item
   Ptr<HashItem const> old = itemShadow_.get(location);
   Ptr<TableStat> stat = status()->tableStat(location.tableId);
   if (!item) {
-    ZUM_TRACE(tr, 8) << " " << location << ", Delete: " << old;
+    ZUM_TRACE(tr, 8) << " " << location << ", Delete: " << item;
     if (itemShadow_.del(location)) stat->numOfHashItemsDec();
   } else {
     itemShadow_.set(location, item);
@@ -639,22 +657,18 @@ void HashTable::logPendingState() {
   const bool logging = std::isfinite(interval);
   if (status()->pendingItemSets() == 0) {
     pendingItemBeginTime_ = notSet;
-    if (logging && alarmLogged_) {
+    if (logging && lastSyslogTime_ != notSet) {
       pendingItemsEmpty.log();
       status()->pendingItemSyslogVersionInc();
       lastSyslogTime_ = now;
     }
-    alarmLogged_ = false;
     return;
   }
   if (pendingItemBeginTime_ == notSet) pendingItemBeginTime_ = now;
-  const bool overdue = now - pendingItemBeginTime_ >= interval;
-  const bool quiet = !alarmLogged_ || now - lastSyslogTime_ >= interval;
-  if (logging && overdue && quiet) {
+  if (logging && now - lastSyslogTime_ >= interval) {
     pendingItemsExist.log(interval);
     status()->pendingItemSyslogVersionInc();
     lastSyslogTime_ = now;
-    alarmLogged_ = true;
   }
   reviewReactor_.timeMinIs(now + config()->pendingItemReviewQuantum());
 }

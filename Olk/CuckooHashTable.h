@@ -1,11 +1,10 @@
 // Hitless cuckoo placement of items into multi-table hardware hash tables.
 //
-// A `HashTable` places items into up to nine tables (`Config`), each an array
-// of `tableSize` indexes of `binSize` slots, by cuckoo hashing with a random
-// walk. It keeps a software shadow of every slot and turns each insertion or
-// removal into a command list (`status.cuckooCmds`) that the agent copies to
-// the hardware from head to tail and then acknowledges by changing
-// `config.cmdReadCompleted`.
+// A `HashTable` places items into up to nine tables, each `tableSize` indexes
+// of `binSize` slots, by cuckoo hashing with a random walk. It keeps a shadow
+// of every slot and turns each insertion or removal into a command list
+// (`status.cuckooCmds`) that the agent copies to the hardware from head to
+// tail, then acknowledges by changing `config.cmdReadCompleted`.
 //
 // Invariant: applied one write at a time, a list never overwrites the last
 // hardware copy of an item that stays in the table, so lookups never miss
@@ -104,6 +103,8 @@ void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TableId* out);
 String valueToStrep(const CuckooLocation& l);
 void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, CuckooLocation* out);
 String valueToStrep(const TableDescriptor& d);
+// "None" for a missing descriptor.
+String valueToStrep(const Ptr<TableDescriptor const>& d);
 std::ostream& operator<<(std::ostream& os, const TableId& t);
 std::ostream& operator<<(std::ostream& os, const CuckooLocation& l);
 
@@ -231,9 +232,18 @@ class CuckooCmds : public Zum::PtrInterface {
 
 Ptr<CuckooCmds> cuckooCmdsFactory();
 
+// A notifier whose setters store only a changed value and then notify.
+class AttributeNotifier : public Zum::Notifier {
+ protected:
+  template <class T, class V, class Reaction>
+  void set(T& slot, V v, Reaction reaction) {
+    if (Zum::assignIfChanged(slot, static_cast<T>(v))) notify(reaction);
+  }
+};
+
 // What the agent asks of a table. Setters store only a changed value and then
 // notify. The table reads the descriptors once, when it starts.
-class Config : public Zum::Entity, public Zum::Notifier {
+class Config : public Zum::Entity, public AttributeNotifier {
  public:
   class Notifiee : public Zum::BaseNotifiee<Config> {
    public:
@@ -298,11 +308,6 @@ class Config : public Zum::Entity, public Zum::Notifier {
   friend Ptr<T> Zum::create(A&&...);
   Config(const String& name, U8 numTables) : Zum::Entity(name), numTables_(numTables) {}
 
-  template <class T>
-  void set(T& slot, T v, void (Notifiee::*reaction)()) {
-    if (Zum::assignIfChanged(slot, v)) notify(reaction);
-  }
-
   U8 numTables_;  // 1..9, checked when a table starts
   Zum::OrderedMap<TableId, Ptr<TableDescriptor const>> tableDescList_;  // key == value's tableId
   U32 cmdReadCompleted_ = 0;
@@ -320,9 +325,18 @@ class Config : public Zum::Entity, public Zum::Notifier {
 
 Ptr<Config> configFactory(const String& name, U8 numTables);
 
-// Per-table statistics, written by the table.
-class TableStat : public Zum::Entity {
+// Per-table statistics, written by the table; each change notifies.
+class TableStat : public Zum::Entity, public AttributeNotifier {
  public:
+  class Notifiee : public Zum::BaseNotifiee<TableStat> {
+   public:
+    virtual void onTableDesc() {}
+    virtual void onLookupSuccess() {}
+    virtual void onLookupFailures() {}
+    virtual void onNumOfEvicts() {}
+    virtual void onNumOfHashItems() {}
+  };
+
   TableId tableId() const { return tableId_; }
   const Ptr<TableDescriptor const>& tableDesc() const { return tableDesc_; }
   // Same refusal as Config::tableDescListIs when the shape changes.
@@ -330,16 +344,16 @@ class TableStat : public Zum::Entity {
 
   // Kept for the agent; the table never changes them.
   U32 lookupSuccess() const { return lookupSuccess_; }
-  void lookupSuccessInc() { ++lookupSuccess_; }
+  void lookupSuccessInc() { set(lookupSuccess_, lookupSuccess_ + 1, &Notifiee::onLookupSuccess); }
   U32 lookupFailures() const { return lookupFailures_; }
-  void lookupFailuresInc() { ++lookupFailures_; }
+  void lookupFailuresInc() { set(lookupFailures_, lookupFailures_ + 1, &Notifiee::onLookupFailures); }
 
   // Slots overwritten on the hardware by evictions in this table.
   U32 numOfEvicts() const { return numOfEvicts_; }
-  void numOfEvictsInc() { ++numOfEvicts_; }
+  void numOfEvictsInc() { set(numOfEvicts_, numOfEvicts_ + 1, &Notifiee::onNumOfEvicts); }
   // Occupied slots in this table.
   U32 numOfHashItems() const { return numOfHashItems_; }
-  void numOfHashItemsInc() { ++numOfHashItems_; }
+  void numOfHashItemsInc() { set(numOfHashItems_, numOfHashItems_ + 1, &Notifiee::onNumOfHashItems); }
   void numOfHashItemsDec();
   // numOfHashItems / capacity; 0 without a descriptor.
   float occupancy() const;
@@ -362,7 +376,7 @@ String valueToStrep(const TableStat& s);
 
 // What the table reports. The pending set keeps insertion order, so reviews
 // retry the oldest items first and equal runs review in equal order.
-class Status : public Zum::Entity, public Zum::Notifier {
+class Status : public Zum::Entity, public AttributeNotifier {
  public:
   class Notifiee : public Zum::BaseNotifiee<Status> {
    public:
@@ -371,6 +385,12 @@ class Status : public Zum::Entity, public Zum::Notifier {
     virtual void onPendingItemVersion() {}
     virtual void onPendingItemSyslogVersion() {}
     virtual void onTotalCmdReadCompleted() {}
+    virtual void onRetryCount() {}
+    // The running index of the entry that came or went.
+    virtual void onFirstFailLoadFactor(U64) {}
+    virtual void onLastFailLoadFactor(U64) {}
+    virtual void onLongestCycle() {}
+    virtual void onCycleCount() {}
   };
 
   const Zum::OrderedMap<TableId, Ptr<TableStat>>& tableStat() const { return tableStat_; }
@@ -398,21 +418,21 @@ class Status : public Zum::Entity, public Zum::Notifier {
   U32 totalCmdReadCompleted() const { return totalCmdReadCompleted_; }
   void totalCmdReadCompletedIs(U32 v);
   U32 retryCount() const { return retryCount_; }
-  void retryCountInc() { ++retryCount_; }
+  void retryCountInc() { set(retryCount_, retryCount_ + 1, &Notifiee::onRetryCount); }
 
   const Zum::Queue<float>& firstFailLoadFactor() const { return firstFailLoadFactor_; }
-  void firstFailLoadFactorEnq(float v) { firstFailLoadFactor_.push(v); }
-  float firstFailLoadFactorDeq() { return firstFailLoadFactor_.pop(); }
-  void firstFailLoadFactorDelAll() { firstFailLoadFactor_.clear(); }
+  void firstFailLoadFactorEnq(float v) { enq(firstFailLoadFactor_, v, &Notifiee::onFirstFailLoadFactor); }
+  float firstFailLoadFactorDeq() { return deq(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
+  void firstFailLoadFactorDelAll() { delAll(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
   const Zum::Queue<float>& lastFailLoadFactor() const { return lastFailLoadFactor_; }
-  void lastFailLoadFactorEnq(float v) { lastFailLoadFactor_.push(v); }
-  float lastFailLoadFactorDeq() { return lastFailLoadFactor_.pop(); }
-  void lastFailLoadFactorDelAll() { lastFailLoadFactor_.clear(); }
+  void lastFailLoadFactorEnq(float v) { enq(lastFailLoadFactor_, v, &Notifiee::onLastFailLoadFactor); }
+  float lastFailLoadFactorDeq() { return deq(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
+  void lastFailLoadFactorDelAll() { delAll(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
 
   U32 longestCycle() const { return longestCycle_; }
-  void longestCycleIs(U32 v) { longestCycle_ = v; }
+  void longestCycleIs(U32 v) { set(longestCycle_, v, &Notifiee::onLongestCycle); }
   U32 cycleCount() const { return cycleCount_; }
-  void cycleCountIs(U32 v) { cycleCount_ = v; }
+  void cycleCountIs(U32 v) { set(cycleCount_, v, &Notifiee::onCycleCount); }
 
   // Occupied slots over all slots of all tables; traces each table's counts.
   float occupancy() const;
@@ -421,6 +441,11 @@ class Status : public Zum::Entity, public Zum::Notifier {
   template <class T, class... A>
   friend Ptr<T> Zum::create(A&&...);
   explicit Status(const String& name) : Zum::Entity(name), cuckooCmds_(cuckooCmdsFactory()) {}
+
+  using QueueReaction = void (Notifiee::*)(U64);
+  void enq(Zum::Queue<float>& queue, float v, QueueReaction reaction);
+  float deq(Zum::Queue<float>& queue, QueueReaction reaction);
+  void delAll(Zum::Queue<float>& queue, QueueReaction reaction);
 
   Zum::OrderedMap<TableId, Ptr<TableStat>> tableStat_;
   Ptr<CuckooCmds> cuckooCmds_;  // never null
@@ -447,7 +472,7 @@ class HashTable : public Zum::Entity {
   const Ptr<Zum::Clock>& clock() const { return clock_; }
   bool initialized() const { return initialized_; }
   TableId lastEvictedTable() const { return lastEvictedTable_; }
-  // Negative infinity: not set.
+  // Negative infinity: not set. Both start at 0.0, which counts as set.
   Seconds pendingItemBeginTime() const { return pendingItemBeginTime_; }
   Seconds lastSyslogTime() const { return lastSyslogTime_; }
   // The item stored at `location`, null for an empty slot.
@@ -480,7 +505,12 @@ class HashTable : public Zum::Entity {
   // last; clears the path.
   void updateCuckooCmds(const Ptr<EvictCmdPath>& path, const Ptr<CuckooCmds>& cmds);
   // Drops the loops of a walk that came back to a slot, restoring the shadow
-  // they changed; returns how many loops it dropped.
+  // they changed; returns how many loops it dropped. A loop runs from the
+  // earlier write of the slot through the write that came back to it: that
+  // last write goes too, because once the loop is undone the item it would
+  // overwrite is no longer in the slot, and the walk then carries on from
+  // the item the loop began with. The latest loop goes first, since no later
+  // step touches its slots; an earlier loop may share slots with later steps.
   U32 maybeDeleteCycle(const Ptr<EvictCmdPath>& path);
   // Undoes a walk on the shadow, latest step first, and clears the path.
   void revertChanges(const Ptr<EvictCmdPath>& path);
@@ -490,8 +520,13 @@ class HashTable : public Zum::Entity {
 
   // The agent applied status.cuckooCmds: counts and clears it.
   void handleCmdReadCompleted();
-  // Retries up to maxPendingItemsToReview pending items and logs while items
-  // stay pending; runs from the clock.
+  // Retries up to maxPendingItemsToReview pending items; runs from the clock
+  // and when the table attaches to it. With items left it logs "existed" once
+  // the interval has passed since the last message of either kind; with none
+  // left it logs "empty" whenever some message time is on record. The record
+  // starts at 0.0, so the review made on attaching, finding nothing pending,
+  // already logs "empty", and on a wall clock the first review with items
+  // pending logs "existed" at once.
   void reviewPendingItems();
   // Replays status.cuckooCmds on a copy of the hardware state and answers
   // whether no write loses the last copy of an item. Writes the agent already
@@ -525,9 +560,6 @@ class HashTable : public Zum::Entity {
   class ReviewReactor : public Zum::Clock::Notifiee {
    public:
     explicit ReviewReactor(HashTable* table) : table_(table) {}
-    // Detach while still a Clock::Notifiee: the clock's bookkeeping treats
-    // whatever it unregisters as one.
-    ~ReviewReactor() override { notifierIs(nullptr); }
     void onTime() override { table_->reviewPendingItems(); }
 
    protected:
@@ -557,14 +589,15 @@ class HashTable : public Zum::Entity {
   // self-check rebuild the hardware state the list starts from.
   std::deque<Ptr<HashItem const>> cmdPriorItems_;
   TableId lastEvictedTable_;  // table of the last eviction; null after a free-slot placement
-  Seconds pendingItemBeginTime_ = 0.0;
-  Seconds lastSyslogTime_ = 0.0;
-  bool alarmLogged_ = false;  // a "pending items existed" message awaits its "empty" message
+  Seconds pendingItemBeginTime_ = 0.0;  // when items last began to wait; traced only
+  Seconds lastSyslogTime_ = 0.0;        // time of the last pending-items message
   bool initialized_ = false;
 };
 
 // The table is driven by `clock` for the pending review; null takes the
-// activity loop's clock.
+// activity loop's clock. An agent running its own loop, or a test with a
+// manual clock, passes its clock here: the table attaches at start, and the
+// activity loop's clock cannot be replaced.
 Ptr<HashTable> hashTableFactory(const Ptr<Config>& config, const Ptr<Status>& status,
                                 const Ptr<Zum::Clock>& clock = nullptr);
 

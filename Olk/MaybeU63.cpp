@@ -39,13 +39,11 @@ void MaybeU63::stringValueIs(const String& text) {
 
 String valueToStrep(const MaybeU63& v) { return v.stringValue(); }
 
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, MaybeU63* out) {
-  U64 word;
-  if (cur == end || !parse(cur, end, &word)) {
-    throw Zum::RangeException("Error deserializing Olk::MaybeU63");
-  }
-  out->valueIs(word);
+MaybeU63::MaybeU63(Zum::StrepIter& cur, Zum::StrepIter end) {
+  if (cur == end || !parse(cur, end, &word_)) throw Zum::RangeException("Error deserializing Olk::MaybeU63");
 }
+
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, MaybeU63* out) { *out = MaybeU63(cur, end); }
 
 std::ostream& operator<<(std::ostream& os, const MaybeU63& v) { return os << v.stringValue(); }
 

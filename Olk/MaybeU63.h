@@ -23,6 +23,9 @@ class MaybeU63 {
 
   constexpr MaybeU63() = default;
   constexpr explicit MaybeU63(U64 word) : word_(word) {}
+  // Parses the text form at `cur` and moves `cur` past it; throws as
+  // sequenceToValue does.
+  MaybeU63(Zum::StrepIter& cur, Zum::StrepIter end);
 
   U64 word() const { return word_; }
   bool isNull() const { return (word_ & nullBit) != 0; }

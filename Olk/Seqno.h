@@ -25,6 +25,8 @@ class Seqno {
 
   constexpr Seqno() = default;
   constexpr explicit Seqno(T value) : value_(value) {}
+  // Parses the text form at `cur` and moves `cur` past it.
+  Seqno(Zum::StrepIter& cur, Zum::StrepIter end) { Zum::sequenceToValue(cur, end, &value_); }
 
   constexpr T value() const { return value_; }
   void valueIs(T value) { value_ = value; }
@@ -51,9 +53,7 @@ String valueToStrep(const Seqno<T>& s) {
 
 template <class T>
 void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, Seqno<T>* out) {
-  T v;
-  Zum::sequenceToValue(cur, end, &v);
-  out->valueIs(v);
+  *out = Seqno<T>(cur, end);
 }
 
 template <class T>

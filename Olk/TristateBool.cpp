@@ -21,11 +21,7 @@ String TristateBool::toStrep() const {
 
 String valueToStrep(const TristateBool& v) { return Zum::valueToStrep(v.storage()); }
 
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TristateBool* out) {
-  U8 storage;
-  Zum::sequenceToValue(cur, end, &storage);
-  out->storageIs(storage);
-}
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TristateBool* out) { *out = TristateBool(cur, end); }
 
 std::ostream& operator<<(std::ostream& os, const TristateBool& v) { return os << valueToStrep(v); }
 

@@ -22,6 +22,8 @@ class TristateBool {
 
   TristateBool() = default;
   explicit TristateBool(bool v) { valueIs(v); }
+  // Parses the text form (the storage number) at `cur` and moves `cur` past it.
+  TristateBool(Zum::StrepIter& cur, Zum::StrepIter end) { Zum::sequenceToValue(cur, end, &storage_); }
 
   U8 storage() const { return storage_; }
   void storageIs(U8 s) { storage_ = s; }

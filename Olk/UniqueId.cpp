@@ -69,12 +69,14 @@ String valueToStrep(const UniqueId& id) {
       .done();
 }
 
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, UniqueId* out) {
+UniqueId::UniqueId(Zum::StrepIter& cur, Zum::StrepIter end) {
   Zum::ValueStrepReader reader(cur, end, "Olk::UniqueId");
-  reader.field("timestamp", &out->timestamp_).field("pid", &out->pid_).field("count", &out->count_);
+  reader.field("timestamp", &timestamp_).field("pid", &pid_).field("count", &count_);
   reader.done();
-  out->doInit();
+  doInit();
 }
+
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, UniqueId* out) { *out = UniqueId(cur, end); }
 
 std::ostream& operator<<(std::ostream& os, const UniqueId& id) { return os << valueToStrep(id); }
 

@@ -27,6 +27,9 @@ class UniqueId {
   UniqueId();
   // The given id, or a fresh one when it is unset.
   UniqueId(U32 timestamp, U16 pid, U16 count);
+  // Parses the text form at `cur`, moves `cur` past it, then fills in a
+  // fresh id when the text was of an unset one.
+  UniqueId(Zum::StrepIter& cur, Zum::StrepIter end);
 
   U32 timestamp() const { return timestamp_; }
   U16 pid() const { return pid_; }
@@ -41,7 +44,6 @@ class UniqueId {
   bool operator<(const UniqueId& o) const;
 
  private:
-  friend void sequenceToValue(Zum::StrepIter&, Zum::StrepIter, UniqueId*);
   friend void deserialize(Zum::AttrLogReader&, UniqueId*);
   bool isUnset() const;
 

@@ -66,10 +66,11 @@ TEST(ConsistentHash, SharedPointGoesToSmallerMemberAndIsCounted) {
   }
 }
 
-TEST(ConsistentHash, ZeroPointsAndUnknownDeleteChangeNothing) {
+TEST(ConsistentHash, ZeroPointsAreRecordedAndUnknownDeleteChangesNothing) {
   ConsistentHashCircle c;
   c.addHash(5, 0);
   EXPECT_EQ(0u, c.points());
+  EXPECT_EQ(1u, c.members());  // recorded with no points
   c.addHash(6, 3);
   c.delHash(5);
   c.delHash(77);

@@ -44,6 +44,21 @@ TEST(Seqno, TextAndBinaryForms) {
   EXPECT_EQ(b.value(), 0xA1B2C3D4u);
 }
 
+TEST(Seqno, IteratorConstructorsParseAndAdvance) {
+  const Olk::String text = "65535,4000000000,NoneL,12,";
+  Zum::StrepIter cur = text.begin();
+  EXPECT_EQ(Seqno16(cur, text.end()), Seqno16(65535));
+  Zum::needString(cur, text.end(), ",");
+  EXPECT_EQ(Seqno32(cur, text.end()), Seqno32(4000000000u));
+  Zum::needString(cur, text.end(), ",");
+  EXPECT_TRUE(Olk::MaybeU63(cur, text.end()).isNull());
+  Zum::needString(cur, text.end(), ",");
+  EXPECT_EQ(Olk::MaybeU63(cur, text.end()).word(), 12u);
+  EXPECT_EQ(text.end() - 1, cur);
+  Zum::StrepIter none = text.end();
+  EXPECT_THROW(Olk::MaybeU63(none, text.end()), Zum::RangeException);
+}
+
 TEST(MaybeU63, NullBitPrintsNoneAndParsesBack) {
   Olk::MaybeU63 m;
   m.valueIs(Olk::MaybeU63::nullBit | 5);

@@ -52,6 +52,15 @@ TEST(UniqueId, TextRoundTripAndUnsetTextMakesFreshId) {
   EXPECT_THROW(Zum::strepToValue<UniqueId>(Olk::valueToStrep(id) + "x"), Zum::RangeException);
 }
 
+TEST(UniqueId, IteratorConstructorsParseAndAdvance) {
+  const Olk::String text = Olk::valueToStrep(UniqueId(9, 8, 7)) + ";2;";
+  Zum::StrepIter cur = text.begin();
+  EXPECT_EQ(UniqueId(cur, text.end()), UniqueId(9, 8, 7));
+  Zum::needString(cur, text.end(), ";");
+  EXPECT_EQ(Olk::TristateBool(cur, text.end()), Olk::TristateBool(false));
+  EXPECT_EQ(text.end() - 1, cur);
+}
+
 TEST(UniqueId, BinaryFormIsThirtyTwoSixteenSixteen) {
   Zum::AttrLogWriter w;
   serialize(w, UniqueId(0x01020304, 0x0506, 0x0708));
