@@ -272,9 +272,6 @@ class XactAggregatorSm::ZumXactStatusDir : public Zum::PtrInterface, public Xact
 class XactAggregatorSm::ZumClock : public Zum::PtrInterface, public Zum::Clock::Notifiee {
  public:
   explicit ZumClock(XactAggregatorSm* sm) : sm_(sm) {}
-  // The clock looks at a leaving notifiee as a Clock::Notifiee, so leave
-  // while still whole rather than from the base destructor.
-  ~ZumClock() override { notifierIs(nullptr); }
   void onTime() override {
     Ptr<ZumClock> self(this);
     Ptr<XactAggregatorSm> keep(sm_);
@@ -611,9 +608,6 @@ class XactExecutorSm::ZumXactConfigDir : public Zum::PtrInterface, public XactCo
 class XactExecutorSm::ZumClock : public Zum::PtrInterface, public Zum::Clock::Notifiee {
  public:
   explicit ZumClock(XactExecutorSm* sm) : sm_(sm) {}
-  // The clock looks at a leaving notifiee as a Clock::Notifiee, so leave
-  // while still whole rather than from the base destructor.
-  ~ZumClock() override { notifierIs(nullptr); }
   void onTime() override {
     Ptr<ZumClock> self(this);
     Ptr<XactExecutorSm> keep(sm_);
