@@ -532,7 +532,10 @@ void XactAggregatorSm::handleStatusChange(U32 id) {
 
 void XactAggregatorSm::concludeXact(const Ptr<Xact>& xact, XactResult r, const XactComments& comments) {
   const U32 cv = xact->configVersion();
-  xact->commentDelAll();
+  // Comments that stay as they were are not announced again.
+  for (const String& key : xact->comment().keys()) {
+    if (!comments.comment().has(key)) xact->commentDel(key);
+  }
   for (const auto& [key, value] : comments.comment()) xact->commentIs(key, value);
   inProgressXactDel(xact->id());
   xact->resultIs(r);

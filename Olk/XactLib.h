@@ -394,8 +394,8 @@ class XactAggregatorSm : public Zum::Entity {
   void handleBlockingXactStatus(U32 blockerId, const Ptr<Xact>& blocked);
   bool xactIsBlocked(const Xact& xact) const;
   bool failXact(const Xact& xact) const;
-  // Ends the run of `xact` with `r`: comments replaced by `comments`,
-  // statusVersion set to the current configVersion.
+  // Ends the run of `xact` with `r`: comments replaced by `comments` (only
+  // changed keys notify), statusVersion set to the current configVersion.
   void concludeXact(const Ptr<Xact>& xact, XactResult r, const XactComments& comments);
   // Raises the version and finishes at once, with no comments.
   void finishAtOnce(const Ptr<Xact>& xact, XactResult r);

@@ -318,8 +318,8 @@ TEST_F(XactAggregator, FailureBeforeSilenceStillWinsInDirectoryOrder) {
 TEST_F(XactAggregator, RestartAfterFinishIgnoresStaleStatuses) {
   attach();
   Ptr<Xact> x = start(1);
-  answer(stA, x, xactSuccess);
-  answer(stB, x, xactSuccess);
+  answer(stA, x, xactSuccess, "fine");
+  answer(stB, x, xactSuccess, "first run");
   ASSERT_EQ(x->result(), xactSuccess);
   agg->doStartXact(x);
   EXPECT_EQ(x->configVersion(), 2u);
@@ -328,11 +328,15 @@ TEST_F(XactAggregator, RestartAfterFinishIgnoresStaleStatuses) {
   EXPECT_EQ(cfgA->xactConfig(1), XactConfig(1, 2));
   agg->handleStatusChange(1);
   EXPECT_EQ(x->result(), xactInProgress);
-  answer(stA, x, xactSuccess);
+  answer(stA, x, xactSuccess, "fine");
   EXPECT_EQ(x->result(), xactInProgress);
-  answer(stB, x, xactFailure, "second run");
+  XactEvents ev(x);
+  answer(stB, x, xactFailure);
   EXPECT_EQ(x->result(), xactFailure);
   EXPECT_EQ(x->statusVersion(), 2u);
+  // "a" said the same again: only the comment that went away is announced.
+  EXPECT_THAT(comments(*x), ElementsAre(Pair("a", "fine")));
+  EXPECT_THAT(ev.events, ElementsAre("comment:b", "result", "statusVersion"));
 }
 
 TEST_F(XactAggregator, BlockedByTwoStartsOnlyWhenBothSucceed) {
