@@ -546,4 +546,12 @@ class XactExecutorSm : public Zum::Entity {
   Ptr<ZumClock> clock_;
 };
 
+// Creates an executor of type T from the four constructor arguments. The
+// base type itself refuses every configuration it is given.
+template <class T = XactExecutorSm>
+Ptr<T> XactExecutorSmIs(const Zum::Name& name, const Ptr<const XactConfigDir>& xactConfigDir,
+                        const Ptr<XactStatusDir>& xactStatusDir, const Ptr<Zum::Clock>& clock) {
+  return Zum::create<T>(name, xactConfigDir, xactStatusDir, clock);
+}
+
 }  // namespace Olk

@@ -807,7 +807,8 @@ TEST(XactExecutor, CatchesUpWithExistingConfigurationsInIdOrder) {
 }
 
 TEST(XactExecutor, BaseWorkFunctionIsNotImplemented) {
-  Ptr<XactExecutorSm> e = Zum::create<XactExecutorSm>("base", nullptr, nullptr, nullptr);
+  Ptr<XactExecutorSm> e = XactExecutorSmIs("base", nullptr, nullptr, nullptr);
+  EXPECT_EQ(e->name(), "base");
   try {
     e->doExecute(XactConfig(1, 1));
     FAIL() << "no exception";
