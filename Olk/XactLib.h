@@ -286,7 +286,12 @@ Ptr<XactStatusDir> xactStatusDirFactory(const Zum::Name& name);
 // Per transaction: blocked (waiting for its blockers) -> pending (waiting for
 // a slot) -> in progress (configurations published) -> finished, entered
 // again by every doStartXact. Completion never deletes the published
-// configurations; only doStopXact and tear-down do.
+// configurations; only doStopXact and tear-down do. Pending transactions
+// start in the pending set's hash order; a drain keeps starting while slots
+// are free, so one queued by a reaction during the drain is not left behind
+// a slot that a run completing inside the drain has already freed.
+// Neither state machine announces changes of its own attributes: they are
+// the owner's to read, and nothing observes them.
 class XactAggregatorSm : public Zum::Entity {
  public:
   // Comments collected from the status directories while deciding an
@@ -466,7 +471,9 @@ Ptr<XactAggregatorSm> xactAggregatorSmFactory(const Zum::Name& name, const Ptr<Z
 // derived handleInitialized must call this one). Without a clock each
 // configuration is executed inside its notification; with one, ids are
 // queued and executed in slices of about backlogQuantum seconds, resuming
-// at the bookmark. Deletions are never queued.
+// at the bookmark. Deletions are never queued. An id leaves the backlog
+// before its work runs, so a newer configuration of it published from
+// inside that work stays queued instead of being dropped with the old one.
 class XactExecutorSm : public Zum::Entity {
  public:
   class ZumXactConfigDir;

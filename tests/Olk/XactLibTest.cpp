@@ -518,6 +518,19 @@ TEST_F(XactAggregator, SynchronousCompletionsDuringTheDrainDoNotRecurse) {
   } guard;
   guard.agg = agg.ptr();
   guard.notifierIs(xs[2]);
+  // While one drained start runs, the agent queues one more; that run then
+  // completes inside the drain, and the newcomer must not be stranded.
+  struct Queuer : Xact::Notifiee {
+    XactAggregatorSm* agg;
+    Ptr<Xact> late;
+    void onConfigVersion() override {
+      if (late) agg->doStartXact(std::exchange(late, nullptr));
+    }
+  } queuer;
+  queuer.agg = agg.ptr();
+  queuer.late = dir->xactIs(6);
+  xs.push_back(queuer.late);
+  queuer.notifierIs(xs[4]);
   // Once b is gone, every transaction completes inside its own start.
   agg->xactStatusDirDel("b");
   for (const auto& x : xs) {
@@ -528,7 +541,7 @@ TEST_F(XactAggregator, SynchronousCompletionsDuringTheDrainDoNotRecurse) {
   EXPECT_FALSE(agg->purgingPendingXact());
   EXPECT_TRUE(agg->pendingXact().empty());
   EXPECT_TRUE(agg->inProgressXact().empty());
-  EXPECT_EQ(exec->executed.size(), 5u);
+  EXPECT_EQ(exec->executed.size(), 6u);
 }
 
 TEST_F(XactAggregator, TimesOutExactlyAtTimeoutNamingOnlySilentDirectories) {
