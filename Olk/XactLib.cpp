@@ -725,14 +725,11 @@ void XactExecutorSm::handleClock() {
       yieldBeforeFinishingCountInc();
       break;
     }
-    // Marked rather than erased: if the work re-queues this id (a new
-    // version published from inside the answer), the mark is set again and
-    // the entry survives to be processed on the way round.
-    it->second = false;
+    // Out before the work runs: a newer version published from inside the
+    // answer queues the id again, to be processed on the way round.
+    backlog_.erase(it);
     doProcessXact(id);
     ++processed;
-    auto done = backlog_.find(id);
-    if (done != backlog_.end() && !done->second) backlog_.erase(done);
     cursor = id + 1;  // past the top id wraps to 0, the start of the backlog
   }
   updatesProcessedInc(processed);
