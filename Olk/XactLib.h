@@ -466,8 +466,9 @@ Ptr<XactAggregatorSm> xactAggregatorSmFactory(const Zum::Name& name, const Ptr<Z
 // The executor base.
 //
 // Derive, implement doExecute, and create the derived object with
-// Zum::create<Derived>(...): the catch-up over configurations already
-// present runs in handleInitialized(), once the derived doExecute exists (a
+// Zum::create<Derived>(...) or XactExecutorSmIs<Derived>(...): the catch-up
+// over configurations already present runs in handleInitialized(), not in
+// the constructor, where doExecute would still be the base's refusal (a
 // derived handleInitialized must call this one). Without a clock each
 // configuration is executed inside its notification; with one, ids are
 // queued and executed in slices of about backlogQuantum seconds, resuming
