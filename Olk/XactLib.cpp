@@ -272,9 +272,6 @@ class XactAggregatorSm::ZumXactStatusDir : public Zum::PtrInterface, public Xact
 class XactAggregatorSm::ZumClock : public Zum::PtrInterface, public Zum::Clock::Notifiee {
  public:
   explicit ZumClock(XactAggregatorSm* sm) : sm_(sm) {}
-  // The clock looks at a leaving notifiee as a Clock::Notifiee, so leave
-  // while still whole rather than from the base destructor.
-  ~ZumClock() override { notifierIs(nullptr); }
   void onTime() override {
     Ptr<ZumClock> self(this);
     Ptr<XactAggregatorSm> keep(sm_);
@@ -535,7 +532,10 @@ void XactAggregatorSm::handleStatusChange(U32 id) {
 
 void XactAggregatorSm::concludeXact(const Ptr<Xact>& xact, XactResult r, const XactComments& comments) {
   const U32 cv = xact->configVersion();
-  xact->commentDelAll();
+  // Comments that stay as they were are not announced again.
+  for (const String& key : xact->comment().keys()) {
+    if (!comments.comment().has(key)) xact->commentDel(key);
+  }
   for (const auto& [key, value] : comments.comment()) xact->commentIs(key, value);
   inProgressXactDel(xact->id());
   xact->resultIs(r);
@@ -611,9 +611,6 @@ class XactExecutorSm::ZumXactConfigDir : public Zum::PtrInterface, public XactCo
 class XactExecutorSm::ZumClock : public Zum::PtrInterface, public Zum::Clock::Notifiee {
  public:
   explicit ZumClock(XactExecutorSm* sm) : sm_(sm) {}
-  // The clock looks at a leaving notifiee as a Clock::Notifiee, so leave
-  // while still whole rather than from the base destructor.
-  ~ZumClock() override { notifierIs(nullptr); }
   void onTime() override {
     Ptr<ZumClock> self(this);
     Ptr<XactExecutorSm> keep(sm_);
@@ -728,14 +725,11 @@ void XactExecutorSm::handleClock() {
       yieldBeforeFinishingCountInc();
       break;
     }
-    // Marked rather than erased: if the work re-queues this id (a new
-    // version published from inside the answer), the mark is set again and
-    // the entry survives to be processed on the way round.
-    it->second = false;
+    // Out before the work runs: a newer version published from inside the
+    // answer queues the id again, to be processed on the way round.
+    backlog_.erase(it);
     doProcessXact(id);
     ++processed;
-    auto done = backlog_.find(id);
-    if (done != backlog_.end() && !done->second) backlog_.erase(done);
     cursor = id + 1;  // past the top id wraps to 0, the start of the backlog
   }
   updatesProcessedInc(processed);

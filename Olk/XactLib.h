@@ -286,7 +286,12 @@ Ptr<XactStatusDir> xactStatusDirFactory(const Zum::Name& name);
 // Per transaction: blocked (waiting for its blockers) -> pending (waiting for
 // a slot) -> in progress (configurations published) -> finished, entered
 // again by every doStartXact. Completion never deletes the published
-// configurations; only doStopXact and tear-down do.
+// configurations; only doStopXact and tear-down do. Pending transactions
+// start in the pending set's hash order; a drain keeps starting while slots
+// are free, so one queued by a reaction during the drain is not left behind
+// a slot that a run completing inside the drain has already freed.
+// Neither state machine announces changes of its own attributes: they are
+// the owner's to read, and nothing observes them.
 class XactAggregatorSm : public Zum::Entity {
  public:
   // Comments collected from the status directories while deciding an
@@ -394,8 +399,8 @@ class XactAggregatorSm : public Zum::Entity {
   void handleBlockingXactStatus(U32 blockerId, const Ptr<Xact>& blocked);
   bool xactIsBlocked(const Xact& xact) const;
   bool failXact(const Xact& xact) const;
-  // Ends the run of `xact` with `r`: comments replaced by `comments`,
-  // statusVersion set to the current configVersion.
+  // Ends the run of `xact` with `r`: comments replaced by `comments` (only
+  // changed keys notify), statusVersion set to the current configVersion.
   void concludeXact(const Ptr<Xact>& xact, XactResult r, const XactComments& comments);
   // Raises the version and finishes at once, with no comments.
   void finishAtOnce(const Ptr<Xact>& xact, XactResult r);
@@ -461,12 +466,15 @@ Ptr<XactAggregatorSm> xactAggregatorSmFactory(const Zum::Name& name, const Ptr<Z
 // The executor base.
 //
 // Derive, implement doExecute, and create the derived object with
-// Zum::create<Derived>(...): the catch-up over configurations already
-// present runs in handleInitialized(), once the derived doExecute exists (a
+// Zum::create<Derived>(...) or XactExecutorSmIs<Derived>(...): the catch-up
+// over configurations already present runs in handleInitialized(), not in
+// the constructor, where doExecute would still be the base's refusal (a
 // derived handleInitialized must call this one). Without a clock each
 // configuration is executed inside its notification; with one, ids are
 // queued and executed in slices of about backlogQuantum seconds, resuming
-// at the bookmark. Deletions are never queued.
+// at the bookmark. Deletions are never queued. An id leaves the backlog
+// before its work runs, so a newer configuration of it published from
+// inside that work stays queued instead of being dropped with the old one.
 class XactExecutorSm : public Zum::Entity {
  public:
   class ZumXactConfigDir;
@@ -545,5 +553,13 @@ class XactExecutorSm : public Zum::Entity {
   Seconds backlogQuantum_ = backlogQuantumDefault;
   Ptr<ZumClock> clock_;
 };
+
+// Creates an executor of type T from the four constructor arguments. The
+// base type itself refuses every configuration it is given.
+template <class T = XactExecutorSm>
+Ptr<T> XactExecutorSmIs(const Zum::Name& name, const Ptr<const XactConfigDir>& xactConfigDir,
+                        const Ptr<XactStatusDir>& xactStatusDir, const Ptr<Zum::Clock>& clock) {
+  return Zum::create<T>(name, xactConfigDir, xactStatusDir, clock);
+}
 
 }  // namespace Olk

@@ -52,7 +52,6 @@ class LazyExecutor : public XactExecutorSm {
  private:
   struct Writer : Zum::Clock::Notifiee {
     explicit Writer(LazyExecutor* e) : exec(e) {}
-    ~Writer() override { notifierIs(nullptr); }  // leave the clock while whole
     void onTime() override { exec->payDebts(); }
     LazyExecutor* exec;
   };
