@@ -85,22 +85,27 @@ class NotifieeList {
   // during the walk (the owner is gone: touch nothing of it).
   template <class F>
   bool forEach(F&& f) {
-    Walk walk{walks_};
-    walks_ = &walk;
+    Walk walk(this);
     const std::size_t end = items_.size();
     for (std::size_t i = 0; i < end; ++i) {
       N* n = items_[i];
       if (!n) continue;
-      f(n);
+      f(n);  // may throw: the walk still ends properly
       if (walk.listGone) return false;
     }
-    walks_ = walk.outer;
-    if (!walks_ && live_ != items_.size()) compact();
     return true;
   }
 
  private:
+  // One walk in progress; ends itself on leaving forEach, also by exception.
   struct Walk {
+    explicit Walk(NotifieeList* l) : list(l), outer(l->walks_) { l->walks_ = this; }
+    ~Walk() {
+      if (listGone) return;  // the list is destroyed: touch nothing of it
+      list->walks_ = outer;
+      if (!outer && list->live_ != list->items_.size()) list->compact();
+    }
+    NotifieeList* list;
     Walk* outer;
     bool listGone = false;
   };

@@ -162,6 +162,24 @@ TEST_F(NotifierFixture, NotifieeKeepsNotifierAliveAndReattachIsNoOp) {
   EXPECT_EQ(log, (std::vector<std::string>{"a"}));
 }
 
+TEST_F(NotifierFixture, ReactionThatThrowsLeavesTheListUsable) {
+  Watcher a("a", &log), b("b", &log);
+  auto gone = std::make_unique<Watcher>("gone", &log);
+  a.notifierIs(door);
+  gone->notifierIs(door);
+  b.notifierIs(door);
+  a.action = [&] {
+    gone.reset();  // leaves a hole the walk must compact afterwards
+    throw std::runtime_error("reaction failed");
+  };
+  EXPECT_THROW(door->openIs(true), std::runtime_error);
+  a.action = nullptr;
+  log.clear();
+  door->openIs(false);
+  EXPECT_EQ(log, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(door->notifieeCount(), 2u);
+}
+
 class SnapshotWatcher : public Door::Notifiee {
  public:
   void onNotifier() override { seen = notifier()->label().keys(); }
