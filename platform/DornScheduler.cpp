@@ -38,6 +38,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <utility>
 
 #include "platform/Dorn.h"
 #include "platform/Exception.h"
@@ -323,10 +324,13 @@ void RootScheduler::updateSchedulerLatency() {
 }
 
 void RootScheduler::run() {
-  if (running_ || suspended_) return;
+  if (running_) return;
+  // The request is answered even while suspended, so that resuming asks for
+  // a new run instead of waiting on one the loop has already given.
+  const bool requested = std::exchange(runRequested_, false);
+  if (suspended_) return;
   const TimeStamp start = now();
-  if (runRequested_) maxSlip_ = std::max(maxSlip_, start - requestedAt_);
-  runRequested_ = false;
+  if (requested) maxSlip_ = std::max(maxSlip_, start - requestedAt_);
   running_ = true;
   ++runs_;
   TimeStamp t = start;

@@ -252,11 +252,13 @@ TEST(Dorn, UnscheduleAndSuspendKeepTasksOffTheQueue) {
   b->suspendedIs(false);
   f.root.run();
   EXPECT_EQ(f.order, "b");
-  f.root.suspendedIs(true);
+  const int requests = f.root.requests;
   a->schedule();
-  f.root.run();
+  f.root.suspendedIs(true);
+  f.root.run();  // the loop answers the request while suspended
   EXPECT_EQ(f.order, "b");
   f.root.suspendedIs(false);
+  EXPECT_EQ(f.root.requests, requests + 2);  // resuming must ask again
   f.root.run();
   EXPECT_EQ(f.order, "ba");
 }
