@@ -24,6 +24,12 @@ void raiseMark(U32& mark, U32 v) {
   if (mark == TaskStat::noHighWaterMark || v > mark) mark = v;
 }
 
+// Whether `runTime` exceeds `factor` quanta; a quantum too large to scale
+// (maxDuration among them) is never exceeded.
+bool longerThan(Duration runTime, Duration quantum, Duration factor) {
+  return quantum <= maxDuration / factor && runTime > quantum * factor;
+}
+
 Duration scaledDelay(Duration delay, double factor) {
   if (delay == maxDuration) return maxDuration;
   double d = static_cast<double>(delay) * factor;
@@ -168,10 +174,8 @@ void Task::recordRun(Duration latency, Duration runTime) {
   s.lastSchedulingLatency = latency;
   s.schedulingLatencyHighWaterMark = std::max(s.schedulingLatencyHighWaterMark, latency);
   const Duration q = quantum();
-  if (q != maxDuration) {
-    if (runTime / 2 > q) ++s.quantumViolation200;
-    if (runTime / 5 > q) ++s.quantumViolation500;
-  }
+  if (longerThan(runTime, q, 2)) ++s.quantumViolation200;
+  if (longerThan(runTime, q, 5)) ++s.quantumViolation500;
   raiseMark(s.workCountHighWaterMark, workThisRun_);
   s.workCountDecayAvg += (static_cast<float>(workThisRun_) - s.workCountDecayAvg) * decayWeight;
   workThisRun_ = 0;

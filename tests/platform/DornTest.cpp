@@ -170,13 +170,13 @@ TEST(Dorn, RecordsLatencyRunTimeWorkAndQuantumOverruns) {
   };
   Dorn::TaskStat s = t.stat();
   EXPECT_EQ(s.workCountHighWaterMark, Dorn::TaskStat::noHighWaterMark);
-  runAfter(2 * ms, 41 * ms, 8);   // just over twice the quantum
-  runAfter(7 * ms, 101 * ms, 0);  // over five times
-  runAfter(1 * ms, 40 * ms, 4);   // exactly twice: no overrun
+  runAfter(2 * ms, 40 * ms + 1, 8);  // a nanosecond over twice the quantum
+  runAfter(7 * ms, 100 * ms + 1, 0);  // and over five times
+  runAfter(1 * ms, 40 * ms, 4);       // exactly twice: no overrun
   s = t.stat();
   EXPECT_EQ(s.runCount, 3u);
-  EXPECT_EQ(s.totalRunTime, 182 * ms);
-  EXPECT_EQ(s.runTimeHighWaterMark, 101 * ms);
+  EXPECT_EQ(s.totalRunTime, 180 * ms + 2);
+  EXPECT_EQ(s.runTimeHighWaterMark, 100 * ms + 1);
   EXPECT_EQ(s.lastSchedulingLatency, 1 * ms);
   EXPECT_EQ(s.schedulingLatencyHighWaterMark, 7 * ms);
   EXPECT_EQ(s.quantumViolation200, 2u);
