@@ -366,8 +366,6 @@ class TaskSchedulerZumActivity : public TaskSchedulerRootZum {
   class ZumClock : public Zum::Clock::Notifiee {
    public:
     explicit ZumClock(TaskSchedulerZumActivity* owner) : owner_(owner) {}
-    // Leaves the clock while still whole: the clock looks at what leaves.
-    ~ZumClock() override { notifierIs(nullptr); }
     void onTime() override { owner_->handleSchedulerRun(); }
 
    private:
