@@ -189,6 +189,12 @@ void sequenceToValue(Zum::StrepIter&, Zum::StrepIter, TaskSchedulerQueueStats*) 
   ZUM_ASSERT(!"No String constructor for TaskSchedulerQueueStats - has collection");
 }
 
+std::ostream& operator<<(std::ostream& os, const TaskPriority& p) { return os << valueToStrep(p); }
+std::ostream& operator<<(std::ostream& os, const TaskKey& k) { return os << valueToStrep(k); }
+std::ostream& operator<<(std::ostream& os, const TaskStat::TaskStatus& s) { return os << valueToStrep(s); }
+std::ostream& operator<<(std::ostream& os, const TaskStat& s) { return os << valueToStrep(s); }
+std::ostream& operator<<(std::ostream& os, const TaskSchedulerPriorityStats& s) { return os << valueToStrep(s); }
+
 // ---- Conversions ------------------------------------------------------------
 
 Dorn::Priority zumPri2taskPri(TaskPriority p) { return static_cast<Dorn::Priority>(p.numericValue()); }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -429,6 +430,9 @@ TEST(TaskSchedulerValues, TextFormsAndKeys) {
                       "'taskTimerRunning': False, 'taskOnRunQueue': True"),
             std::string::npos);
   EXPECT_EQ(Zum::strepToValue<Olk::TaskStat>(text), s);
+  std::ostringstream os;
+  os << s;
+  EXPECT_EQ(os.str(), text);
   Olk::TaskSchedulerPriorityStats p{TaskPriority::scavenge, 1, 2, 3, 4};
   EXPECT_EQ(valueToStrep(p), "Value('Olk::TaskSchedulerPriorityStats', ** {'taskPriority': scavenge, "
                              "'runnableTasks': 1, 'idleTasks': 2, 'deadTasks': 3, 'totalRunCount': 4})");
