@@ -172,7 +172,8 @@ class Task {
   Task(const Task&) = delete;
   Task& operator=(const Task&) = delete;
   // Unschedules, and records the statistics among the dead tasks unless
-  // keepDeadStats() is false.
+  // keepDeadStats() is false. Released from inside its own run, the task
+  // still counts that run.
   virtual ~Task();
 
   Scheduler* scheduler() const { return scheduler_; }
@@ -240,7 +241,9 @@ class Task {
 
   void scheduledIs(bool s);
   void enqueue();
-  void recordRun(Duration latency, Duration runTime);
+  // Records the run begun at runStart_ and ended at `end`, here and in the
+  // root's history.
+  void finishRun(TimeStamp end);
 
   Scheduler* scheduler_;
   String name_;
@@ -261,6 +264,7 @@ class Task {
   std::size_t registryIndex_ = 0;  // position in scheduler_->tasks_
   TimeStamp queuedAt_ = 0;         // when last put on the run queue
   TimeStamp runStart_ = 0;         // valid while running
+  Duration runLatency_ = 0;        // of the present run; valid while running
   U32 workThisRun_ = 0;
   LifeGuard* guards_ = nullptr;  // innermost live guard, or null
   TaskStat stat_;  // status and key/name/priority are filled by stat()

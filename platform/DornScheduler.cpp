@@ -214,18 +214,16 @@ TimeStamp Scheduler::runOne(Task* t, TimeStamp start) {
   Task::LifeGuard guard(t);
   Task* outer = r->current_;
   r->current_ = t;
-  const Duration latency = start - t->queuedAt_;
   t->runStart_ = start;
+  t->runLatency_ = start - t->queuedAt_;
   t->yieldCalls_ = 0;
   ++runCount_[index(t->priority_)];
   t->scheduledIs(false);
   if (guard.alive()) t->execute();
   const TimeStamp end = r->now();
   r->current_ = outer;
-  if (!guard.alive()) return end;  // released while running: its record is already dead
-  const Duration runTime = std::max<Duration>(end - start, 0);
-  t->recordRun(latency, runTime);
-  r->record(*t, start, runTime, latency);
+  // A task released while running recorded its run on the way out.
+  if (guard.alive()) t->finishRun(end);
   return end;
 }
 

@@ -94,7 +94,10 @@ Task::Task(Scheduler* scheduler, Priority priority, String name)
 Task::~Task() {
   for (LifeGuard* g = guards_; g; g = g->next_) g->alive_ = false;
   RootScheduler* r = root();
-  if (r->current_ == this) r->current_ = nullptr;
+  if (r->current_ == this) {
+    finishRun(r->now());
+    r->current_ = nullptr;
+  }
   if (queue_) queue_->remove(this);
   scheduler_->releaseTask(this);
 }
@@ -166,19 +169,21 @@ void Task::workPendingIs(U32 n) {
   raiseMark(stat_.workPendingHighWaterMark, n);
 }
 
-void Task::recordRun(Duration latency, Duration runTime) {
+void Task::finishRun(TimeStamp end) {
+  const Duration runTime = std::max<Duration>(end - runStart_, 0);
   TaskStat& s = stat_;
   ++s.runCount;
   s.totalRunTime += runTime;
   s.runTimeHighWaterMark = std::max(s.runTimeHighWaterMark, runTime);
-  s.lastSchedulingLatency = latency;
-  s.schedulingLatencyHighWaterMark = std::max(s.schedulingLatencyHighWaterMark, latency);
+  s.lastSchedulingLatency = runLatency_;
+  s.schedulingLatencyHighWaterMark = std::max(s.schedulingLatencyHighWaterMark, runLatency_);
   const Duration q = quantum();
   if (longerThan(runTime, q, 2)) ++s.quantumViolation200;
   if (longerThan(runTime, q, 5)) ++s.quantumViolation500;
   raiseMark(s.workCountHighWaterMark, workThisRun_);
   s.workCountDecayAvg += (static_cast<float>(workThisRun_) - s.workCountDecayAvg) * decayWeight;
   workThisRun_ = 0;
+  root()->record(*this, runStart_, runTime, runLatency_);
 }
 
 TaskStat Task::stat() const {
