@@ -127,7 +127,7 @@ class TaskCodefBase : public CodefBaseInternal {
   };
 
   const Ptr<TimerTask>& task() const { return task_; }
-  // A task for this codef, with its reactor attached; not yet the codef's.
+  // A new timer task for this codef; taskIs() makes it the codef's and attaches the reactor.
   Ptr<TimerTask> newTask(const Ptr<TaskScheduler>& scheduler, TaskPriority priority, const String& name);
   void taskIs(const Ptr<TimerTask>& t);
   // Drops the task; every driver operation then does nothing.

@@ -563,7 +563,7 @@ class RootScheduler : public Scheduler {
 };
 
 // The per-thread scheduler hook: a factory the embedding layer registers,
-// asked (once per thread) by perThreadScheduler().
+// asked by perThreadScheduler() on the calling thread at each call.
 using PerThreadSchedulerFactory = std::function<RootScheduler*()>;
 void createExternalPerThreadSchedulerIs(PerThreadSchedulerFactory factory);
 // The calling thread's root from the registered factory; null without one.
