@@ -421,7 +421,9 @@ Seconds TaskSchedulerRootWrapper::wheelNow() const {
 }
 
 void TaskSchedulerRootWrapper::timerCreated(Dorn::TimerTask* timer) {
-  notifieeIs(timer, std::make_unique<ClockNotifiee>(timer));
+  // Without a wheel nothing could fire the timer: it gets no notifiee, so
+  // it never starts instead of claiming an expiry that never comes.
+  if (root_->timerWheel()) notifieeIs(timer, std::make_unique<ClockNotifiee>(timer));
 }
 
 void TaskSchedulerRootWrapper::notifieeIs(Dorn::TimerTask* timer, std::unique_ptr<ClockNotifiee> notifiee) {

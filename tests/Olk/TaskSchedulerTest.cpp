@@ -234,6 +234,14 @@ TEST_F(SchedulerFixture, LowestDelayOnlyMovesTheExpiryEarlier) {
   EXPECT_EQ(root->timerExpiry(dt), Dorn::maxTimeStamp);
 }
 
+TEST(TaskSchedulerRoot, TimersNeverStartWithoutATimerWheel) {
+  auto root = Olk::taskSchedulerRootFactory("no-wheel");
+  auto t = Olk::timerTaskFactory(root, TaskPriority::normal, "t");
+  t->scheduleTaskDelay(1.0);
+  EXPECT_FALSE(t->taskStatus().taskTimerRunning);
+  EXPECT_EQ(t->currentExpirationTime(), Zum::endOfTime);
+}
+
 TEST_F(SchedulerFixture, JitterStaysWithinItsPercentage) {
   Runner r;
   auto t = timer("t", r);
