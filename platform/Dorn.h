@@ -238,6 +238,9 @@ class Task {
   friend class RunQueue;
   friend class Scheduler;
   friend class RootScheduler;
+  friend class TaskGroup;
+
+  static constexpr TimeStamp queuedAtRunEnd = std::numeric_limits<S64>::min();
 
   void scheduledIs(bool s);
   void enqueue();
@@ -262,7 +265,9 @@ class Task {
   Task* prev_ = nullptr;
   Task* next_ = nullptr;
   std::size_t registryIndex_ = 0;  // position in scheduler_->tasks_
-  TimeStamp queuedAt_ = 0;         // when last put on the run queue
+  // When last put on the run queue; queuedAtRunEnd while running stands for
+  // the end of the present run.
+  TimeStamp queuedAt_ = 0;
   TimeStamp runStart_ = 0;         // valid while running
   Duration runLatency_ = 0;        // of the present run; valid while running
   U32 workThisRun_ = 0;
@@ -561,6 +566,8 @@ class RootScheduler : public Scheduler {
   U64 historyWritten_ = 0;
   std::minstd_rand random_;
 };
+
+inline RootScheduler* Task::root() const { return scheduler_->root(); }
 
 // The per-thread scheduler hook: a factory the embedding layer registers,
 // asked by perThreadScheduler() on the calling thread at each call.

@@ -31,6 +31,11 @@
 // visible to an operator. A ring of the last `historyEntryCount` runs shows
 // what the loop did most recently.
 //
+// Time. The clock is read once per run end and once per schedule: the end
+// of one task is the start of the next, and a task that schedules itself
+// again from its own run is queued as of that run's end (it cannot start
+// sooner), so a busy task costs one read per run.
+//
 // Task groups run their tasks inside one task of their parent, bounded by the
 // group's quantum; a group may limit each task to one run per group run.
 #include <unistd.h>
@@ -223,7 +228,9 @@ TimeStamp Scheduler::runOne(Task* t, TimeStamp start) {
   const TimeStamp end = r->now();
   r->current_ = outer;
   // A task released while running recorded its run on the way out.
-  if (guard.alive()) t->finishRun(end);
+  if (!guard.alive()) return end;
+  if (t->queuedAt_ == Task::queuedAtRunEnd) t->queuedAt_ = end;
+  t->finishRun(end);
   return end;
 }
 
@@ -276,8 +283,8 @@ void TaskGroup::onEnqueued(Task*, TimeStamp) {
 }
 
 void TaskGroup::runGroup() {
-  RootScheduler* r = root();
-  const TimeStamp start = r->now();
+  // The group's task started this pass just now: its start is the pass's.
+  const TimeStamp start = task_->runStart_;
   const Duration limit = quantum();
   // Without multiple runs, this pass works on what was queued when it began;
   // tasks that schedule themselves again wait in queue_ for the next pass.
@@ -383,7 +390,7 @@ void RootScheduler::record(const Task& t, TimeStamp start, Duration runTime, Dur
   e.start = start;
   e.runTime = runTime;
   e.latency = latency;
-  historyNext_ = (historyNext_ + 1) % history_.size();
+  if (++historyNext_ == history_.size()) historyNext_ = 0;
   ++historyWritten_;
 }
 

@@ -102,8 +102,6 @@ Task::~Task() {
   scheduler_->releaseTask(this);
 }
 
-RootScheduler* Task::root() const { return scheduler_->root(); }
-
 void Task::priorityIs(Priority p) {
   ZUM_ASSERT(p < Priority::oneBeyondLast);
   if (p == priority_) return;
@@ -120,7 +118,11 @@ void Task::scheduledIs(bool s) {
 }
 
 void Task::enqueue() {
-  queuedAt_ = root()->now();
+  RootScheduler* r = root();
+  // A task that schedules itself again while the scheduler runs it cannot
+  // start before this run ends: its wait begins then, at a time the run
+  // reads anyway (see Scheduler::runOne).
+  queuedAt_ = r->running_ && r->current_ == this ? queuedAtRunEnd : r->now();
   scheduler_->queue_.push(this);
   scheduler_->onEnqueued(this, queuedAt_);
 }

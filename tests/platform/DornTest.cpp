@@ -194,6 +194,26 @@ TEST(Dorn, RecordsLatencyRunTimeWorkAndQuantumOverruns) {
   EXPECT_EQ(t.stat().workPending, 5u);
 }
 
+// A task cannot start again before its own run ends, so scheduling itself
+// early in a run queues it as of the run's end; a task it schedules waits
+// from the call.
+TEST(Dorn, SelfScheduledTaskWaitsFromItsRunEnd) {
+  Fixture f;
+  FnTask other(&f.root, Priority::low, "other");
+  int runs = 0;
+  FnTask self(&f.root, Priority::normal, "self", [&](FnTask& t) {
+    if (++runs > 1) return;
+    t.schedule();
+    other.schedule();
+    f.root.time += 3 * ms;
+  });
+  self.schedule();
+  f.root.run();
+  EXPECT_EQ(runs, 2);
+  EXPECT_EQ(self.stat().lastSchedulingLatency, 0);
+  EXPECT_EQ(other.stat().lastSchedulingLatency, 3 * ms);
+}
+
 TEST(Dorn, ReleasedTasksMergeIntoOneDeadRecordPerName) {
   Fixture f;
   for (int i = 0; i < 3; ++i) {
