@@ -64,6 +64,7 @@ TEST_F(SchedulerFixture, TasksRunOnTheLoopByPriority) {
   EXPECT_EQ(order, "");  // nothing runs inside scheduleTask()
   EXPECT_EQ(sched->clock().timeMin(), 0.0);
   EXPECT_TRUE(n1->taskBusy());
+  EXPECT_EQ(sched->runnableTaskCount(TaskPriority::normal), 2u);
   clock->fire();
   EXPECT_EQ(order, "habl");
   EXPECT_EQ(n1->taskRun(), 1u);

@@ -54,22 +54,6 @@ struct Fixture {
   }
 };
 
-TEST(Dorn, RunsByPriorityThenFifo) {
-  Fixture f;
-  auto l = f.logger(Priority::low, 'l');
-  auto n1 = f.logger(Priority::normal, 'a');
-  auto n2 = f.logger(Priority::normal, 'b');
-  auto h = f.logger(Priority::high, 'h');
-  auto s = f.logger(Priority::scavenge, 's');
-  for (auto* t : {l.get(), n1.get(), n2.get(), h.get(), s.get()}) t->schedule();
-  EXPECT_EQ(f.root.requests, 1);  // one request covers every later schedule
-  EXPECT_EQ(f.root.runnableTaskCount(Priority::normal), 2u);
-  f.root.run();
-  EXPECT_EQ(f.order, "habls");
-  EXPECT_FALSE(f.root.hasRunnableTasks());
-  EXPECT_EQ(f.root.runTaskCount(Priority::normal), 2u);
-}
-
 TEST(Dorn, LowerPrioritiesGetOneRunInNine) {
   Fixture f;
   auto h = f.logger(Priority::high, 'H', 1000);
