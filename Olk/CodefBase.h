@@ -12,8 +12,7 @@
 // runs as a timer task of a TaskScheduler, so its work and backlog show in
 // the scheduler's statistics and its slices end on the task's quantum
 // (`taskShouldYield()`, set from `backlogQuantum`). The base's own
-// scheduling operations are not to be called: they fail with an assertion.
-// Single-threaded, on the loop's thread.
+// scheduling operations fail with an assertion. Loop thread only.
 #pragma once
 
 #include <memory>

@@ -7,14 +7,12 @@
 // loop. A task runs to completion (cooperative): it should check
 // `shouldYield()` between units of work, and `schedule()` itself again when
 // it stops with work left. Priorities go from `absolute` (most urgent) to
-// `scavenge`; within a priority tasks run first in, first out. See
-// DornScheduler.cpp for the fairness rule that keeps lower priorities from
-// starving, and for the statistics and history that every run records.
+// `scavenge`, first in, first out within one; DornScheduler.cpp explains
+// the fairness rule against starvation and the statistics of every run.
 //
-// Everything belongs to one thread (the event loop's); nothing is locked.
-// `run()` is not re-entrant: a run requested from inside a run is remembered
-// and asked for again when the run ends. A task may be destroyed from inside
-// its own `execute()`; the runtime then touches it no more.
+// One thread (the event loop's); nothing is locked. `run()` is not
+// re-entrant: a run requested inside a run is asked for when it ends. A
+// task may be destroyed from inside its own `execute()`.
 #pragma once
 
 #include <array>
