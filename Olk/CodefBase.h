@@ -12,8 +12,7 @@
 // runs as a timer task of a TaskScheduler, so its work and backlog show in
 // the scheduler's statistics and its slices end on the task's quantum
 // (`taskShouldYield()`, set from `backlogQuantum`). The base's own
-// scheduling operations are not to be called: they fail with an assertion.
-// Single-threaded, on the loop's thread.
+// scheduling operations fail with an assertion. Loop thread only.
 #pragma once
 
 #include <memory>
@@ -84,8 +83,6 @@ class CodefBase : public CodefBaseInternal {
   class ZumClock : public Zum::Clock::Notifiee {
    public:
     explicit ZumClock(CodefBase* owner) : owner_(owner) {}
-    // Leaves the clock while still whole: the clock looks at what leaves.
-    ~ZumClock() override { notifierIs(nullptr); }
     void onTime() override;
     void ownerDel() { owner_ = nullptr; }
 
@@ -129,7 +126,7 @@ class TaskCodefBase : public CodefBaseInternal {
   };
 
   const Ptr<TimerTask>& task() const { return task_; }
-  // A task for this codef, with its reactor attached; not yet the codef's.
+  // A new timer task for this codef; taskIs() makes it the codef's and attaches the reactor.
   Ptr<TimerTask> newTask(const Ptr<TaskScheduler>& scheduler, TaskPriority priority, const String& name);
   void taskIs(const Ptr<TimerTask>& t);
   // Drops the task; every driver operation then does nothing.

@@ -10,12 +10,9 @@
 //       if (haveWork()) notifier()->scheduleTask();  // run again soon
 //     }
 //   };
-//
-// `scheduleTask()` is idempotent while scheduled; a run happens on the loop,
-// never inside scheduleTask(). A `TimerTask` also runs when a delay passes;
-// a `FileDescriptorTask` runs when a watched descriptor is readable or
-// writable. A task must not outlive its scheduler. A reactor may destroy the
-// task from inside its own run.
+// `scheduleTask()` is idempotent and never runs the task itself. A
+// `TimerTask` also runs when a delay passes, a `FileDescriptorTask` when a
+// watched descriptor is ready. A reactor may destroy the task from its run.
 #pragma once
 
 #include <memory>

@@ -189,6 +189,12 @@ void sequenceToValue(Zum::StrepIter&, Zum::StrepIter, TaskSchedulerQueueStats*) 
   ZUM_ASSERT(!"No String constructor for TaskSchedulerQueueStats - has collection");
 }
 
+std::ostream& operator<<(std::ostream& os, const TaskPriority& p) { return os << valueToStrep(p); }
+std::ostream& operator<<(std::ostream& os, const TaskKey& k) { return os << valueToStrep(k); }
+std::ostream& operator<<(std::ostream& os, const TaskStat::TaskStatus& s) { return os << valueToStrep(s); }
+std::ostream& operator<<(std::ostream& os, const TaskStat& s) { return os << valueToStrep(s); }
+std::ostream& operator<<(std::ostream& os, const TaskSchedulerPriorityStats& s) { return os << valueToStrep(s); }
+
 // ---- Conversions ------------------------------------------------------------
 
 Dorn::Priority zumPri2taskPri(TaskPriority p) { return static_cast<Dorn::Priority>(p.numericValue()); }
@@ -415,7 +421,9 @@ Seconds TaskSchedulerRootWrapper::wheelNow() const {
 }
 
 void TaskSchedulerRootWrapper::timerCreated(Dorn::TimerTask* timer) {
-  notifieeIs(timer, std::make_unique<ClockNotifiee>(timer));
+  // Without a wheel nothing could fire the timer: it gets no notifiee, so
+  // it never starts instead of claiming an expiry that never comes.
+  if (root_->timerWheel()) notifieeIs(timer, std::make_unique<ClockNotifiee>(timer));
 }
 
 void TaskSchedulerRootWrapper::notifieeIs(Dorn::TimerTask* timer, std::unique_ptr<ClockNotifiee> notifiee) {

@@ -53,6 +53,7 @@ class TaskPriority {
 
 String valueToStrep(const TaskPriority& p);
 void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskPriority* out);
+std::ostream& operator<<(std::ostream& os, const TaskPriority& p);
 
 // Identifies one task for the life of the process; zero for no task.
 class TaskKey {
@@ -72,6 +73,7 @@ class TaskKey {
 
 String valueToStrep(const TaskKey& k);
 void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskKey* out);
+std::ostream& operator<<(std::ostream& os, const TaskKey& k);
 
 struct TaskStat {
   struct TaskStatus {
@@ -113,6 +115,8 @@ String valueToStrep(const TaskStat::TaskStatus& s);
 void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskStat::TaskStatus* out);
 String valueToStrep(const TaskStat& s);
 void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskStat* out);
+std::ostream& operator<<(std::ostream& os, const TaskStat::TaskStatus& s);
+std::ostream& operator<<(std::ostream& os, const TaskStat& s);
 
 struct TaskSchedulerPriorityStats {
   TaskPriority taskPriority;
@@ -125,6 +129,7 @@ struct TaskSchedulerPriorityStats {
 
 String valueToStrep(const TaskSchedulerPriorityStats& s);
 void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskSchedulerPriorityStats* out);
+std::ostream& operator<<(std::ostream& os, const TaskSchedulerPriorityStats& s);
 
 // Per-priority statistics, keyed by each record's own priority.
 class TaskSchedulerQueueStats {
@@ -366,8 +371,6 @@ class TaskSchedulerZumActivity : public TaskSchedulerRootZum {
   class ZumClock : public Zum::Clock::Notifiee {
    public:
     explicit ZumClock(TaskSchedulerZumActivity* owner) : owner_(owner) {}
-    // Leaves the clock while still whole: the clock looks at what leaves.
-    ~ZumClock() override { notifierIs(nullptr); }
     void onTime() override { owner_->handleSchedulerRun(); }
 
    private:

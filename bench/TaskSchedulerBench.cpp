@@ -11,6 +11,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include <functional>
 #include <vector>
 
 #include "Olk/Task.h"
@@ -37,6 +38,43 @@ void BM_TaskScheduleAndRun(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_TaskScheduleAndRun);
+
+// A task that yields and schedules itself again from its run, as a busy
+// worker does; against a handler that posts itself again.
+void BM_TaskRescheduleFromItsRun(benchmark::State& state) {
+  auto root = Olk::taskSchedulerRootFactory("bench");
+  auto task = Olk::taskFactory(root, TaskPriority::normal, "again");
+  struct Again : Olk::Task::NotifieeConst {
+    Zum::U64 left = 0;
+    void onTaskRun() override {
+      if (--left != 0) notifier()->scheduleTask();
+    }
+  } again;
+  again.notifierIs(task);
+  for (auto _ : state) {
+    again.left = 1000;
+    task->scheduleTask();
+    while (again.left != 0) root->handleSchedulerRun();
+  }
+  state.SetItemsProcessed(state.iterations() * 1000);
+}
+BENCHMARK(BM_TaskRescheduleFromItsRun);
+
+void BM_AsioRepostFromItsHandler(benchmark::State& state) {
+  boost::asio::io_context io;
+  Zum::U64 left = 0;
+  std::function<void()> again = [&] {
+    if (--left != 0) boost::asio::post(io, again);
+  };
+  for (auto _ : state) {
+    left = 1000;
+    boost::asio::post(io, again);
+    io.poll();
+    io.restart();
+  }
+  state.SetItemsProcessed(state.iterations() * 1000);
+}
+BENCHMARK(BM_AsioRepostFromItsHandler);
 
 void BM_AsioPostAndPoll(benchmark::State& state) {
   boost::asio::io_context io;

@@ -7,14 +7,12 @@
 // loop. A task runs to completion (cooperative): it should check
 // `shouldYield()` between units of work, and `schedule()` itself again when
 // it stops with work left. Priorities go from `absolute` (most urgent) to
-// `scavenge`; within a priority tasks run first in, first out. See
-// DornScheduler.cpp for the fairness rule that keeps lower priorities from
-// starving, and for the statistics and history that every run records.
+// `scavenge`, first in, first out within one; DornScheduler.cpp explains
+// the fairness rule against starvation and the statistics of every run.
 //
-// Everything belongs to one thread (the event loop's); nothing is locked.
-// `run()` is not re-entrant: a run requested from inside a run is remembered
-// and asked for again when the run ends. A task may be destroyed from inside
-// its own `execute()`; the runtime then touches it no more.
+// One thread (the event loop's); nothing is locked. `run()` is not
+// re-entrant: a run requested inside a run is asked for when it ends. A
+// task may be destroyed from inside its own `execute()`.
 #pragma once
 
 #include <array>
@@ -172,7 +170,8 @@ class Task {
   Task(const Task&) = delete;
   Task& operator=(const Task&) = delete;
   // Unschedules, and records the statistics among the dead tasks unless
-  // keepDeadStats() is false.
+  // keepDeadStats() is false. Released from inside its own run, the task
+  // still counts that run.
   virtual ~Task();
 
   Scheduler* scheduler() const { return scheduler_; }
@@ -237,10 +236,15 @@ class Task {
   friend class RunQueue;
   friend class Scheduler;
   friend class RootScheduler;
+  friend class TaskGroup;
+
+  static constexpr TimeStamp queuedAtRunEnd = std::numeric_limits<S64>::min();
 
   void scheduledIs(bool s);
   void enqueue();
-  void recordRun(Duration latency, Duration runTime);
+  // Records the run begun at runStart_ and ended at `end`, here and in the
+  // root's history.
+  void finishRun(TimeStamp end);
 
   Scheduler* scheduler_;
   String name_;
@@ -259,8 +263,11 @@ class Task {
   Task* prev_ = nullptr;
   Task* next_ = nullptr;
   std::size_t registryIndex_ = 0;  // position in scheduler_->tasks_
-  TimeStamp queuedAt_ = 0;         // when last put on the run queue
+  // When last put on the run queue; queuedAtRunEnd while running stands for
+  // the end of the present run.
+  TimeStamp queuedAt_ = 0;
   TimeStamp runStart_ = 0;         // valid while running
+  Duration runLatency_ = 0;        // of the present run; valid while running
   U32 workThisRun_ = 0;
   LifeGuard* guards_ = nullptr;  // innermost live guard, or null
   TaskStat stat_;  // status and key/name/priority are filled by stat()
@@ -558,8 +565,10 @@ class RootScheduler : public Scheduler {
   std::minstd_rand random_;
 };
 
+inline RootScheduler* Task::root() const { return scheduler_->root(); }
+
 // The per-thread scheduler hook: a factory the embedding layer registers,
-// asked (once per thread) by perThreadScheduler().
+// asked by perThreadScheduler() on the calling thread at each call.
 using PerThreadSchedulerFactory = std::function<RootScheduler*()>;
 void createExternalPerThreadSchedulerIs(PerThreadSchedulerFactory factory);
 // The calling thread's root from the registered factory; null without one.

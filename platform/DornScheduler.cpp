@@ -31,6 +31,11 @@
 // visible to an operator. A ring of the last `historyEntryCount` runs shows
 // what the loop did most recently.
 //
+// Time. The clock is read once per run end and once per schedule: the end
+// of one task is the start of the next, and a task that schedules itself
+// again from its own run is queued as of that run's end (it cannot start
+// sooner), so a busy task costs one read per run.
+//
 // Task groups run their tasks inside one task of their parent, bounded by the
 // group's quantum; a group may limit each task to one run per group run.
 #include <unistd.h>
@@ -38,6 +43,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <utility>
 
 #include "platform/Dorn.h"
 #include "platform/Exception.h"
@@ -213,18 +219,18 @@ TimeStamp Scheduler::runOne(Task* t, TimeStamp start) {
   Task::LifeGuard guard(t);
   Task* outer = r->current_;
   r->current_ = t;
-  const Duration latency = start - t->queuedAt_;
   t->runStart_ = start;
+  t->runLatency_ = start - t->queuedAt_;
   t->yieldCalls_ = 0;
   ++runCount_[index(t->priority_)];
   t->scheduledIs(false);
   if (guard.alive()) t->execute();
   const TimeStamp end = r->now();
   r->current_ = outer;
-  if (!guard.alive()) return end;  // released while running: its record is already dead
-  const Duration runTime = std::max<Duration>(end - start, 0);
-  t->recordRun(latency, runTime);
-  r->record(*t, start, runTime, latency);
+  // A task released while running recorded its run on the way out.
+  if (!guard.alive()) return end;
+  if (t->queuedAt_ == Task::queuedAtRunEnd) t->queuedAt_ = end;
+  t->finishRun(end);
   return end;
 }
 
@@ -277,8 +283,8 @@ void TaskGroup::onEnqueued(Task*, TimeStamp) {
 }
 
 void TaskGroup::runGroup() {
-  RootScheduler* r = root();
-  const TimeStamp start = r->now();
+  // The group's task started this pass just now: its start is the pass's.
+  const TimeStamp start = task_->runStart_;
   const Duration limit = quantum();
   // Without multiple runs, this pass works on what was queued when it began;
   // tasks that schedule themselves again wait in queue_ for the next pass.
@@ -323,10 +329,13 @@ void RootScheduler::updateSchedulerLatency() {
 }
 
 void RootScheduler::run() {
-  if (running_ || suspended_) return;
+  if (running_) return;
+  // The request is answered even while suspended, so that resuming asks for
+  // a new run instead of waiting on one the loop has already given.
+  const bool requested = std::exchange(runRequested_, false);
+  if (suspended_) return;
   const TimeStamp start = now();
-  if (runRequested_) maxSlip_ = std::max(maxSlip_, start - requestedAt_);
-  runRequested_ = false;
+  if (requested) maxSlip_ = std::max(maxSlip_, start - requestedAt_);
   running_ = true;
   ++runs_;
   TimeStamp t = start;
@@ -381,7 +390,7 @@ void RootScheduler::record(const Task& t, TimeStamp start, Duration runTime, Dur
   e.start = start;
   e.runTime = runTime;
   e.latency = latency;
-  historyNext_ = (historyNext_ + 1) % history_.size();
+  if (++historyNext_ == history_.size()) historyNext_ = 0;
   ++historyWritten_;
 }
 

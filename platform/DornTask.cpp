@@ -24,6 +24,12 @@ void raiseMark(U32& mark, U32 v) {
   if (mark == TaskStat::noHighWaterMark || v > mark) mark = v;
 }
 
+// Whether `runTime` exceeds `factor` quanta; a quantum too large to scale
+// (maxDuration among them) is never exceeded.
+bool longerThan(Duration runTime, Duration quantum, Duration factor) {
+  return quantum <= maxDuration / factor && runTime > quantum * factor;
+}
+
 Duration scaledDelay(Duration delay, double factor) {
   if (delay == maxDuration) return maxDuration;
   double d = static_cast<double>(delay) * factor;
@@ -88,12 +94,13 @@ Task::Task(Scheduler* scheduler, Priority priority, String name)
 Task::~Task() {
   for (LifeGuard* g = guards_; g; g = g->next_) g->alive_ = false;
   RootScheduler* r = root();
-  if (r->current_ == this) r->current_ = nullptr;
+  if (r->current_ == this) {
+    finishRun(r->now());
+    r->current_ = nullptr;
+  }
   if (queue_) queue_->remove(this);
   scheduler_->releaseTask(this);
 }
-
-RootScheduler* Task::root() const { return scheduler_->root(); }
 
 void Task::priorityIs(Priority p) {
   ZUM_ASSERT(p < Priority::oneBeyondLast);
@@ -111,7 +118,11 @@ void Task::scheduledIs(bool s) {
 }
 
 void Task::enqueue() {
-  queuedAt_ = root()->now();
+  RootScheduler* r = root();
+  // A task that schedules itself again while the scheduler runs it cannot
+  // start before this run ends: its wait begins then, at a time the run
+  // reads anyway (see Scheduler::runOne).
+  queuedAt_ = r->running_ && r->current_ == this ? queuedAtRunEnd : r->now();
   scheduler_->queue_.push(this);
   scheduler_->onEnqueued(this, queuedAt_);
 }
@@ -160,21 +171,21 @@ void Task::workPendingIs(U32 n) {
   raiseMark(stat_.workPendingHighWaterMark, n);
 }
 
-void Task::recordRun(Duration latency, Duration runTime) {
+void Task::finishRun(TimeStamp end) {
+  const Duration runTime = std::max<Duration>(end - runStart_, 0);
   TaskStat& s = stat_;
   ++s.runCount;
   s.totalRunTime += runTime;
   s.runTimeHighWaterMark = std::max(s.runTimeHighWaterMark, runTime);
-  s.lastSchedulingLatency = latency;
-  s.schedulingLatencyHighWaterMark = std::max(s.schedulingLatencyHighWaterMark, latency);
+  s.lastSchedulingLatency = runLatency_;
+  s.schedulingLatencyHighWaterMark = std::max(s.schedulingLatencyHighWaterMark, runLatency_);
   const Duration q = quantum();
-  if (q != maxDuration) {
-    if (runTime / 2 > q) ++s.quantumViolation200;
-    if (runTime / 5 > q) ++s.quantumViolation500;
-  }
+  if (longerThan(runTime, q, 2)) ++s.quantumViolation200;
+  if (longerThan(runTime, q, 5)) ++s.quantumViolation500;
   raiseMark(s.workCountHighWaterMark, workThisRun_);
   s.workCountDecayAvg += (static_cast<float>(workThisRun_) - s.workCountDecayAvg) * decayWeight;
   workThisRun_ = 0;
+  root()->record(*this, runStart_, runTime, runLatency_);
 }
 
 TaskStat Task::stat() const {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,6 +64,7 @@ TEST_F(SchedulerFixture, TasksRunOnTheLoopByPriority) {
   EXPECT_EQ(order, "");  // nothing runs inside scheduleTask()
   EXPECT_EQ(sched->clock().timeMin(), 0.0);
   EXPECT_TRUE(n1->taskBusy());
+  EXPECT_EQ(sched->runnableTaskCount(TaskPriority::normal), 2u);
   clock->fire();
   EXPECT_EQ(order, "habl");
   EXPECT_EQ(n1->taskRun(), 1u);
@@ -87,6 +89,9 @@ TEST_F(SchedulerFixture, ReactorYieldsAtTheQuantumAndRunsAgain) {
   };
   r.notifierIs(t);
   EXPECT_EQ(t->taskQuantum(), 0.02);
+  t->taskQuantumIs(Zum::endOfTime);  // never expires; kept as +infinity
+  EXPECT_EQ(t->taskQuantum(), Zum::endOfTime);
+  t->taskQuantumIs(0.02);
   t->scheduleTask();
   clock->fire();
   EXPECT_EQ(units, 10);
@@ -114,21 +119,6 @@ TEST_F(SchedulerFixture, LatencyIsTheWaitBehindOtherTasks) {
   EXPECT_EQ(a->taskLastSchedulingLatency(), 0.0);
 }
 
-TEST_F(SchedulerFixture, InfiniteQuantumNeverExpires) {
-  Runner r;
-  bool yielded = true;
-  auto t = Olk::taskFactory(sched, TaskPriority::normal, "t");
-  t->taskQuantumIs(Zum::endOfTime);
-  EXPECT_EQ(t->taskQuantum(), Zum::endOfTime);
-  r.fn = [&](const Olk::Task& self) {
-    clock->advance(1e6);
-    yielded = self.taskShouldYield();
-  };
-  r.notifierIs(t);
-  t->taskRunAndRecordFromTest();
-  EXPECT_FALSE(yielded);
-}
-
 TEST_F(SchedulerFixture, TaskRunNotifiesOnlyOnChange) {
   Runner r;
   auto t = Olk::taskFactory(sched, TaskPriority::normal, "t");
@@ -143,28 +133,30 @@ TEST_F(SchedulerFixture, TaskRunNotifiesOnlyOnChange) {
   EXPECT_EQ(t->getStats().taskRun, 0u);  // not recorded
 }
 
-TEST_F(SchedulerFixture, TaskMayDropItsLastReferenceWhileRunning) {
-  Runner r;
-  auto t = Olk::taskFactory(sched, TaskPriority::normal, "gone");
-  r.fn = [&](const Olk::Task&) {
-    r.notifierIs(nullptr);  // the reactor holds the task too
-    t = nullptr;
+// A plain task and a timer task each drop their last reference from inside
+// their own run; the run goes on, and only the plain task is kept as dead.
+TEST_F(SchedulerFixture, TasksReleasedFromTheirOwnRunAreDeadButTimersAreNot) {
+  Runner rp, rt, ra;
+  auto plain = Olk::taskFactory(sched, TaskPriority::low, "plain");
+  auto tt = timer("timer", rt);
+  auto after = logged(TaskPriority::scavenge, "after", ra);
+  rp.fn = [&](const Olk::Task&) {
+    rp.notifierIs(nullptr);  // the reactor holds the task too
+    plain = nullptr;
   };
-  r.notifierIs(t);
-  t->scheduleTask();
-  clock->fire();
-  EXPECT_EQ(r.runs, 1);
-  EXPECT_EQ(sched->deadTaskStatForTest("gone").taskDeadCount, 1u);
-}
-
-TEST_F(SchedulerFixture, ReleasedTasksAreDeadButTimersAreNot) {
-  {
-    Runner r;
-    auto t = Olk::taskFactory(sched, TaskPriority::low, "plain");
-    t->taskRunAndRecordFromTest();
-    auto tt = timer("timer", r);
-    tt->taskRunAndRecordFromTest();
-  }
+  rt.fn = [&](const Olk::Task&) {
+    rt.notifierIs(nullptr);
+    tt = nullptr;
+  };
+  rp.notifierIs(plain);
+  plain->scheduleTask();
+  tt->scheduleTaskDelay(0.1);
+  after->scheduleTask();
+  clock->advance(1.0);
+  EXPECT_EQ(plain, nullptr);
+  EXPECT_EQ(tt, nullptr);
+  EXPECT_EQ(order, "after");
+  EXPECT_EQ(sched->totalRegisteredTaskCount(), 1u);
   std::vector<Olk::TaskStat> dead;
   sched->getDeadTaskStats(&dead, true);
   ASSERT_EQ(dead.size(), 1u);
@@ -209,6 +201,12 @@ TEST_F(SchedulerFixture, TimerTaskRunsAfterItsDelay) {
   EXPECT_EQ(r.runs, 1);
   EXPECT_FALSE(t->taskStatus().taskTimerRunning);
   EXPECT_EQ(t->currentExpirationTime(), Zum::endOfTime);
+  r.fn = [&](const Olk::Task&) {
+    if (r.runs < 3) t->scheduleTaskDelay(0.5);  // restarts from its own run
+  };
+  t->scheduleTaskDelay(0.5);
+  clock->advance(10.0);
+  EXPECT_EQ(r.runs, 3);
 }
 
 TEST_F(SchedulerFixture, LowestDelayOnlyMovesTheExpiryEarlier) {
@@ -220,44 +218,29 @@ TEST_F(SchedulerFixture, LowestDelayOnlyMovesTheExpiryEarlier) {
   t->scheduleTaskDelay(10.0);
   t->scheduleTaskLowestDelay(5.0);
   EXPECT_EQ(t->currentExpirationTime(), 1005.0);
-  t->stopTimerTask();
-  EXPECT_EQ(t->currentExpirationTime(), Zum::endOfTime);
-  EXPECT_EQ(Olk::timerTaskGetExpiryTime(sched.ptr(), static_cast<Dorn::TimerTask*>(&t->dornTask())),
-            Dorn::maxTimeStamp);
-  clock->advance(20.0);
-  EXPECT_EQ(r.runs, 0);
-}
-
-TEST_F(SchedulerFixture, TimerStartWithoutForceNeverMovesLater) {
-  Runner r;
-  auto t = timer("t", r);
   auto* root = static_cast<Olk::TaskSchedulerRootWrapper*>(sched->dornRoot());
   auto* dt = static_cast<Dorn::TimerTask*>(&t->dornTask());
-  EXPECT_TRUE(root->timerStart(dt, 2.0, false));
-  EXPECT_FALSE(root->timerStart(dt, 3.0, false));
-  EXPECT_EQ(t->currentExpirationTime(), 1002.0);
-  EXPECT_TRUE(root->timerStart(dt, 3.0, true));
-  EXPECT_EQ(t->currentExpirationTime(), 1003.0);
+  EXPECT_FALSE(root->timerStart(dt, 6.0, false));  // later without force: refused
+  EXPECT_TRUE(root->timerStart(dt, 3.0, false));
   Dorn::Duration left = root->timerRemaining(dt);
   EXPECT_GT(left, Dorn::toDuration(2.9));
   EXPECT_LE(left, Dorn::toDuration(3.0));
+  t->stopTimerTask();
+  EXPECT_EQ(t->currentExpirationTime(), Zum::endOfTime);
+  EXPECT_EQ(Olk::timerTaskGetExpiryTime(sched.ptr(), dt), Dorn::maxTimeStamp);
+  clock->advance(20.0);
+  EXPECT_EQ(r.runs, 0);
   root->timerDestroyed(dt);  // no notifiee: nothing starts
   EXPECT_FALSE(root->timerStart(dt, 1.0, true));
   EXPECT_EQ(root->timerExpiry(dt), Dorn::maxTimeStamp);
 }
 
-TEST_F(SchedulerFixture, TimerTaskMayDestroyItselfFromItsRun) {
-  Runner r;
-  auto t = timer("short-lived", r);
-  r.fn = [&](const Olk::Task&) {
-    r.notifierIs(nullptr);
-    t = nullptr;
-  };
-  t->scheduleTaskDelay(0.1);
-  clock->advance(1.0);
-  EXPECT_EQ(t, nullptr);
-  EXPECT_EQ(sched->totalRegisteredTaskCount(), 0u);
-  EXPECT_TRUE(sched->deadTaskStatForTest("short-lived").isClear());
+TEST(TaskSchedulerRoot, TimersNeverStartWithoutATimerWheel) {
+  auto root = Olk::taskSchedulerRootFactory("no-wheel");
+  auto t = Olk::timerTaskFactory(root, TaskPriority::normal, "t");
+  t->scheduleTaskDelay(1.0);
+  EXPECT_FALSE(t->taskStatus().taskTimerRunning);
+  EXPECT_EQ(t->currentExpirationTime(), Zum::endOfTime);
 }
 
 TEST_F(SchedulerFixture, JitterStaysWithinItsPercentage) {
@@ -279,17 +262,6 @@ TEST_F(SchedulerFixture, JitterStaysWithinItsPercentage) {
   }
   EXPECT_TRUE(sawUp);
   EXPECT_TRUE(sawDown);
-}
-
-TEST_F(SchedulerFixture, TimerTaskMayRestartItselfFromItsRun) {
-  Runner r;
-  auto t = timer("periodic", r);
-  r.fn = [&](const Olk::Task&) {
-    if (r.runs < 3) t->scheduleTaskDelay(0.5);
-  };
-  t->scheduleTaskDelay(0.5);
-  clock->advance(10.0);
-  EXPECT_EQ(r.runs, 3);
 }
 
 struct FdRunner : Olk::FileDescriptorTask::NotifieeConst {
@@ -429,6 +401,9 @@ TEST(TaskSchedulerValues, TextFormsAndKeys) {
                       "'taskTimerRunning': False, 'taskOnRunQueue': True"),
             std::string::npos);
   EXPECT_EQ(Zum::strepToValue<Olk::TaskStat>(text), s);
+  std::ostringstream os;
+  os << s;
+  EXPECT_EQ(os.str(), text);
   Olk::TaskSchedulerPriorityStats p{TaskPriority::scavenge, 1, 2, 3, 4};
   EXPECT_EQ(valueToStrep(p), "Value('Olk::TaskSchedulerPriorityStats', ** {'taskPriority': scavenge, "
                              "'runnableTasks': 1, 'idleTasks': 2, 'deadTasks': 3, 'totalRunCount': 4})");
