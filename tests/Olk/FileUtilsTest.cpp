@@ -12,12 +12,15 @@
 #include <vector>
 
 #include "platform/Exception.h"
+#include "TestSupport.h"
 
 using namespace Olk;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
 namespace {
+
+using OlkTest::inChild;
 
 // A fresh directory removed with everything in it at the end of the test.
 class TempDir {
@@ -52,15 +55,6 @@ std::vector<std::string> sorted(std::vector<std::string> v) {
   return v;
 }
 
-// Runs `body` in a forked child and returns its exit status.
-template <class F>
-int inChild(F&& body) {
-  pid_t pid = fork();
-  if (pid == 0) _exit(body());
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 }  // namespace
 

@@ -12,11 +12,14 @@
 
 #include "platform/Exception.h"
 #include "platform/Trace.h"
+#include "TestSupport.h"
 
 using namespace Olk;
 using Zum::endOfTime;
 
 namespace {
+
+using OlkTest::rangeErrorText;
 
 // A timer that records when it fired and may act from inside onTime().
 class Timer : public TimerWheel::NotifieeConst {
@@ -70,36 +73,28 @@ class TimerWheelTest : public testing::Test {
   }
 };
 
-std::string rangeError(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const Zum::RangeException& e) {
-    return e.what();
-  }
-  return "no error";
-}
 
 }  // namespace
 
 TEST(TimerWheelConstruction, RangesCheckedInOrder) {
   auto clock = Zum::manualClockFactory();
-  EXPECT_EQ(rangeError([&] { timerWheelFactory(clock, 0, 1, false, 1); }),
+  EXPECT_EQ(rangeErrorText([&] { timerWheelFactory(clock, 0, 1, false, 1); }),
             "TimerWheel::tickMsecs < 1 or > 3600000 not allowed");
-  EXPECT_EQ(rangeError([&] { timerWheelFactory(clock, 3600001, 100, false, 64); }),
+  EXPECT_EQ(rangeErrorText([&] { timerWheelFactory(clock, 3600001, 100, false, 64); }),
             "TimerWheel::tickMsecs < 1 or > 3600000 not allowed");
-  EXPECT_EQ(rangeError([&] { timerWheelFactory(clock, 3600000, 1, false, 1); }),
+  EXPECT_EQ(rangeErrorText([&] { timerWheelFactory(clock, 3600000, 1, false, 1); }),
             "TimerWheel::initialMaxTicks < 2 or > 0xffffffff not allowed");
-  EXPECT_EQ(rangeError([&] { timerWheelFactory(clock, 1, 2, false, 1); }),
+  EXPECT_EQ(rangeErrorText([&] { timerWheelFactory(clock, 1, 2, false, 1); }),
             "TimerWheel::defaultBucketSize < 2 or > 0x10000 not allowed");
-  EXPECT_EQ(rangeError([&] { timerWheelFactory(clock, 1, 2, false, 0x10001); }),
+  EXPECT_EQ(rangeErrorText([&] { timerWheelFactory(clock, 1, 2, false, 0x10001); }),
             "TimerWheel::defaultBucketSize < 2 or > 0x10000 not allowed");
-  EXPECT_EQ(rangeError([&] { BucketSize(1); }), "BucketSize::value < 2 or > 0xfffffffe not allowed");
-  EXPECT_EQ(rangeError([&] { BucketSize(0xffffffff); }),
+  EXPECT_EQ(rangeErrorText([&] { BucketSize(1); }), "BucketSize::value < 2 or > 0xfffffffe not allowed");
+  EXPECT_EQ(rangeErrorText([&] { BucketSize(0xffffffff); }),
             "BucketSize::value < 2 or > 0xfffffffe not allowed");
   auto wheel = timerWheelFactory(clock, 1, 2, false, 2);
-  EXPECT_EQ(rangeError([&] { wheel->processTimeLimitIs(0.51); }),
+  EXPECT_EQ(rangeErrorText([&] { wheel->processTimeLimitIs(0.51); }),
             "TimerWheel::processTimeLimit < 0 or > 0.5 not allowed");
-  EXPECT_EQ(rangeError([&] { wheel->processTimeLimitIs(-0.01); }),
+  EXPECT_EQ(rangeErrorText([&] { wheel->processTimeLimitIs(-0.01); }),
             "TimerWheel::processTimeLimit < 0 or > 0.5 not allowed");
   wheel->processTimeLimitIs(0.5);
   EXPECT_EQ(wheel->processTimeLimit(), 0.5);

@@ -9,10 +9,13 @@
 
 #include "platform/Exception.h"
 #include "platform/Trace.h"
+#include "TestSupport.h"
 
 using namespace Olk;
 
 namespace {
+
+using OlkTest::expectRangeError;
 
 using MaybeU32 = std::optional<U32>;
 
@@ -32,15 +35,6 @@ void checkPartition(const NumAllocatorBase& a) {
   }
 }
 
-template <class F>
-void expectRangeError(F&& f, const char* text) {
-  try {
-    f();
-    ADD_FAILURE() << "no range error";
-  } catch (const Zum::RangeException& e) {
-    EXPECT_STREQ(e.what(), text);
-  }
-}
 
 }  // namespace
 

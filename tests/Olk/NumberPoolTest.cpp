@@ -8,10 +8,13 @@
 #include <vector>
 
 #include "platform/Exception.h"
+#include "TestSupport.h"
 
 using namespace Olk;
 
 namespace {
+
+using OlkTest::expectRangeError;
 
 constexpr U32 top = 4294967295u;
 
@@ -42,15 +45,6 @@ std::vector<Range> rangesOf(const NumberPool& p) {
   return out;
 }
 
-template <class F>
-void expectRangeError(F&& f, const char* text) {
-  try {
-    f();
-    ADD_FAILURE() << "no range error";
-  } catch (const Zum::RangeException& e) {
-    EXPECT_STREQ(e.what(), text);
-  }
-}
 
 using Ranges = std::vector<Range>;
 

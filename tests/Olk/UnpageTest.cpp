@@ -11,10 +11,13 @@
 #include <thread>
 
 #include "Olk/ProcSysUtils.h"
+#include "TestSupport.h"
 
 using namespace Olk;
 
 namespace {
+
+using OlkTest::inChild;
 
 // Resident kilobytes of the executable, non-writable file mappings.
 U64 codeRssKb() {
@@ -38,16 +41,6 @@ U64 codeRssKb() {
   return total;
 }
 
-// Runs `body` in a forked child, which is single-threaded whatever the
-// parent runs, and returns its exit code.
-template <class F>
-int inChild(F&& body) {
-  pid_t pid = fork();
-  if (pid == 0) _exit(body());
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
-}
 
 }  // namespace
 

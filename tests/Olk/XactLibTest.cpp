@@ -14,9 +14,12 @@
 #include "platform/Clock.h"
 #include "platform/Exception.h"
 #include "platform/Trace.h"
+#include "TestSupport.h"
 
 namespace Olk {
 namespace {
+
+using OlkTest::rangeErrorText;
 
 using ::testing::ElementsAre;
 using ::testing::Pair;
@@ -53,15 +56,6 @@ std::vector<std::pair<String, String>> comments(const Xact& x) {
   return {x.comment().begin(), x.comment().end()};
 }
 
-// The text of the range error `f` throws.
-String rangeErrorText(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const Zum::RangeException& e) {
-    return e.what();
-  }
-  return "no exception";
-}
 
 // A clock whose time moves only when the test says, without firing anything.
 class StepClock : public Zum::Clock {
@@ -664,7 +658,7 @@ TEST_F(XactExecutor, BaseWorkFunctionIsNotImplemented) {
   EXPECT_EQ(e->name(), "base");
   try {
     e->doExecute(XactConfig(1, 1));
-    FAIL() << "no exception";
+    FAIL() << "no range error";
   } catch (const Zum::NoImplementationException& ex) {
     EXPECT_STREQ(ex.what(), "doExecute must be implemented in the derived class");
   }
