@@ -32,7 +32,6 @@
 // `notifierIs(nullptr)` in its own destructor, before it stops being one.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <utility>
 #include <vector>
@@ -41,6 +40,8 @@
 
 namespace Zum {
 
+class NotifieeList;
+
 // Common root of every notifiee, so a notifier can keep one list type.
 class RootNotifiee {
  public:
@@ -48,11 +49,17 @@ class RootNotifiee {
   RootNotifiee(const RootNotifiee&) = delete;
   RootNotifiee& operator=(const RootNotifiee&) = delete;
   virtual ~RootNotifiee() = default;
+
+ private:
+  friend class NotifieeList;
+  static constexpr std::size_t notListed = static_cast<std::size_t>(-1);
+  std::size_t slot_ = notListed;  // index in its notifier's list; one notifier at a time
 };
 
 // Registration-ordered list of notifiees that stays valid while it is being
-// walked and changed from inside the walk.
-template <class N>
+// walked and changed from inside the walk. Adding and removing are O(1)
+// amortised: a removal leaves a hole, and holes are squeezed out once they
+// outnumber the notifiees and no walk is in progress.
 class NotifieeList {
  public:
   NotifieeList() = default;
@@ -60,22 +67,24 @@ class NotifieeList {
   NotifieeList& operator=(const NotifieeList&) = delete;
   ~NotifieeList() {
     for (Walk* w = walks_; w; w = w->outer) w->listGone = true;
+    for (RootNotifiee* n : items_) {
+      if (n) n->slot_ = RootNotifiee::notListed;
+    }
   }
 
-  void add(N* n) {
+  void add(RootNotifiee* n) {
+    n->slot_ = items_.size();
     items_.push_back(n);
     ++live_;
   }
   // Removes `n`; a no-op when it is not in the list.
-  void del(N* n) {
-    auto it = std::find(items_.begin(), items_.end(), n);
-    if (it == items_.end()) return;
+  void del(RootNotifiee* n) {
+    std::size_t i = n->slot_;
+    if (i >= items_.size() || items_[i] != n) return;
+    items_[i] = nullptr;
+    n->slot_ = RootNotifiee::notListed;
     --live_;
-    if (walks_) {
-      *it = nullptr;  // a walk holds indexes: compact once the outermost ends
-    } else {
-      items_.erase(it);
-    }
+    if (!walks_) maybeCompact();
   }
   std::size_t size() const { return live_; }
   bool empty() const { return live_ == 0; }
@@ -88,7 +97,7 @@ class NotifieeList {
     Walk walk(this);
     const std::size_t end = items_.size();
     for (std::size_t i = 0; i < end; ++i) {
-      N* n = items_[i];
+      RootNotifiee* n = items_[i];
       if (!n) continue;
       f(n);  // may throw: the walk still ends properly
       if (walk.listGone) return false;
@@ -103,20 +112,27 @@ class NotifieeList {
     ~Walk() {
       if (listGone) return;  // the list is destroyed: touch nothing of it
       list->walks_ = outer;
-      if (!outer && list->live_ != list->items_.size()) list->compact();
+      if (!outer) list->maybeCompact();
     }
     NotifieeList* list;
     Walk* outer;
     bool listGone = false;
   };
 
-  void compact() {
-    std::erase(items_, nullptr);
+  void maybeCompact() {
+    if (2 * live_ >= items_.size()) return;
+    std::size_t kept = 0;
+    for (RootNotifiee* n : items_) {
+      if (!n) continue;
+      n->slot_ = kept;
+      items_[kept++] = n;
+    }
+    items_.resize(kept);
   }
 
-  std::vector<N*> items_;
-  std::size_t live_ = 0;
-  Walk* walks_ = nullptr;  // innermost walk in progress, or null
+  std::vector<RootNotifiee*> items_;  // registration order; null marks a hole
+  std::size_t live_ = 0;              // non-null entries
+  Walk* walks_ = nullptr;             // innermost walk in progress, or null
 };
 
 // Mixin for anything that has notifiees.
@@ -148,7 +164,7 @@ class Notifier {
   }
 
  private:
-  mutable NotifieeList<RootNotifiee> notifiees_;
+  mutable NotifieeList notifiees_;
 };
 
 // Base of a component's nested Notifiee. `NotifierT` may be const-qualified
