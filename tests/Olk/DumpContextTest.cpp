@@ -1,0 +1,254 @@
+#include "Olk/DumpContext.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+using namespace Olk;
+
+namespace {
+
+class CollectingCallback : public DumpWriteCallbackBase {
+ public:
+  int write(const void* buffer, U32 length) override {
+    text.append(static_cast<const char*>(buffer), length);
+    return static_cast<int>(length);
+  }
+  std::string text;
+};
+
+// A fresh directory removed with its files at the end of the test.
+class TempDir {
+ public:
+  TempDir() {
+    char pattern[] = "/tmp/DumpContextTest.XXXXXX";
+    path_ = mkdtemp(pattern);
+  }
+  ~TempDir() { std::system(("rm -rf " + path_).c_str()); }
+  std::string file(const char* name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+// Decompresses every gzip member of `path`; also checks the gzip magic.
+std::string readGzip(const std::string& path) {
+  std::string raw = readFile(path);
+  EXPECT_GE(raw.size(), 2u);
+  EXPECT_EQ(static_cast<unsigned char>(raw[0]), 0x1f);
+  EXPECT_EQ(static_cast<unsigned char>(raw[1]), 0x8b);
+  gzFile gz = gzopen(path.c_str(), "rb");
+  std::string out;
+  char buf[256];
+  int n;
+  while ((n = gzread(gz, buf, sizeof buf)) > 0) out.append(buf, n);
+  EXPECT_EQ(n, 0);
+  gzclose(gz);
+  return out;
+}
+
+Ptr<DumpContext> callbackContext(CollectingCallback& cb) {
+  Ptr<DumpContext> ctx = dumpContextFactory(1, nullptr, dumpNormal);
+  ctx->writeCallbackIs(&cb);
+  return ctx;
+}
+
+}  // namespace
+
+TEST(DumpContext, DefaultsOfPlainDescriptorContext) {
+  Ptr<DumpContext> ctx = DumpContext::dumpContext(7, dumpVerbose, true);
+  EXPECT_EQ(ctx->fd(), 7);
+  EXPECT_EQ(ctx->gzFileHandle(), nullptr);
+  EXPECT_EQ(ctx->level(), dumpVerbose);
+  EXPECT_EQ(ctx->writeCallback(), nullptr);
+  EXPECT_FALSE(ctx->yieldingEnabled());
+  EXPECT_EQ(ctx->maxListEntriesDumped(), 20000u);
+  EXPECT_FALSE(ctx->truncated());
+  EXPECT_EQ(ctx->currentLineNum(), 0u);
+  EXPECT_FALSE(ctx->bufEndsWithNewLine());
+  EXPECT_TRUE(ctx->dumpDuplicates());
+  EXPECT_FALSE(ctx->dumpLineNumbers());
+  EXPECT_FALSE(ctx->exitOnWriteError());
+  EXPECT_EQ(ctx->dumpBufSize(), 262144u);
+
+  DumpBookmarkBase bookmark;
+  ctx->bookmarkIs(&bookmark);
+  EXPECT_TRUE(ctx->yieldingEnabled());
+  bookmark.disableYieldingIs(true);
+  EXPECT_FALSE(ctx->yieldingEnabled());
+}
+
+TEST(DumpContext, CountsLinesAndPrefixesLineNumbers) {
+  CollectingCallback cb;
+  Ptr<DumpContext> ctx = callbackContext(cb);
+  ctx->dumpLineNumbersIs(true);
+  objDumpPrintf(ctx, "a %d\n", 1);
+  objDumpPrintf(ctx, "b\nc");
+  EXPECT_FALSE(ctx->bufEndsWithNewLine());
+  objDumpPrintf(ctx, "\n");
+  EXPECT_EQ(cb.text, "       1 a 1\n       2 b\nc       3 \n");
+  EXPECT_EQ(ctx->currentLineNum(), 3u);
+  EXPECT_TRUE(ctx->bufEndsWithNewLine());
+}
+
+TEST(DumpContext, DeduplicatesByAddressUnlessDumpingDuplicates) {
+  CollectingCallback cb;
+  Ptr<DumpContext> ctx = callbackContext(cb);
+  int a = 0, b = 0;
+  objDumpPrintf(ctx, "header\n");
+  ctx->markObject(&a);
+  objDumpPrintf(ctx, "a\n");
+  EXPECT_TRUE(ctx->isDumped(&a));
+  EXPECT_FALSE(ctx->isDumped(&b));
+  EXPECT_EQ(ctx->getDumpLineForObj(&a), 2u);
+  EXPECT_DEATH(ctx->getDumpLineForObj(&b), "iter != dumpedObjMap_.cend\\(\\)");
+
+  ctx->dumpDuplicatesIs(true);
+  ctx->markObject(&b);
+  EXPECT_FALSE(ctx->isDumped(&a));
+  EXPECT_FALSE(ctx->isDumped(&b));
+  EXPECT_DEATH(ctx->getDumpLineForObj(&a), "!dumpDuplicates\\(\\)");
+}
+
+TEST(DumpContext, OutputFillingTheBufferIsAProgrammingError) {
+  CollectingCallback cb;
+  Ptr<DumpContext> ctx = callbackContext(cb);
+  std::string justFits(ctx->dumpBufSize() - 1, 'x');
+  objDumpPrintf(ctx, "%s", justFits.c_str());
+  EXPECT_EQ(cb.text.size(), justFits.size());
+  std::string tooLong(ctx->dumpBufSize(), 'x');
+  EXPECT_DEATH(objDumpPrintf(ctx, "%s", tooLong.c_str()), "n < \\(int\\)dumpCtx->dumpBufSize\\(\\)");
+}
+
+TEST(DumpContext, BaseWriteCallbackMustBeOverridden) {
+  DumpWriteCallbackBase base;
+  Ptr<DumpContext> ctx = dumpContextFactory(1, nullptr, dumpNormal);
+  ctx->writeCallbackIs(&base);
+  EXPECT_DEATH(objDumpPrintf(ctx, "x"), "0 && \"Must override in derived class\"");
+}
+
+TEST(DumpContext, NullContextWritesToStandardOutput) {
+  testing::internal::CaptureStdout();
+  objDumpPrintf(nullptr, "plain %s\n", "text");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "plain text\n");
+}
+
+TEST(DumpContext, WriteErrorIsIgnoredUnlessExitRequested) {
+  // A descriptor number far above anything open, so the death test's own
+  // pipes cannot reuse it: writing to it fails with EBADF.
+  const int closedFd = 4000;
+  ASSERT_EQ(fcntl(closedFd, F_GETFD), -1);
+  Ptr<DumpContext> ctx = DumpContext::dumpContext(closedFd, dumpNormal, false);
+  objDumpPrintf(ctx, "lost\n");
+  EXPECT_EQ(ctx->currentLineNum(), 1u);
+
+  ctx->exitOnWriteErrorIs(true);
+  EXPECT_EXIT(objDumpPrintf(ctx, "lost\n"), testing::ExitedWithCode(1),
+              "\nvoid Olk::objDumpPrintf\\(const Zum::Ptr<const Olk::DumpContext>&, const char\\*, "
+              "...\\) exiting due to write error return -1 errno 9 \\(Bad file descriptor\\)\n");
+}
+
+TEST(DumpContext, SinkAcceptingNothingCountsAsWriteError) {
+  struct Refusing : DumpWriteCallbackBase {
+    int write(const void*, U32) override { return 0; }
+  } refusing;
+  Ptr<DumpContext> ctx = dumpContextFactory(1, nullptr, dumpNormal);
+  ctx->writeCallbackIs(&refusing);
+  ctx->exitOnWriteErrorIs(true);
+  objDumpPrintf(ctx, "%s", "");  // nothing to write is not a failure
+  EXPECT_EXIT(objDumpPrintf(ctx, "x"), testing::ExitedWithCode(1), "write error return -1");
+}
+
+TEST(DumpContext, OpenDumpFileCreatesAndAppends) {
+  TempDir dir;
+  std::string path = dir.file("dump.txt");
+  mode_t old = umask(022);
+  bool append = false;
+  int fd = openDumpFile(path.c_str(), &append);
+  umask(old);
+  ASSERT_GE(fd, 0);
+  EXPECT_TRUE(append);
+  struct stat st;
+  ASSERT_EQ(fstat(fd, &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0644u);
+  objDumpPrintf(DumpContext::dumpContext(fd, dumpNormal, false), "first\n");
+  close(fd);
+
+  append = false;
+  fd = openDumpFile(path.c_str(), &append);
+  EXPECT_TRUE(append);
+  objDumpPrintf(DumpContext::dumpContext(fd, dumpNormal, false), "second\n");
+  close(fd);
+  EXPECT_EQ(readFile(path), "first\nsecond\n");
+}
+
+TEST(DumpContext, OpenDumpFileOnFifoDoesNotAppend) {
+  TempDir dir;
+  std::string path = dir.file("fifo");
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  bool append = true;
+  int fd = openDumpFile(path.c_str(), &append);
+  ASSERT_GE(fd, 0);
+  EXPECT_FALSE(append);
+  objDumpPrintf(DumpContext::dumpContext(fd, dumpNormal, false), "through the pipe\n");
+  char buf[64] = {};
+  ASSERT_EQ(read(fd, buf, sizeof buf), 17);  // opened read-write: read back our own text
+  EXPECT_STREQ(buf, "through the pipe\n");
+  close(fd);
+}
+
+TEST(DumpContext, OpenFailuresPrintAndReturnMinusOne) {
+  TempDir dir;
+  std::string file = dir.file("plain");
+  close(open(file.c_str(), O_WRONLY | O_CREAT, 0644));
+  std::string underFile = file + "/x";  // stat fails with ENOTDIR
+  bool append;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(openDumpFile(underFile.c_str(), &append), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Cannot open " + underFile + ", error " + std::to_string(ENOTDIR) + "\n");
+
+  std::string directory = dir.file("");  // open of a directory for writing fails
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(openCompressedDumpFile(directory.c_str()), nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Cannot open " + directory + ", error " + std::to_string(EISDIR) + "\n");
+}
+
+TEST(DumpContext, CompressedDumpIsGzipAndAppendsAMember) {
+  TempDir dir;
+  std::string path = dir.file("dump.gz");
+  gzFile gz = openCompressedDumpFile(path.c_str());
+  ASSERT_NE(gz, nullptr);
+  Ptr<DumpContext> ctx = dumpContextFactory(99, gz, dumpNormal);
+  ctx->dumpLineNumbersIs(true);
+  objDumpPrintf(ctx, "part %d\n", 1);
+  closeCompressedDumpFile(gz);
+  EXPECT_EQ(readGzip(path), "       1 part 1\n");
+
+  gz = openCompressedDumpFile(path.c_str());
+  ASSERT_NE(gz, nullptr);
+  objDumpPrintf(dumpContextFactory(99, gz, dumpNormal), "part %d\n", 2);
+  closeCompressedDumpFile(gz);
+  EXPECT_EQ(readGzip(path), "       1 part 1\npart 2\n");
+}
+
+TEST(DumpContext, SanitizedTypeNameDropsQualifiers) {
+  EXPECT_STREQ(objDumpSanitizeTypeName("Olk::Cuckoo::HashTable"), "HashTable");
+  EXPECT_STREQ(objDumpSanitizeTypeName("TimerWheel"), "TimerWheel");
+  EXPECT_STREQ(objDumpSanitizeTypeName("Olk::"), "");
+}
