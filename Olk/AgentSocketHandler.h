@@ -205,6 +205,9 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   // Closes the client's descriptor at once and forgets the client.
   void doCloseClientConnection(const Ptr<ClientSm>& client);
 
+  // Socket name, guards, clients and (verbose) the registered command words.
+  void dumpState(const Ptr<const DumpContext>& dumpContext, U32 level) const override;
+
  protected:
   template <class T, class... A>
   friend Ptr<T> Zum::create(A&&...);

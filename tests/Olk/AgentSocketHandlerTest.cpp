@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Olk/AgentSocketTestClient.h"
+#include "Olk/DumpContext.h"
 #include "platform/Exception.h"
 #include "platform/Log.h"
 #include "platform/Trace.h"
@@ -385,4 +386,23 @@ TEST(BaseOutputSm, StreamsDerivedTypeName) {
   std::ostringstream h;
   h << *handler;
   EXPECT_EQ("Olk::AgentSocketHandlerSm", h.str());
+}
+
+TEST(AgentSocketHandlerDump, ShowsSocketClientsAndVerboseCommands) {
+  String name = OlkTest::uniqueSocketName("dump");
+  auto handler = agentSocketHandlerSmFactory(name);
+  handler->agentSocketCallbackIs(Zum::create<RecordingCallback>("echo"));
+  int pair[2];
+  ASSERT_EQ(0, pipe(pair));
+  handler->dumpState(DumpContext::dumpContext(pair[1], dumpNormal, false), dumpNormal);
+  handler->dumpState(DumpContext::dumpContext(pair[1], dumpVerbose, false), dumpVerbose);
+  close(pair[1]);
+  char buf[4096];
+  String text(buf, static_cast<size_t>(std::max<ssize_t>(0, read(pair[0], buf, sizeof(buf)))));
+  close(pair[0]);
+  const String header = "AgentSocketHandlerSm socket: s" + name + " initialized: 1\n";
+  ASSERT_NE(String::npos, text.find(header));
+  EXPECT_NE(text.find(header), text.rfind(header));  // one per dump
+  EXPECT_EQ(text.find("command: echo (recorder)\n"), text.rfind("command: echo (recorder)\n"));
+  EXPECT_NE(String::npos, text.find("command: echo (recorder)\n"));
 }
