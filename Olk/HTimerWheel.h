@@ -1,0 +1,178 @@
+// TimerWheel: many timers multiplexed onto one notifiee of a system clock.
+//
+// Each timer is a `TimerWheel::NotifieeConst` attached to the wheel with a
+// wake-up time `timeMin`. The wheel files it into a slot of a hierarchy of
+// wheels ("buckets"): bucket 0 has slots of one tick (`tickMsecs`), bucket k
+// slots of `defaultBucketSize^k` ticks. Filing, moving and removing a timer
+// touch one slot list and one counter, whatever the number of timers; the
+// system clock is kept set to the earliest occupied slot of bucket 0 (or to
+// the end of bucket 0 when only higher buckets hold timers, where they
+// cascade down). The wheel does not tick while nothing is due.
+//
+// Guarantees: a timer fires once per `timeMin` it was given, never before it
+// and at most one tick after the clock reaches it; timers due in the same
+// slot fire in the order they were filed. A time beyond the capacity
+// (`maxTicks`) is parked in the farthest slot and refiled from there, so it
+// still fires on time. Timers may be added, moved, removed or destroyed from
+// inside `onTime()`; a timer moved into the slot being fired fires in the
+// same pass. One clock callback fires for at most `processTimeLimit` seconds
+// (measured on the system clock); the rest follows on the next callback.
+//
+// Single-threaded: the wheel, its clock and its timers belong to one loop.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "Olk/DumpContext.h"
+#include "platform/Clock.h"
+#include "platform/Entity.h"
+#include "platform/Notifier.h"
+#include "platform/Types.h"
+
+namespace Olk {
+
+inline constexpr U32 InvalidWheelIndex = 0xcafefeed;
+inline constexpr U32 InvalidBucketIndex = 0xcafefeed;
+
+// Number of slots of one bucket, 2 to 0xfffffffe.
+class BucketSize {
+ public:
+  // Throws RangeException for a value outside the range.
+  BucketSize(U32 value);
+  U32 value() const { return value_; }
+  operator U32() const { return value_; }
+
+ private:
+  U32 value_;
+};
+
+class TimerWheel;
+struct HeadNTail;
+
+// Internal operations on the wheel, kept out of the class interface.
+namespace TimerWheelImpl {
+struct Ops;
+}
+
+class TimerWheel : public Zum::Entity {
+ public:
+  // A timer. Attach it with notifierIs(wheel); set timeMin to schedule it
+  // (before or after attaching), endOfTime to cancel. When it fires its
+  // timeMin is already endOfTime; onTime() may set a new one.
+  class NotifieeConst : public Zum::BaseNotifiee<const TimerWheel> {
+   public:
+    NotifieeConst() = default;
+    ~NotifieeConst() override;
+
+    Seconds timeMin() const { return timeMin_; }
+    // Moves the timer; an unchanged time does nothing. NaN aborts.
+    void timeMinIs(Seconds t);
+    virtual void onTime() {}
+
+    U32 wheelIndex() const { return wheelIndex_; }
+    U32 bucketIndex() const { return bucketIndex_; }
+
+   private:
+    friend struct TimerWheelImpl::Ops;
+    Seconds timeMin_ = Zum::endOfTime;
+    U32 wheelIndex_ = InvalidWheelIndex;    // slot, valid exactly while filed
+    U32 bucketIndex_ = InvalidBucketIndex;  // bucket, valid exactly while filed
+    NotifieeConst* next_ = nullptr;         // toward the tail of the slot list
+    NotifieeConst* prev_ = nullptr;         // toward the head of the slot list
+  };
+
+  // Checks tick length, capacity and bucket size, in that order. Create it
+  // through timerWheelFactory (or Zum::create for a derived wheel), which
+  // builds the buckets at once.
+  TimerWheel(const Ptr<Zum::Clock>& systemClock, U32 tickMsecs, U32 initialMaxTicks,
+             bool preserveOrder, U32 defaultBucketSize);
+  ~TimerWheel() override;
+
+  const Ptr<Zum::Clock>& systemClock() const;
+  // Moves the wheel's wake-up to another clock; the pending time carries over.
+  void systemClockIs(const Ptr<Zum::Clock>& clock);
+  // Detaches from the clock: timers filed later are set to endOfTime.
+  void systemClockDel() { systemClockIs(nullptr); }
+
+  U32 tickMsecs() const { return tickMsecs_; }
+  U32 initialMaxTicks() const { return initialMaxTicks_; }
+  bool preserveOrder() const { return preserveOrder_; }
+  U32 defaultBucketSize() const { return defaultBucketSize_; }
+  U32 maxTicks() const { return maxTicks_; }
+
+  Seconds processTimeLimit() const { return processTimeLimit_; }
+  // Throws RangeException outside 0 to 0.5.
+  void processTimeLimitIs(Seconds limit);
+
+  U32 bucketCount() const { return static_cast<U32>(buckets_.size()); }
+  U32 bucketSize(U32 bucket) const { return buckets_[bucket].size; }
+  U64 wheelBase(U32 bucket) const;
+  U32 currentWheelIndex(U32 bucket) const { return buckets_[bucket].current; }
+  // Timers filed in `bucket`; 0 for an empty bucket.
+  U32 timer(U32 bucket) const { return buckets_[bucket].timers; }
+  // Number of buckets holding timers.
+  U32 timers() const { return nonEmptyBuckets_; }
+  U32 remainingNonEmptyBuckets() const { return nonEmptyBuckets_; }
+  // The slot just past the end of bucket 0 (2 before bucket 0 exists).
+  U32 ghostTimerIndex() const { return buckets_.empty() ? 2 : buckets_[0].size; }
+
+  Seconds currentWheelIndexTime() const { return currentWheelIndexTime_; }
+  U32 scheduledWheelIndex() const { return scheduledWheelIndex_; }
+  bool systemClockHandlerActive() const { return systemClockHandlerActive_; }
+  bool systemClockTakesOffsetTime() const { return systemClockTakesOffsetTime_; }
+  // When set, the clock is given times relative to currentWheelIndexTime.
+  void systemClockTakesOffsetTimeIs(bool v) { systemClockTakesOffsetTime_ = v; }
+  bool initialized() const { return initialized_; }
+
+  // Adds a bucket on top; only while no timer is filed.
+  void doAddNewBucket(BucketSize size);
+
+  // Writes buckets, timer counts and the schedule; verbose adds every
+  // occupied slot.
+  void dump(const Ptr<const DumpContext>& ctx) const;
+
+  // Registration hooks used by NotifieeConst::notifierIs.
+  void newNotifieeInternal(Zum::RootNotifiee* n) const;
+  void deleteNotifieeInternal(Zum::RootNotifiee* n) const;
+
+ protected:
+  void handleInitialized() override;
+  // Sets the system clock's wake-up to `time` for bucket-0 slot `index`
+  // (endOfTime and InvalidWheelIndex unset it). Never while firing.
+  virtual void doUpdateSystemClock(Seconds time, U32 index);
+
+ private:
+  friend struct TimerWheelImpl::Ops;
+  class SystemClockReactor;
+
+  struct Bucket {
+    U32 size;
+    std::unique_ptr<HeadNTail*[]> slots;  // size entries; null for an empty slot
+    U32 current;                          // slot of the present wheel time; invalid while idle
+    U32 timers;                           // timers filed in this bucket
+  };
+
+  void handleSystemClock();
+
+  U32 tickMsecs_;
+  U32 initialMaxTicks_;
+  bool preserveOrder_;
+  U32 defaultBucketSize_;
+  U32 maxTicks_ = 1;  // product of the bucket sizes, saturating at 0xFFFFFFFF
+  Seconds processTimeLimit_ = 0.05;
+  std::vector<Bucket> buckets_;
+  U32 nonEmptyBuckets_ = 0;  // buckets whose timers > 0
+  Seconds currentWheelIndexTime_ = 0.0;  // time of slot current of bucket 0; endOfTime while idle
+  U32 scheduledWheelIndex_ = InvalidWheelIndex;  // first used bucket-0 slot, or the ghost slot
+  bool systemClockHandlerActive_ = false;
+  bool systemClockTakesOffsetTime_ = false;
+  bool initialized_ = false;
+  std::unique_ptr<SystemClockReactor> reactor_;
+  std::vector<HeadNTail*> spareLists_;  // emptied slot lists kept for reuse
+};
+
+Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock, U32 tickMsecs,
+                                  U32 initialMaxTicks, bool preserveOrder, U32 defaultBucketSize);
+
+}  // namespace Olk

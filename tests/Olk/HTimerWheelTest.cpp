@@ -1,0 +1,561 @@
+#include "Olk/HTimerWheel.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <map>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "platform/Exception.h"
+#include "platform/Trace.h"
+
+using namespace Olk;
+using Zum::endOfTime;
+
+namespace {
+
+// A timer that records when it fired and may act from inside onTime().
+class Timer : public TimerWheel::NotifieeConst {
+ public:
+  explicit Timer(const Ptr<TimerWheel>& wheel, std::vector<int>* order = nullptr, int tag = 0)
+      : order_(order), tag_(tag) {
+    notifierIs(wheel);
+  }
+  void onTime() override {
+    fired.push_back(clock()->now());
+    if (order_) order_->push_back(tag_);
+    if (action) action();
+  }
+  Zum::Clock* clock() const { return notifier()->systemClock().ptr(); }
+
+  std::vector<Seconds> fired;
+  std::function<void()> action;
+
+ private:
+  std::vector<int>* order_;
+  int tag_;
+};
+
+// Records every clock update the wheel makes.
+class RecordingWheel : public TimerWheel {
+ public:
+  using TimerWheel::TimerWheel;
+  std::vector<std::pair<Seconds, U32>> updates;
+
+ protected:
+  void doUpdateSystemClock(Seconds time, U32 index) override {
+    updates.emplace_back(time, index);
+    TimerWheel::doUpdateSystemClock(time, index);
+  }
+};
+
+class TimerWheelTest : public testing::Test {
+ protected:
+  // Two buckets of 64 slots of 10 ms: 4096 ticks.
+  Ptr<Zum::ManualClock> clock = Zum::manualClockFactory(1000.0);
+  Ptr<TimerWheel> wheel = timerWheelFactory(clock, 10, 1000, false, 64);
+
+  void expectIdle() const {
+    EXPECT_EQ(wheel->timers(), 0u);
+    EXPECT_EQ(wheel->currentWheelIndexTime(), endOfTime);
+    EXPECT_EQ(wheel->scheduledWheelIndex(), InvalidWheelIndex);
+    for (U32 b = 0; b < wheel->bucketCount(); ++b) {
+      EXPECT_EQ(wheel->currentWheelIndex(b), InvalidWheelIndex);
+    }
+    EXPECT_EQ(clock->nextTime(), endOfTime);
+  }
+};
+
+std::string rangeError(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const Zum::RangeException& e) {
+    return e.what();
+  }
+  return "no error";
+}
+
+}  // namespace
+
+TEST(TimerWheelConstruction, RangesCheckedInOrder) {
+  auto clock = Zum::manualClockFactory();
+  EXPECT_EQ(rangeError([&] { timerWheelFactory(clock, 0, 1, false, 1); }),
+            "TimerWheel::tickMsecs < 1 or > 3600000 not allowed");
+  EXPECT_EQ(rangeError([&] { timerWheelFactory(clock, 3600001, 100, false, 64); }),
+            "TimerWheel::tickMsecs < 1 or > 3600000 not allowed");
+  EXPECT_EQ(rangeError([&] { timerWheelFactory(clock, 3600000, 1, false, 1); }),
+            "TimerWheel::initialMaxTicks < 2 or > 0xffffffff not allowed");
+  EXPECT_EQ(rangeError([&] { timerWheelFactory(clock, 1, 2, false, 1); }),
+            "TimerWheel::defaultBucketSize < 2 or > 0x10000 not allowed");
+  EXPECT_EQ(rangeError([&] { timerWheelFactory(clock, 1, 2, false, 0x10001); }),
+            "TimerWheel::defaultBucketSize < 2 or > 0x10000 not allowed");
+  EXPECT_EQ(rangeError([&] { BucketSize(1); }), "BucketSize::value < 2 or > 0xfffffffe not allowed");
+  EXPECT_EQ(rangeError([&] { BucketSize(0xffffffff); }),
+            "BucketSize::value < 2 or > 0xfffffffe not allowed");
+  auto wheel = timerWheelFactory(clock, 1, 2, false, 2);
+  EXPECT_EQ(rangeError([&] { wheel->processTimeLimitIs(0.51); }),
+            "TimerWheel::processTimeLimit < 0 or > 0.5 not allowed");
+  EXPECT_EQ(rangeError([&] { wheel->processTimeLimitIs(-0.01); }),
+            "TimerWheel::processTimeLimit < 0 or > 0.5 not allowed");
+  wheel->processTimeLimitIs(0.5);
+  EXPECT_EQ(wheel->processTimeLimit(), 0.5);
+}
+
+TEST(TimerWheelConstruction, BucketsCoverCapacityWithAtLeastTwo) {
+  auto clock = Zum::manualClockFactory();
+  Zum::TraceCapture trace;
+  auto wheel = timerWheelFactory(clock, 10, 1000, false, 64);
+  EXPECT_TRUE(wheel->initialized());
+  EXPECT_EQ(wheel->bucketCount(), 2u);
+  EXPECT_EQ(wheel->bucketSize(0), 64u);
+  EXPECT_EQ(wheel->bucketSize(1), 64u);
+  EXPECT_EQ(wheel->maxTicks(), 4096u);
+  EXPECT_EQ(wheel->ghostTimerIndex(), 64u);
+  EXPECT_NE(wheel->wheelBase(0), wheel->wheelBase(1));
+  EXPECT_EQ(wheel->processTimeLimit(), 0.05);
+  EXPECT_TRUE(trace.contains("TimerWheel::handleInitialized: Total buckets created 2 of 64 each."));
+  EXPECT_TRUE(trace.contains("TimerWheel::doAddNewBucket ## Add a new bucket to index 1 of size 64"));
+  EXPECT_TRUE(trace.contains("Total number of buckets now is 2"));
+  EXPECT_TRUE(trace.contains("Wheel being shut down"));
+
+  EXPECT_EQ(timerWheelFactory(clock, 10, 50, false, 64)->bucketCount(), 2u);
+  EXPECT_EQ(timerWheelFactory(clock, 10, 8640000, true, 1024)->bucketCount(), 3u);
+  auto saturated = timerWheelFactory(clock, 1, 0xffffffff, false, 3);
+  EXPECT_EQ(saturated->bucketCount(), 21u);  // 3^20 < 2^32 - 1 <= 3^21
+  EXPECT_EQ(saturated->maxTicks(), 0xFFFFFFFFu);
+  EXPECT_EQ(timerWheelFactory(clock, 1, 0xffffffff, false, 0x10000)->maxTicks(), 0xFFFFFFFFu);
+}
+
+TEST_F(TimerWheelTest, StartsIdle) { expectIdle(); }
+
+TEST_F(TimerWheelTest, TicksRoundUpAndFireNeverEarly) {
+  Zum::TraceCapture trace;
+  Timer t(wheel);
+  t.timeMinIs(1000.025);
+  EXPECT_EQ(t.bucketIndex(), 0u);
+  EXPECT_EQ(t.wheelIndex(), 3u);  // 25 ms is 3 ticks of 10 ms
+  EXPECT_EQ(wheel->currentWheelIndexTime(), 1000.0);
+  EXPECT_EQ(wheel->scheduledWheelIndex(), 3u);
+  EXPECT_EQ(wheel->timer(0), 1u);
+  EXPECT_DOUBLE_EQ(clock->nextTime(), 1000.03);
+  EXPECT_TRUE(trace.contains("InsertNotifiee at future ticks 3"));
+  EXPECT_TRUE(trace.contains("newTimer: "));
+  EXPECT_TRUE(trace.contains(" doUpdateSystemClock to time "));
+  clock->nowIs(1000.029);
+  EXPECT_TRUE(t.fired.empty());
+  clock->nowIs(1000.1);
+  ASSERT_EQ(t.fired.size(), 1u);
+  EXPECT_DOUBLE_EQ(t.fired[0], 1000.03);
+  EXPECT_EQ(t.timeMin(), endOfTime);
+  EXPECT_EQ(t.wheelIndex(), InvalidWheelIndex);
+  EXPECT_EQ(t.bucketIndex(), InvalidBucketIndex);
+  expectIdle();
+}
+
+TEST_F(TimerWheelTest, DueOrZeroTimeGoesToCurrentSlot) {
+  Timer now(wheel), zero(wheel), past(wheel);
+  now.timeMinIs(1000.0);
+  zero.timeMinIs(0.0);
+  past.timeMinIs(999.0);
+  for (Timer* t : {&now, &zero, &past}) {
+    EXPECT_EQ(t->bucketIndex(), 0u);
+    EXPECT_EQ(t->wheelIndex(), 0u);
+  }
+  clock->fire();
+  EXPECT_EQ(now.fired.size() + zero.fired.size() + past.fired.size(), 3u);
+}
+
+TEST_F(TimerWheelTest, SameSlotFiresInFilingOrder) {
+  std::vector<int> order;
+  Timer a(wheel, &order, 1), b(wheel, &order, 2), c(wheel, &order, 3);
+  b.timeMinIs(1000.05);
+  a.timeMinIs(1000.042);
+  c.timeMinIs(1000.048);
+  clock->advance(1.0);
+  EXPECT_EQ(order, (std::vector<int>{2, 1, 3}));
+}
+
+TEST_F(TimerWheelTest, FarTimerCascadesDownAndFiresOnTime) {
+  Timer t(wheel);
+  t.timeMinIs(1001.6);  // 160 ticks: bucket 1, two rounds of bucket 0 ahead
+  EXPECT_EQ(t.bucketIndex(), 1u);
+  EXPECT_EQ(t.wheelIndex(), 2u);
+  EXPECT_EQ(wheel->scheduledWheelIndex(), wheel->ghostTimerIndex());
+  EXPECT_DOUBLE_EQ(clock->nextTime(), 1000.64);
+  clock->nowIs(1001.0);
+  EXPECT_TRUE(t.fired.empty());
+  EXPECT_EQ(t.bucketIndex(), 1u);  // one cascade done, still a round away
+  EXPECT_EQ(wheel->currentWheelIndex(1), 1u);
+  clock->nowIs(1001.5);
+  EXPECT_EQ(t.bucketIndex(), 0u);
+  EXPECT_EQ(t.wheelIndex(), 32u);
+  clock->nowIs(1002.0);
+  ASSERT_EQ(t.fired.size(), 1u);
+  EXPECT_DOUBLE_EQ(t.fired[0], 1001.6);
+}
+
+TEST_F(TimerWheelTest, TopBucketWrapsAround) {
+  Timer early(wheel), wrapped(wheel);
+  early.timeMinIs(1000.0 + 62 * 0.64);  // top bucket slot 62
+  clock->nowIs(1000.0 + 60 * 0.64);
+  wrapped.timeMinIs(clock->now() + 10 * 0.64);  // beyond the top's end: wraps to a low slot
+  EXPECT_EQ(wrapped.bucketIndex(), 1u);
+  EXPECT_LT(wrapped.wheelIndex(), wheel->currentWheelIndex(1));
+  clock->advance(20.0);
+  ASSERT_EQ(early.fired.size(), 1u);
+  ASSERT_EQ(wrapped.fired.size(), 1u);
+  EXPECT_NEAR(wrapped.fired[0], 1000.0 + 70 * 0.64, 1e-6);
+}
+
+TEST_F(TimerWheelTest, TimeBeyondCapacityIsParkedInFarthestSlotYetFiresOnTime) {
+  Zum::TraceCapture trace;
+  Timer t(wheel);
+  t.timeMinIs(1100.0);  // 10000 ticks, capacity 4096
+  EXPECT_TRUE(trace.contains("Reducing timeout to fit the maximum timer capacity"));
+  EXPECT_EQ(t.bucketIndex(), 1u);
+  EXPECT_EQ(t.wheelIndex(), 63u);
+  clock->nowIs(1099.99);
+  EXPECT_TRUE(t.fired.empty());
+  clock->nowIs(1101.0);
+  ASSERT_EQ(t.fired.size(), 1u);
+  EXPECT_NEAR(t.fired[0], 1100.0, 1e-6);
+}
+
+TEST_F(TimerWheelTest, ClockFollowsEarliestSlot) {
+  Timer a(wheel), b(wheel), far(wheel);
+  a.timeMinIs(1000.07);
+  EXPECT_DOUBLE_EQ(clock->nextTime(), 1000.07);
+  b.timeMinIs(1000.09);  // later: the schedule stays
+  EXPECT_EQ(wheel->scheduledWheelIndex(), 7u);
+  b.timeMinIs(1000.03);  // earlier: the schedule moves
+  EXPECT_EQ(wheel->scheduledWheelIndex(), 3u);
+  EXPECT_DOUBLE_EQ(clock->nextTime(), 1000.03);
+  far.timeMinIs(1010.0);
+  b.timeMinIs(endOfTime);
+  EXPECT_EQ(wheel->scheduledWheelIndex(), 7u);
+  a.notifierIs(nullptr);  // deregistering removes it
+  EXPECT_EQ(wheel->scheduledWheelIndex(), wheel->ghostTimerIndex());
+  EXPECT_DOUBLE_EQ(clock->nextTime(), 1000.64);
+  far.timeMinIs(endOfTime);  // the last timer leaves: idle
+  expectIdle();
+}
+
+TEST_F(TimerWheelTest, NewTimerPullsWheelTimeUpButNotPastSchedule) {
+  Timer a(wheel), b(wheel);
+  a.timeMinIs(1000.5);  // slot 50
+  clock->nowIs(1000.2);
+  EXPECT_EQ(wheel->currentWheelIndex(0), 0u);  // the wheel does not tick
+  b.timeMinIs(1000.25);
+  EXPECT_EQ(wheel->currentWheelIndex(0), 20u);
+  EXPECT_DOUBLE_EQ(wheel->currentWheelIndexTime(), 1000.2);
+  EXPECT_EQ(b.wheelIndex(), 25u);
+  EXPECT_EQ(wheel->scheduledWheelIndex(), 25u);
+}
+
+TEST_F(TimerWheelTest, ChangesFromInsideOnTime) {
+  Timer periodic(wheel);
+  int rounds = 0;
+  periodic.action = [&] {
+    if (++rounds < 5) periodic.timeMinIs(clock->now() + 0.025);
+  };
+  periodic.timeMinIs(1000.025);
+
+  std::vector<int> order;
+  Timer first(wheel, &order, 1), cancelled(wheel, &order, 2), again(wheel, &order, 3);
+  first.timeMinIs(1000.5);
+  cancelled.timeMinIs(1000.5);
+  again.timeMinIs(1000.5);
+  first.action = [&] {
+    if (first.fired.size() > 1) return;
+    cancelled.timeMinIs(endOfTime);  // later in the same slot: never fires
+    first.timeMinIs(clock->now());   // due now: fires again in this pass, after `again`
+  };
+
+  auto selfDestroying = std::make_unique<Timer>(wheel);
+  selfDestroying->timeMinIs(1000.7);
+  selfDestroying->action = [&] { selfDestroying.reset(); };
+
+  clock->advance(1.0);
+  EXPECT_EQ(rounds, 5);
+  EXPECT_DOUBLE_EQ(periodic.fired.back(), 1000.15);
+  EXPECT_EQ(order, (std::vector<int>{1, 3, 1}));
+  EXPECT_EQ(selfDestroying, nullptr);
+  expectIdle();
+}
+
+TEST_F(TimerWheelTest, ReleasingTheWheelInsideOnTimeIsSafe) {
+  auto t = std::make_unique<Timer>(wheel);
+  t->timeMinIs(1000.01);
+  t->action = [&] { t.reset(); };
+  wheel = nullptr;  // the timer holds the last reference
+  clock->advance(1.0);
+  EXPECT_EQ(t, nullptr);
+}
+
+TEST(TimerWheelFiring, ProcessTimeLimitBoundsOneCallback) {
+  for (Seconds limit : {0.05, 0.0}) {
+    auto clock = Zum::manualClockFactory(1000.0);
+    auto wheel = timerWheelFactory(clock, 10, 1000, false, 64);
+    wheel->processTimeLimitIs(limit);
+    Timer a(wheel), b(wheel), c(wheel);
+    a.timeMinIs(1000.01);
+    b.timeMinIs(1000.02);
+    c.timeMinIs(1000.5);
+    wheel->systemClockDel();
+    clock->nowIs(1001.0);  // the clock callback comes late
+    Zum::TraceCapture trace(8);
+    wheel->systemClockIs(clock);
+    clock->fire();
+    EXPECT_EQ(a.fired.size() + b.fired.size() + c.fired.size(), 3u);
+    size_t callbacks = 0;
+    for (const std::string& text : trace.texts()) callbacks += text.starts_with("Completed handleSystemClock");
+    EXPECT_EQ(callbacks, limit > 0 ? 0u : 2u);  // the last callback shuts the wheel down instead
+    EXPECT_EQ(trace.contains("Wheel being shut down"), true);
+  }
+}
+
+TEST(TimerWheelFiring, OffsetTimeIsRelativeToWheelTime) {
+  auto clock = Zum::manualClockFactory(1000.0);
+  auto wheel = Zum::create<RecordingWheel>(clock, 10, 1000, false, 64);
+  wheel->systemClockTakesOffsetTimeIs(true);
+  Timer t(wheel);
+  t.timeMinIs(1000.03);
+  ASSERT_EQ(wheel->updates.size(), 2u);  // shut down at start-up, then the timer
+  EXPECT_EQ(wheel->updates[0], std::make_pair(endOfTime, InvalidWheelIndex));
+  EXPECT_DOUBLE_EQ(wheel->updates[1].first, 0.03);
+  EXPECT_EQ(wheel->updates[1].second, 3u);
+}
+
+TEST_F(TimerWheelTest, WithoutClockTimersAreSetToEndOfTime) {
+  Zum::TraceCapture trace;
+  wheel->systemClockDel();
+  Timer t(wheel);
+  t.timeMinIs(1000.5);
+  EXPECT_EQ(t.timeMin(), endOfTime);
+  EXPECT_EQ(t.wheelIndex(), InvalidWheelIndex);
+  EXPECT_TRUE(trace.contains(" to endOfTime"));
+}
+
+TEST_F(TimerWheelTest, RegistrationFilesAPresetTime) {
+  Zum::TraceCapture trace;
+  Timer t(nullptr);
+  t.timeMinIs(1000.05);
+  EXPECT_EQ(t.wheelIndex(), InvalidWheelIndex);
+  t.notifierIs(wheel);
+  EXPECT_TRUE(trace.contains("newNotfiee: Adding notifiee "));
+  EXPECT_EQ(t.wheelIndex(), 5u);
+  t.notifierIs(nullptr);
+  expectIdle();
+}
+
+TEST_F(TimerWheelTest, BrokenInvariantsAbortNamingTheExpression) {
+  Timer t(wheel);
+  EXPECT_DEATH(t.timeMinIs(std::nan("")), "!isnan\\( n->timeMin\\(\\) \\)");
+  Timer loose(nullptr);
+  loose.timeMinIs(std::nan(""));
+  EXPECT_DEATH(loose.notifierIs(wheel), "!isnan\\( when \\)");
+  t.timeMinIs(1000.5);
+  EXPECT_DEATH(wheel->doAddNewBucket(64), "timers\\(\\) == 0");
+}
+
+TEST_F(TimerWheelTest, DumpShowsBucketsCountsAndSchedule) {
+  Timer a(wheel), b(wheel), c(wheel);
+  a.timeMinIs(1000.05);
+  b.timeMinIs(1000.05);
+  c.timeMinIs(1002.0);
+  struct Collect : DumpWriteCallbackBase {
+    int write(const void* p, U32 n) override {
+      text.append(static_cast<const char*>(p), n);
+      return static_cast<int>(n);
+    }
+    std::string text;
+  } out;
+  Ptr<DumpContext> ctx = dumpContextFactory(1, nullptr, dumpVerbose);
+  ctx->writeCallbackIs(&out);
+  wheel->dump(ctx);
+  EXPECT_NE(out.text.find("tickMsecs 10 maxTicks 4096 buckets 2 nonEmptyBuckets 2"), std::string::npos);
+  EXPECT_NE(out.text.find("scheduledWheelIndex 5 ghostTimerIndex 64"), std::string::npos);
+  EXPECT_NE(out.text.find("bucket 0: size 64 currentWheelIndex 0 timers 2\n    slot 5: 2 timers\n"),
+            std::string::npos);
+  EXPECT_NE(out.text.find("bucket 1: size 64 currentWheelIndex 0 timers 1\n    slot 3: 1 timers\n"),
+            std::string::npos);
+  wheel->dump(ctx);  // already dumped: a back-reference to its first line
+  EXPECT_NE(out.text.find(": see line 1\n"), std::string::npos);
+}
+
+// Randomized check against a model of what each timer is owed: thousands of
+// timers over many cascades, moved, cancelled, destroyed and re-armed from
+// outside and from inside onTime().
+class TimerWheelModel {
+ public:
+  static constexpr int timerCount = 3000;
+  static constexpr Seconds tick = 0.01;
+
+  explicit TimerWheelModel(unsigned seed) : rng_(seed) {
+    // Buckets of 8 slots: cascades every 80 ms, three buckets (512 ticks).
+    wheel_ = timerWheelFactory(clock_, 10, 500, false, 8);
+    for (int i = 0; i < timerCount; ++i) timers_.push_back(makeTimer(i));
+    state_.resize(timerCount);
+  }
+
+  void run(int steps) {
+    for (int step = 0; step < steps; ++step) {
+      const int op = pick(100);
+      if (op < 50) {
+        arm(pick(timerCount));
+      } else if (op < 65) {
+        cancel(pick(timerCount));
+      } else if (op < 68) {
+        recreate(pick(timerCount));
+      } else {
+        clock_->advance(pick(4) == 0 ? pick(3000) * 0.001 : pick(60) * 0.001);
+      }
+      if (step % 500 == 0) checkInvariants();
+    }
+    clock_->advance(120.0);  // beyond every time armed
+    for (const State& s : state_) EXPECT_FALSE(s.armed);
+    checkInvariants();
+    EXPECT_EQ(wheel_->currentWheelIndexTime(), endOfTime);
+    EXPECT_EQ(clock_->nextTime(), endOfTime);
+  }
+
+  int fires() const { return fires_; }
+
+ private:
+  struct State {
+    bool armed = false;
+    Seconds due = 0;
+    Seconds armedAt = 0;
+    U64 seq = 0;                // when last filed
+    bool directToBucket0 = false;
+  };
+
+  class ModelTimer : public TimerWheel::NotifieeConst {
+   public:
+    ModelTimer(TimerWheelModel* model, int index) : model_(model), index_(index) {}
+    void onTime() override { model_->onFire(index_); }
+
+   private:
+    TimerWheelModel* model_;
+    int index_;
+  };
+
+  int pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng_); }
+
+  std::unique_ptr<ModelTimer> makeTimer(int i) {
+    auto t = std::make_unique<ModelTimer>(this, i);
+    t->notifierIs(wheel_);
+    return t;
+  }
+
+  // Mostly within the wheel's reach, sometimes beyond it, now, or past.
+  Seconds randomDue() {
+    const Seconds now = clock_->now();
+    switch (pick(20)) {
+      case 0: return now;
+      case 1: return 0.0;
+      case 2: return now - pick(100) * 0.001;
+      case 3: return now + 5.12 + pick(20000) * 0.001;
+      default: return now + pick(5000) * 0.001 + pick(1000) * 1e-6;
+    }
+  }
+
+  void arm(int i) {
+    const Seconds due = randomDue();
+    if (due == timers_[i]->timeMin()) return;  // unchanged: nothing is refiled
+    timers_[i]->timeMinIs(due);
+    State& s = state_[i];
+    s = State{true, due, clock_->now(), ++seq_, timers_[i]->bucketIndex() == 0};
+    EXPECT_NE(timers_[i]->wheelIndex(), InvalidWheelIndex);
+  }
+
+  void cancel(int i) {
+    timers_[i]->timeMinIs(endOfTime);
+    state_[i].armed = false;
+    EXPECT_EQ(timers_[i]->wheelIndex(), InvalidWheelIndex);
+  }
+
+  void recreate(int i) {
+    timers_[i] = makeTimer(i);
+    state_[i].armed = false;
+  }
+
+  void onFire(int i) {
+    ++fires_;
+    State& s = state_[i];
+    const Seconds now = clock_->now();
+    EXPECT_TRUE(s.armed) << "timer " << i << " fired while not armed at " << now;
+    EXPECT_GE(now, s.due - 0.0005) << "timer " << i << " early";
+    EXPECT_LE(now, std::max(s.due, s.armedAt) + tick + 1e-6) << "timer " << i << " late";
+    EXPECT_EQ(timers_[i]->timeMin(), endOfTime);
+    checkArrivalOrder(s);
+    s.armed = false;
+    // Act on the wheel from inside the callback.
+    switch (pick(8)) {
+      case 0: arm(i); break;
+      case 1: arm(pick(timerCount)); break;
+      case 2: cancel(pick(timerCount)); break;
+      case 3: {
+        const int other = pick(timerCount);
+        if (other != i) recreate(other);
+        break;
+      }
+      default: break;
+    }
+  }
+
+  // Timers filed straight into one bucket-0 slot fire in the order filed.
+  void checkArrivalOrder(const State& s) {
+    const Seconds slot = wheel_->currentWheelIndexTime();
+    if (slot != lastSlot_) {
+      lastSlot_ = slot;
+      lastDirectSeq_ = 0;
+    }
+    if (!s.directToBucket0) return;
+    EXPECT_GT(s.seq, lastDirectSeq_) << "slot list out of arrival order";
+    lastDirectSeq_ = s.seq;
+  }
+
+  void checkInvariants() {
+    U32 filed = 0, armed = 0;
+    for (U32 b = 0; b < wheel_->bucketCount(); ++b) filed += wheel_->timer(b);
+    for (int i = 0; i < timerCount; ++i) {
+      const ModelTimer& t = *timers_[i];
+      armed += state_[i].armed;
+      ASSERT_EQ(state_[i].armed, t.wheelIndex() != InvalidWheelIndex) << "timer " << i;
+      if (!state_[i].armed) continue;
+      ASSERT_LT(t.bucketIndex(), wheel_->bucketCount());
+      ASSERT_LT(t.wheelIndex(), wheel_->bucketSize(t.bucketIndex()));
+      if (t.bucketIndex() == 0) {
+        EXPECT_GE(t.wheelIndex(), wheel_->currentWheelIndex(0));
+        EXPECT_GE(t.wheelIndex(), wheel_->scheduledWheelIndex());
+      } else {
+        EXPECT_NE(t.wheelIndex(), wheel_->currentWheelIndex(t.bucketIndex()));
+      }
+    }
+    EXPECT_EQ(filed, armed);
+  }
+
+  std::mt19937 rng_;
+  Ptr<Zum::ManualClock> clock_ = Zum::manualClockFactory(1000.0);
+  Ptr<TimerWheel> wheel_;
+  std::vector<std::unique_ptr<ModelTimer>> timers_;
+  std::vector<State> state_;
+  U64 seq_ = 0;
+  Seconds lastSlot_ = -1;
+  U64 lastDirectSeq_ = 0;
+  int fires_ = 0;
+};
+
+TEST(TimerWheelModel, EveryTimerFiresOnceOnTimeInOrder) {
+  for (unsigned seed : {1u, 2u, 3u}) {
+    TimerWheelModel model(seed);
+    model.run(20000);
+    EXPECT_GT(model.fires(), 3000) << "seed " << seed;
+    if (testing::Test::HasFailure()) break;
+  }
+}

@@ -1,0 +1,326 @@
+#include "platform/Dorn.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Dorn::Duration;
+using Dorn::Priority;
+using Zum::U32;
+
+constexpr Duration ms = 1000000;
+
+// A root on a hand-moved time source that counts run requests.
+class FakeRoot : public Dorn::RootScheduler {
+ public:
+  FakeRoot() : RootScheduler("fake", 10 * ms) {}
+  Dorn::TimeStamp now() const override { return time; }
+  void requestSchedulerRun() override { ++requests; }
+
+  Dorn::TimeStamp time = 1000 * ms;
+  int requests = 0;
+};
+
+class FnTask : public Dorn::Task {
+ public:
+  FnTask(Dorn::Scheduler* s, Priority p, std::string name, std::function<void(FnTask&)> fn = {})
+      : Task(s, p, std::move(name)), fn_(std::move(fn)) {}
+  std::function<void(FnTask&)> fn_;
+
+ private:
+  void execute() override {
+    if (fn_) fn_(*this);
+  }
+};
+
+struct Fixture {
+  FakeRoot root;
+  std::string order;
+
+  // A task that appends `letter` to `order` and reschedules itself `again` times.
+  std::unique_ptr<FnTask> logger(Priority p, char letter, int again = 0, Dorn::Scheduler* s = nullptr) {
+    auto left = std::make_shared<int>(again);
+    return std::make_unique<FnTask>(s ? s : &root, p, std::string(1, letter), [this, letter, left](FnTask& t) {
+      order += letter;
+      if ((*left)-- > 0) t.schedule();
+    });
+  }
+};
+
+TEST(Dorn, RunsByPriorityThenFifo) {
+  Fixture f;
+  auto l = f.logger(Priority::low, 'l');
+  auto n1 = f.logger(Priority::normal, 'a');
+  auto n2 = f.logger(Priority::normal, 'b');
+  auto h = f.logger(Priority::high, 'h');
+  auto s = f.logger(Priority::scavenge, 's');
+  for (auto* t : {l.get(), n1.get(), n2.get(), h.get(), s.get()}) t->schedule();
+  EXPECT_EQ(f.root.requests, 1);  // one request covers every later schedule
+  EXPECT_EQ(f.root.runnableTaskCount(Priority::normal), 2u);
+  f.root.run();
+  EXPECT_EQ(f.order, "habls");
+  EXPECT_FALSE(f.root.hasRunnableTasks());
+  EXPECT_EQ(f.root.runTaskCount(Priority::normal), 2u);
+}
+
+TEST(Dorn, LowerPrioritiesGetOneRunInNine) {
+  Fixture f;
+  auto h = f.logger(Priority::high, 'H', 1000);
+  auto n = f.logger(Priority::normal, 'N', 1000);
+  auto l = f.logger(Priority::low, 'L', 1000);
+  h->schedule();
+  n->schedule();
+  l->schedule();
+  f.root.run();  // time stands still: the run goes on until every task is done
+  // The first 81 picks: (8 H, 1 N) eight times, then 8 H and the first L.
+  std::string expect;
+  for (int i = 0; i < 8; ++i) expect += "HHHHHHHHN";
+  expect += "HHHHHHHHL";
+  EXPECT_EQ(f.order.substr(0, expect.size()), expect);
+}
+
+TEST(Dorn, AbsolutePriorityIsNeverPassedOver) {
+  Fixture f;
+  auto a = f.logger(Priority::absolute, 'A', 20);
+  auto n = f.logger(Priority::normal, 'N');
+  a->schedule();
+  n->schedule();
+  f.root.run();
+  EXPECT_EQ(f.order, std::string(21, 'A') + "N");
+}
+
+TEST(Dorn, RunStopsAfterItsDurationAndAsksAgain) {
+  Fixture f;
+  int runs = 0;
+  FnTask busy(&f.root, Priority::normal, "busy", [&](FnTask& t) {
+    ++runs;
+    f.root.time += 3 * ms;
+    t.schedule();
+  });
+  busy.schedule();
+  EXPECT_EQ(f.root.requests, 1);
+  f.root.run();
+  EXPECT_EQ(runs, 4);  // 3, 6, 9 ms are below 10 ms; the fourth run reaches 12
+  EXPECT_EQ(f.root.requests, 2);
+  EXPECT_TRUE(busy.scheduled());
+  f.root.time += 5 * ms;
+  f.root.run();
+  EXPECT_EQ(f.root.maxSchedulerSlip(), 5 * ms);
+}
+
+TEST(Dorn, ShouldYieldOnceTheQuantumIsUsed) {
+  Fixture f;
+  std::vector<bool> answers;
+  FnTask t(&f.root, Priority::normal, "t", [&](FnTask& self) {
+    answers.push_back(self.shouldYield());
+    f.root.time += 19 * ms;
+    answers.push_back(self.shouldYield());
+    f.root.time += 1 * ms;
+    answers.push_back(self.shouldYield());
+  });
+  EXPECT_EQ(t.quantum(), 20 * ms);
+  t.schedule();
+  f.root.run();
+  EXPECT_EQ(answers, (std::vector<bool>{false, false, true}));
+  EXPECT_FALSE(t.shouldYield());  // not running
+
+  answers.clear();
+  t.quantumIs(Dorn::maxDuration);
+  t.schedule();
+  f.root.run();
+  EXPECT_EQ(answers, (std::vector<bool>{false, false, false}));
+}
+
+TEST(Dorn, TestHooksForceYields) {
+  Fixture f;
+  std::vector<bool> answers;
+  FnTask t(&f.root, Priority::normal, "t", [&](FnTask& self) {
+    for (int i = 0; i < 6; ++i) answers.push_back(self.shouldYield());
+  });
+  f.root.testYieldRatioIs(3);
+  t.runAndRecordFromTest();
+  EXPECT_EQ(answers, (std::vector<bool>{false, false, true, false, false, true}));
+  answers.clear();
+  t.forceYieldInTestIs(true);
+  t.runAndRecordFromTest();
+  EXPECT_EQ(answers, std::vector<bool>(6, true));
+}
+
+TEST(Dorn, RecordsLatencyRunTimeWorkAndQuantumOverruns) {
+  Fixture f;
+  Duration runFor = 0;
+  U32 work = 0;
+  FnTask t(&f.root, Priority::high, "t", [&](FnTask& self) {
+    f.root.time += runFor;
+    self.workCountInc(work);
+  });
+  auto runAfter = [&](Duration wait, Duration run, U32 w) {
+    t.schedule();
+    f.root.time += wait;
+    runFor = run;
+    work = w;
+    f.root.run();
+  };
+  Dorn::TaskStat s = t.stat();
+  EXPECT_EQ(s.workCountHighWaterMark, Dorn::TaskStat::noHighWaterMark);
+  runAfter(2 * ms, 41 * ms, 8);   // just over twice the quantum
+  runAfter(7 * ms, 101 * ms, 0);  // over five times
+  runAfter(1 * ms, 40 * ms, 4);   // exactly twice: no overrun
+  s = t.stat();
+  EXPECT_EQ(s.runCount, 3u);
+  EXPECT_EQ(s.totalRunTime, 182 * ms);
+  EXPECT_EQ(s.runTimeHighWaterMark, 101 * ms);
+  EXPECT_EQ(s.lastSchedulingLatency, 1 * ms);
+  EXPECT_EQ(s.schedulingLatencyHighWaterMark, 7 * ms);
+  EXPECT_EQ(s.quantumViolation200, 2u);
+  EXPECT_EQ(s.quantumViolation500, 1u);
+  EXPECT_EQ(s.workCountTotal, 12u);
+  EXPECT_EQ(s.workCountHighWaterMark, 8u);
+  EXPECT_FLOAT_EQ(s.workCountDecayAvg, 1.0f * 7 / 8 * 7 / 8 + 4.0f / 8);
+  t.workPendingIs(30);
+  t.workPendingIs(5);
+  s = t.stat();
+  EXPECT_EQ(s.workPending, 5u);
+  EXPECT_EQ(s.workPendingHighWaterMark, 30u);
+  t.resetStats();
+  EXPECT_EQ(t.stat().runCount, 0u);
+  EXPECT_EQ(t.stat().workPending, 5u);
+}
+
+TEST(Dorn, ReleasedTasksAreKeptAsDeadUnlessOptedOut) {
+  Fixture f;
+  for (int i = 0; i < 3; ++i) {
+    FnTask t(&f.root, Priority::low, "short");
+    t.workCountInc(2);
+    t.runAndRecordFromTest();
+  }
+  {
+    FnTask quiet(&f.root, Priority::low, "quiet");
+    quiet.keepDeadStatsIs(false);
+    quiet.runAndRecordFromTest();
+  }
+  std::vector<Dorn::TaskStat> dead;
+  f.root.deadTaskStats(&dead, true);
+  ASSERT_EQ(dead.size(), 1u);
+  EXPECT_EQ(dead[0].name, "short");
+  EXPECT_EQ(dead[0].deadCount, 3u);
+  EXPECT_EQ(dead[0].runCount, 3u);
+  EXPECT_EQ(dead[0].workCountTotal, 6u);
+  EXPECT_EQ(f.root.deadTasksPerPriority(Priority::low), 3u);
+  EXPECT_EQ(f.root.registeredTaskCount(), 0u);
+  Dorn::QueueStats q = f.root.queueStats();
+  ASSERT_EQ(q.count(Priority::low), 1u);
+  EXPECT_EQ(q[Priority::low].deadTasks, 3u);
+  EXPECT_EQ(q[Priority::low].totalRunCount, 4u);
+  f.root.clearStats();
+  dead.clear();
+  f.root.deadTaskStats(&dead, true);
+  EXPECT_TRUE(dead.empty());
+}
+
+TEST(Dorn, TaskMayDestroyItselfWhileRunning) {
+  Fixture f;
+  auto self = std::make_unique<FnTask>(&f.root, Priority::normal, "gone");
+  auto after = f.logger(Priority::normal, 'x');
+  self->fn_ = [&](FnTask&) { self.reset(); };
+  self->schedule();
+  after->schedule();
+  f.root.run();
+  EXPECT_EQ(f.order, "x");
+  EXPECT_EQ(f.root.registeredTaskCount(), 1u);
+}
+
+TEST(Dorn, UnscheduleAndSuspendKeepTasksOffTheQueue) {
+  Fixture f;
+  auto a = f.logger(Priority::normal, 'a');
+  auto b = f.logger(Priority::normal, 'b');
+  a->schedule();
+  b->schedule();
+  a->unschedule();
+  b->suspendedIs(true);
+  EXPECT_TRUE(b->scheduled());
+  EXPECT_FALSE(b->onRunQueue());
+  f.root.run();
+  EXPECT_EQ(f.order, "");
+  b->suspendedIs(false);
+  f.root.run();
+  EXPECT_EQ(f.order, "b");
+  f.root.suspendedIs(true);
+  a->schedule();
+  f.root.run();
+  EXPECT_EQ(f.order, "b");
+  f.root.suspendedIs(false);
+  f.root.run();
+  EXPECT_EQ(f.order, "ba");
+}
+
+TEST(Dorn, HistoryKeepsTheLastRuns) {
+  Fixture f;
+  f.root.historyEntryCountIs(3);
+  auto t = f.logger(Priority::normal, 'a', 4);
+  t->schedule();
+  f.root.run();
+  auto h = f.root.history(10);
+  ASSERT_EQ(h.size(), 3u);
+  EXPECT_EQ(h[2].name, "a");
+  std::ostringstream os;
+  f.root.printHistory(os, 2);
+  EXPECT_NE(os.str().find("last 2 of 5 runs"), std::string::npos) << os.str();
+}
+
+TEST(Dorn, GroupRunsItsTasksInsideOneParentTask) {
+  Fixture f;
+  Dorn::TaskGroup g("grp", Priority::low, true, &f.root);
+  auto a = f.logger(Priority::normal, 'a', 2, &g);
+  auto b = f.logger(Priority::high, 'b', 0, &g);
+  auto top = f.logger(Priority::normal, 'n');
+  a->schedule();
+  b->schedule();
+  top->schedule();
+  EXPECT_TRUE(g.parentTaskScheduled());
+  g.tasksPermittedMultipleRunsIs(false);
+  f.root.run();
+  // The group runs at low after the normal task; one pass per group run.
+  EXPECT_EQ(f.order, "nbaaa");
+  EXPECT_EQ(g.parentTaskRunCount(), 3u);
+  EXPECT_EQ(f.root.taskGroupCount(), 1u);
+  EXPECT_EQ(f.root.totalRegisteredTaskCount(), 4u);  // two in the group, the group task, top
+}
+
+TEST(Dorn, UnenforcedGroupRunsAtItsMostUrgentTask) {
+  Fixture f;
+  Dorn::TaskGroup g("grp", Priority::low, false, &f.root);
+  auto n = f.logger(Priority::normal, 'n');
+  auto h = f.logger(Priority::high, 'h', 0, &g);
+  n->schedule();
+  h->schedule();
+  f.root.run();
+  EXPECT_EQ(f.order, "hn");
+}
+
+TEST(Dorn, PrintStatsNamesEveryTaskAndPriority) {
+  Fixture f;
+  auto t = f.logger(Priority::high, 'a');
+  t->runAndRecordFromTest();
+  std::ostringstream os;
+  f.root.printStats(os, Dorn::PrintOptions{});
+  EXPECT_NE(os.str().find("Root scheduler fake"), std::string::npos) << os.str();
+  EXPECT_NE(os.str().find("high"), std::string::npos);
+  EXPECT_NE(os.str().find(" a\n"), std::string::npos);
+}
+
+TEST(Dorn, ConversionsKeepInfinity) {
+  EXPECT_EQ(Dorn::toDuration(Zum::endOfTime), Dorn::maxDuration);
+  EXPECT_EQ(Dorn::toSeconds(Dorn::maxDuration), Zum::endOfTime);
+  EXPECT_EQ(Dorn::toDuration(0.25), 250 * ms);
+  EXPECT_STREQ(Dorn::priorityName(Priority::scavenge), "scavenge");
+  EXPECT_STREQ(Dorn::priorityOneChar(Priority::high), "H");
+}
+
+}  // namespace
