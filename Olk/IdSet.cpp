@@ -1,0 +1,295 @@
+// Design note.
+//
+// The buckets are a vector sorted by bucket number rather than a node-based
+// map: a set holds at most 256 buckets, so inserting into the vector costs at
+// most a short memmove, while lookups become a binary search over contiguous
+// memory and the algebra a straight merge walk that writes its result into a
+// fresh vector once. That keeps unions and intersections of dense 16k sets in
+// the same league as a flat bitset while sparse sets stay small.
+//
+// Checks on caller input print a "Failed(<expr>) <message>" line to standard
+// error first, so the log shows the offending value, and then abort through
+// an assertion naming the expression as a negated string literal.
+#include "Olk/IdSet.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <ostream>
+
+#include "platform/Exception.h"
+
+// Prints the failure line for `cond` with `message` and aborts.
+#define OLK_IDSET_CHECK(cond, message)                                   \
+  do {                                                                   \
+    if (!(cond)) failCheck(#cond, "!\"" #cond "\"", (message), __LINE__, __func__); \
+  } while (0)
+
+namespace Olk {
+
+namespace {
+
+constexpr U64 allBits = ~U64{0};
+
+[[noreturn]] void failCheck(const char* expr, const char* assertText, const String& message, int line,
+                            const char* function) {
+  std::fprintf(stderr, "Failed(%s) %s\n", expr, message.c_str());
+  std::fflush(stderr);
+  Zum::assertionFailed(assertText, __FILE__, line, function);
+}
+
+// Bits lo .. hi of a word, 0 <= lo <= hi <= 63.
+constexpr U64 bitsBetween(U32 lo, U32 hi) { return (allBits >> (63 - hi)) & (allBits << lo); }
+
+Id idOf(U32 bucketNumber, U64 word) {
+  return Id(static_cast<U16>(bucketNumber * 64 + static_cast<U32>(std::countr_zero(word))));
+}
+
+// Reads one decimal id or range bound of a text item.
+U32 parseNumber(const String& text) {
+  Zum::StrepIter cur = text.begin();
+  U64 v = Zum::parseUnsigned(cur, text.end(), 0xffff, "Olk::Id");
+  Zum::needEnd(cur, text.end(), "Olk::Id");
+  return static_cast<U32>(v);
+}
+
+std::vector<String> split(const String& text, char sep) {
+  std::vector<String> parts;
+  String::size_type start = 0;
+  for (;;) {
+    String::size_type pos = text.find(sep, start);
+    parts.push_back(text.substr(start, pos - start));
+    if (pos == String::npos) return parts;
+    start = pos + 1;
+  }
+}
+
+}  // namespace
+
+String valueToStrep(Id id) { return Zum::valueToStrep(id.value()); }
+
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, Id* out) {
+  U16 v;
+  Zum::sequenceToValue(cur, end, &v);
+  out->valueIs(v);
+}
+
+template <class SetT>
+Id BasicIdIterator<SetT>::key() const {
+  ZUM_ASSERT(curId_ != Id::null());
+  return curId_;
+}
+
+template <class SetT>
+void BasicIdIterator<SetT>::next() {
+  ZUM_ASSERT(curId_ != Id::null());
+  curId_ = set_->idAtOrAbove(Id(static_cast<U16>(curId_.value() + 1)));
+}
+
+template class BasicIdIterator<IdSet>;
+template class BasicIdIterator<const IdSet>;
+
+IdSet::IdSet(U16 size, Id initialId) : size_(size), initialId_(initialId) { handleInitialized(); }
+
+void IdSet::handleInitialized() {
+  if (initialId_ != Id::null()) idIs(initialId_, true);
+}
+
+void IdSet::sizeIs(U16 size) { ZUM_ASSERT_TEXT(size == size_, "size should not be changed"); }
+
+bool IdSet::id(Id bitPos) const {
+  OLK_IDSET_CHECK(bitPos.value() < size(),
+                  std::to_string(bitPos.value()) + " exceeds limit of " + std::to_string(size()));
+  return bucketValue(BucketId::of(bitPos)) & (U64{1} << (bitPos.value() & 63));
+}
+
+bool IdSet::updateId(Id bitPos, bool value) {
+  OLK_IDSET_CHECK(bitPos.value() < size(),
+                  std::to_string(bitPos.value()) + " exceeds limit of " + std::to_string(size()));
+  BucketId b = BucketId::of(bitPos);
+  U64 mask = U64{1} << (bitPos.value() & 63);
+  U64 old = bucketValue(b);
+  updateBucket(b, value ? old | mask : old & ~mask);
+  return old & mask;
+}
+
+void IdSet::idSetRange(Id begin, Id end) {
+  OLK_IDSET_CHECK(begin.value() < end.value(), "range should be of at least length 1");
+  OLK_IDSET_CHECK(end.value() <= size(), "end can't be greater than bitmap limit");
+  U32 first = begin.value(), last = end.value() - 1u;
+  for (U32 b = first >> 6; b <= last >> 6; ++b) {
+    U32 lo = b == first >> 6 ? first & 63 : 0;
+    U32 hi = b == last >> 6 ? last & 63 : 63;
+    BucketId bucket(static_cast<U8>(b));
+    updateBucket(bucket, bucketValue(bucket) | bitsBetween(lo, hi));
+  }
+}
+
+void IdSet::idSetAll() {
+  if (size_ > 0) idSetRange(0, size_);
+}
+
+U32 IdSet::ids() const {
+  U32 n = 0;
+  for (const Bucket& b : bucket_) n += static_cast<U32>(std::popcount(b.word));
+  return n;
+}
+
+Id IdSet::firstId() const {
+  return bucket_.empty() ? Id::null() : idOf(bucket_.front().id.value(), bucket_.front().word);
+}
+
+Id IdSet::nextId(Id bitPos) const {
+  OLK_IDSET_CHECK(bitPos.value() < size() || bitPos.value() == Id::null(),
+                  "current bit can't be greater than bitmap limit");
+  if (bitPos == Id::null()) return firstId();
+  return idAtOrAbove(Id(static_cast<U16>(bitPos.value() + 1)));
+}
+
+Id IdSet::idAtOrAbove(Id from) const {
+  U32 start = from.value();
+  if ((start >> 6) > 0xff) return Id::null();
+  auto it = bucketAtOrAbove(BucketId(static_cast<U8>(start >> 6)));
+  if (it == bucket_.end()) return Id::null();
+  if (it->id.value() == start >> 6) {
+    U64 rest = it->word & (allBits << (start & 63));
+    if (rest) return idOf(it->id.value(), rest);
+    if (++it == bucket_.end()) return Id::null();
+  }
+  return idOf(it->id.value(), it->word);
+}
+
+IdSet::Buckets::const_iterator IdSet::bucketAtOrAbove(BucketId b) const {
+  return std::lower_bound(bucket_.begin(), bucket_.end(), b,
+                          [](const Bucket& x, BucketId key) { return x.id < key; });
+}
+
+U64 IdSet::bucketValue(BucketId b) const {
+  auto it = bucketAtOrAbove(b);
+  return it != bucket_.end() && it->id == b ? it->word : 0;
+}
+
+void IdSet::updateBucket(BucketId b, U64 word) {
+  auto it = bucket_.begin() + (bucketAtOrAbove(b) - bucket_.cbegin());
+  bool present = it != bucket_.end() && it->id == b;
+  if (word == 0) {
+    if (present) bucket_.erase(it);
+  } else if (present) {
+    it->word = word;
+  } else {
+    bucket_.insert(it, Bucket{b, word});
+  }
+}
+
+template <class Op>
+IdSet& IdSet::combine(const IdSet& other, Op op) {
+  ZUM_ASSERT(size() == other.size());
+  Buckets out;
+  out.reserve(bucket_.size() + other.bucket_.size());
+  auto a = bucket_.cbegin(), aEnd = bucket_.cend();
+  auto b = other.bucket_.cbegin(), bEnd = other.bucket_.cend();
+  while (a != aEnd || b != bEnd) {
+    BucketId id;
+    U64 mine = 0, theirs = 0;
+    if (b == bEnd || (a != aEnd && a->id < b->id)) {
+      id = a->id;
+      mine = (a++)->word;
+    } else if (a == aEnd || b->id < a->id) {
+      id = b->id;
+      theirs = (b++)->word;
+    } else {
+      id = a->id;
+      mine = (a++)->word;
+      theirs = (b++)->word;
+    }
+    if (U64 word = op(mine, theirs)) out.push_back(Bucket{id, word});
+  }
+  bucket_.swap(out);
+  return *this;
+}
+
+IdSet& IdSet::operator|=(const IdSet& other) {
+  return combine(other, [](U64 a, U64 b) { return a | b; });
+}
+
+IdSet& IdSet::operator-=(const IdSet& other) {
+  return combine(other, [](U64 a, U64 b) { return a & ~b; });
+}
+
+IdSet& IdSet::operator&=(const IdSet& other) {
+  return combine(other, [](U64 a, U64 b) { return a & b; });
+}
+
+IdSet& IdSet::operator^=(const IdSet& other) {
+  return combine(other, [](U64 a, U64 b) { return a ^ b; });
+}
+
+IdSet IdSet::operator~() const {
+  IdSet result(*this);
+  for (U32 b = 0; b < maxBuckets(); ++b) {
+    BucketId bucket(static_cast<U8>(b));
+    result.updateBucket(bucket, ~result.bucketValue(bucket));
+  }
+  return result;
+}
+
+bool IdSet::operator==(const IdSet& other) const {
+  ZUM_ASSERT(size() == other.size());
+  return std::equal(bucket_.begin(), bucket_.end(), other.bucket_.begin(), other.bucket_.end(),
+                    [](const Bucket& x, const Bucket& y) { return x.id == y.id && x.word == y.word; });
+}
+
+bool IdSet::operator!() const { return *this == IdSet(0, Id::null()); }
+
+U64 IdSet::hash() const {
+  // FNV-1a over (bucket number, word) pairs, with the word folded in whole
+  // and then mixed, so sets differing in one bit differ in many hash bits.
+  U64 h = 0xcbf29ce484222325ull;
+  for (const Bucket& b : bucket_) {
+    h = (h ^ b.id.value()) * 0x100000001b3ull;
+    h = (h ^ b.word) * 0x100000001b3ull;
+    h ^= h >> 29;
+  }
+  return h;
+}
+
+String IdSet::stringValue() const {
+  String text = "(";
+  for (IdIteratorConst it = idIteratorConst(); it.inRange();) {
+    U32 first = it.key().value(), last = first;
+    for (it.next(); it.inRange() && it.key().value() == last + 1; it.next()) last = it.key().value();
+    if (text.size() > 1) text += ',';
+    text += std::to_string(first);
+    if (last != first) text += '-' + std::to_string(last);
+  }
+  return text + ")";
+}
+
+String valueToStrep(const IdSet& set) { return set.stringValue(); }
+
+std::ostream& operator<<(std::ostream& os, const IdSet& set) { return os << set.stringValue(); }
+
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, IdSet* out) {
+  Zum::StrepIter p = cur;
+  Zum::StrepIter strepEnd = std::find(p, end, ')');
+  ZUM_ASSERT_TEXT(p != end && *p == '(' && strepEnd != end, "*p == '(' && strepEnd != end");
+  String inner(p + 1, strepEnd);
+  IdSet result(*out);
+  if (!inner.empty()) {
+    for (const String& item : split(inner, ',')) {
+      if (item.find('-') == String::npos) {
+        result.idIs(Id(static_cast<U16>(parseNumber(item))), true);
+        continue;
+      }
+      std::vector<String> range = split(item, '-');
+      ZUM_ASSERT(range.size() == 2);
+      U32 start = parseNumber(range[0]), stop = parseNumber(range[1]);
+      OLK_IDSET_CHECK(start < stop, "Invalid range");
+      result.idSetRange(Id(static_cast<U16>(start)), Id(static_cast<U16>(stop + 1)));
+    }
+  }
+  *out = std::move(result);
+  cur = strepEnd + 1;
+}
+
+}  // namespace Olk

@@ -1,0 +1,214 @@
+// IdSet: a value set of small 16-bit identifiers (ports, table slots,
+// instances) below a fixed limit, with set algebra, ordered iteration and a
+// compact text form of runs such as (1-3,5,9-10).
+//
+// Storage is sparse: id n lives in 64-bit bucket n >> 6 at bit n & 63, and
+// only non-zero buckets are kept, in bucket order. An empty set holds no
+// bucket at all. The bucket number is 8 bits wide, so ids of 16384 and above
+// alias lower ids; sets are meant for sizes up to 16384 and the aliasing is
+// kept as it is.
+//
+// Cost: membership and single-id updates are O(log b) for b stored buckets;
+// algebra is one merge walk, O(b1 + b2); `nextId` is O(log b).
+// The complement is deliberately not masked to `size`: bits above the limit
+// in the last bucket come out set. `operator!` aborts for any set whose size
+// is not 0. Combining sets of different sizes is a broken invariant.
+//
+// A plain value: copy it freely; not shared between threads.
+#pragma once
+
+#include <iosfwd>
+#include <iterator>
+#include <vector>
+
+#include "platform/Strep.h"
+#include "platform/Types.h"
+
+namespace Olk {
+
+// A 16-bit identifier; 65535 (`Id::null()`) means "no id".
+class Id {
+ public:
+  constexpr Id() = default;  // the null id
+  constexpr Id(U16 value) : value_(value) {}
+
+  static constexpr Id null() { return Id(0xffff); }
+  constexpr U16 value() const { return value_; }
+  void valueIs(U16 value) { value_ = value; }
+
+  friend constexpr bool operator==(Id a, Id b) { return a.value_ == b.value_; }
+  friend constexpr auto operator<=>(Id a, Id b) { return a.value_ <=> b.value_; }
+
+ private:
+  U16 value_ = 0xffff;
+};
+
+String valueToStrep(Id id);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, Id* out);
+
+// The number of the 64-bit bucket that holds an id, kept modulo 256.
+class BucketId {
+ public:
+  constexpr BucketId() = default;
+  constexpr explicit BucketId(U8 value) : value_(value) {}
+
+  // The bucket of `id`: id >> 6, cut to 8 bits.
+  static constexpr BucketId of(Id id) { return BucketId(static_cast<U8>(id.value() >> 6)); }
+  constexpr U8 value() const { return value_; }
+
+  friend constexpr bool operator==(BucketId a, BucketId b) { return a.value_ == b.value_; }
+  friend constexpr auto operator<=>(BucketId a, BucketId b) { return a.value_ <=> b.value_; }
+
+ private:
+  U8 value_ = 0;
+};
+
+class IdSet;
+
+// Walks the ids of a set in ascending order. Each step asks the set afresh
+// for the next id above the current one, so ids may be added or removed
+// through a non-const iterator's set while walking. The set must outlive the
+// iterator. `key()` and `next()` abort when the walk is over.
+template <class SetT>
+class BasicIdIterator {
+ public:
+  BasicIdIterator(SetT* set, Id curId) : set_(set), curId_(curId) {}
+
+  Id key() const;
+  void next();
+  bool inRange() const { return curId_ != Id::null(); }
+  explicit operator bool() const { return inRange(); }
+
+  // Range-for support.
+  Id operator*() const { return key(); }
+  BasicIdIterator& operator++() {
+    next();
+    return *this;
+  }
+  bool operator==(std::default_sentinel_t) const { return !inRange(); }
+
+ private:
+  SetT* set_;
+  Id curId_;  // Id::null() once the walk is over
+};
+
+extern template class BasicIdIterator<IdSet>;
+extern template class BasicIdIterator<const IdSet>;
+using IdIterator = BasicIdIterator<IdSet>;
+using IdIteratorConst = BasicIdIterator<const IdSet>;
+
+class IdSet {
+ public:
+  // An empty set of size 0, the target for parsing a set of unknown size.
+  IdSet() : IdSet(0, Id::null()) {}
+  // Ids 0 .. size - 1 are valid; `initialId`, unless null, starts in the set
+  // (it must be below `size`).
+  IdSet(U16 size, Id initialId);
+
+  U16 size() const { return size_; }
+  // The size is fixed: only the present value is accepted.
+  void sizeIs(U16 size);
+  Id initialId() const { return initialId_; }
+  // (size + 63) / 64: the buckets needed to cover ids 0 .. size - 1.
+  U32 maxBuckets() const { return (U32{size_} + 63) / 64; }
+
+  // Membership; `bitPos` must be below `size`.
+  bool id(Id bitPos) const;
+  void idIs(Id bitPos, bool value) { updateId(bitPos, value); }
+  void idDel(Id bitPos) { updateId(bitPos, false); }
+  // Sets or clears one id (below `size`); answers whether it was a member before.
+  bool updateId(Id bitPos, bool value);
+  // Adds begin .. end - 1; needs begin < end <= size.
+  void idSetRange(Id begin, Id end);
+  // Adds 0 .. size - 1; nothing for a set of size 0.
+  void idSetAll();
+  // The number of ids (every bit of every bucket, including any bits a
+  // complement left above `size`).
+  U32 ids() const;
+  bool empty() const { return bucket_.empty(); }
+
+  // The lowest id, or Id::null() when empty.
+  Id firstId() const;
+  // The lowest id above `bitPos` (which must be below `size` or null), or
+  // Id::null() when there is none; nextId(Id::null()) is firstId().
+  Id nextId(Id bitPos) const;
+
+  // Iteration from the lowest id, or from `from` (inclusive) on.
+  IdIterator idIterator() { return IdIterator(this, firstId()); }
+  IdIterator idIterator(Id from) { return IdIterator(this, idAtOrAbove(from)); }
+  IdIteratorConst idIteratorConst() const { return IdIteratorConst(this, firstId()); }
+  IdIteratorConst idIteratorConst(Id from) const { return IdIteratorConst(this, idAtOrAbove(from)); }
+  IdIteratorConst begin() const { return idIteratorConst(); }
+  std::default_sentinel_t end() const { return {}; }
+
+  // The word of bucket `b`, 0 when the bucket is not stored.
+  U64 bucketValue(BucketId b) const;
+  // The number of stored (non-zero) buckets.
+  U32 buckets() const { return static_cast<U32>(bucket_.size()); }
+
+  // Set algebra; both operands must have the same size. The new-value forms
+  // keep the left operand's size and initial id.
+  IdSet& operator|=(const IdSet& other);
+  IdSet& operator-=(const IdSet& other);
+  IdSet& operator&=(const IdSet& other);
+  IdSet& operator^=(const IdSet& other);
+  IdSet operator|(const IdSet& other) const { return IdSet(*this) |= other; }
+  IdSet operator-(const IdSet& other) const { return IdSet(*this) -= other; }
+  IdSet operator&(const IdSet& other) const { return IdSet(*this) &= other; }
+  IdSet operator^(const IdSet& other) const { return IdSet(*this) ^= other; }
+  IdSet union_py(const IdSet& other) const { return *this | other; }
+  IdSet difference_py(const IdSet& other) const { return *this - other; }
+  IdSet intersection_py(const IdSet& other) const { return *this & other; }
+  IdSet symDifference_py(const IdSet& other) const { return *this ^ other; }
+  // Inverts every bucket 0 .. maxBuckets() - 1 (bucket numbers modulo 256).
+  // Bits at and above `size` in the last bucket are left set.
+  IdSet operator~() const;
+
+  // Same ids; both sets must have the same size.
+  bool operator==(const IdSet& other) const;
+  bool equal_py(const IdSet& other) const { return *this == other; }
+  // Compares with an empty set of size 0: true for that set, and an abort
+  // for a set of any other size.
+  bool operator!() const;
+
+  // Equal for equal sets.
+  U64 hash() const;
+  // The text form, e.g. (1-3,5,9-10); carries neither size nor initial id.
+  String stringValue() const;
+
+ private:
+  struct Bucket {
+    BucketId id;
+    U64 word;  // never 0: a bucket whose word becomes 0 is removed
+  };
+  using Buckets = std::vector<Bucket>;
+
+  void handleInitialized();
+  // Stores a non-zero word, removes the bucket for a zero word.
+  void updateBucket(BucketId b, U64 word);
+  Buckets::const_iterator bucketAtOrAbove(BucketId b) const;
+  // The lowest id at or above `from`, with no limit check; null when none.
+  Id idAtOrAbove(Id from) const;
+  // Replaces the buckets by op(mine, theirs) over the union of bucket numbers.
+  template <class Op>
+  IdSet& combine(const IdSet& other, Op op);
+
+  U16 size_;
+  Id initialId_;
+  Buckets bucket_;  // ordered by bucket number, no two with the same number
+
+  template <class SetT>
+  friend class BasicIdIterator;
+};
+
+String valueToStrep(const IdSet& set);
+// Adds the ids written in `(...)` at `cur` to *out, whose size limits them.
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, IdSet* out);
+std::ostream& operator<<(std::ostream& os, const IdSet& set);
+
+}  // namespace Olk
+
+template <>
+struct std::hash<Olk::IdSet> {
+  size_t operator()(const Olk::IdSet& set) const noexcept { return static_cast<size_t>(set.hash()); }
+};

@@ -1,0 +1,324 @@
+#include "Olk/IdSet.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <set>
+#include <sstream>
+#include <unordered_set>
+
+using namespace Olk;
+
+namespace {
+
+using Ref = std::set<U16>;
+
+// `text` as a regular expression that matches it literally.
+std::string lit(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+Ref members(const IdSet& s) {
+  Ref out;
+  for (Id id : s) out.insert(id.value());
+  return out;
+}
+
+IdSet fromRef(U16 size, const Ref& ref) {
+  IdSet s(size, Id::null());
+  for (U16 v : ref) s.idIs(v, true);
+  return s;
+}
+
+Ref randomRef(std::mt19937& rng, U16 size, double density) {
+  Ref out;
+  std::bernoulli_distribution pick(density);
+  for (U32 v = 0; v < size; ++v) {
+    if (pick(rng)) out.insert(static_cast<U16>(v));
+  }
+  return out;
+}
+
+// The bucket words and counts must agree with the reference; every stored
+// bucket is non-zero and an absent one reads 0.
+void checkInvariants(const IdSet& s, const Ref& ref) {
+  std::set<U32> usedBuckets;
+  for (U16 v : ref) usedBuckets.insert(v >> 6);
+  EXPECT_EQ(s.buckets(), usedBuckets.size());
+  for (U32 b = 0; b < s.maxBuckets(); ++b) {
+    U64 word = 0;
+    for (U16 v : ref) {
+      if (v >> 6 == b) word |= U64{1} << (v & 63);
+    }
+    ASSERT_EQ(s.bucketValue(BucketId(static_cast<U8>(b))), word) << "bucket " << b;
+  }
+  EXPECT_EQ(s.ids(), ref.size());
+  EXPECT_EQ(members(s), ref);
+}
+
+Ref setOp(const Ref& a, const Ref& b, char op) {
+  Ref out;
+  for (U32 v = 0; v <= 0xffff; ++v) {
+    bool x = a.count(static_cast<U16>(v)), y = b.count(static_cast<U16>(v));
+    bool in = op == '|' ? x || y : op == '-' ? x && !y : op == '&' ? x && y : x != y;
+    if (in) out.insert(static_cast<U16>(v));
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(IdSet, InitialIdIsTheOnlyMember) {
+  IdSet s(64, 3);
+  EXPECT_TRUE(s.id(3));
+  EXPECT_EQ(s.ids(), 1u);
+  EXPECT_EQ(s.stringValue(), "(3)");
+  EXPECT_EQ(s.initialId(), Id(3));
+  EXPECT_EQ(s.firstId(), Id(3));
+  EXPECT_EQ(s.nextId(3), Id::null());
+  EXPECT_TRUE(IdSet(64, Id::null()).empty());
+}
+
+TEST(IdSet, BucketsAppearAndVanishAtWordBoundary) {
+  IdSet s(128, Id::null());
+  EXPECT_FALSE(s.updateId(63, true));
+  EXPECT_FALSE(s.updateId(64, true));
+  EXPECT_TRUE(s.updateId(64, true));
+  EXPECT_EQ(s.buckets(), 2u);
+  EXPECT_EQ(s.bucketValue(BucketId(0)), U64{1} << 63);
+  EXPECT_EQ(s.bucketValue(BucketId(1)), 1u);
+  EXPECT_TRUE(s.updateId(63, false));
+  s.idDel(64);
+  EXPECT_EQ(s.buckets(), 0u);
+  EXPECT_TRUE(s.empty());
+  EXPECT_EQ(s.firstId(), Id::null());
+}
+
+TEST(IdSet, RangesSetExactlyTheirIds) {
+  IdSet all(200, Id::null()), range(200, Id::null());
+  all.idSetAll();
+  range.idSetRange(0, 200);
+  EXPECT_EQ(all, range);
+  EXPECT_EQ(all.ids(), 200u);
+  EXPECT_EQ(all.stringValue(), "(0-199)");
+
+  IdSet inOneBucket(200, Id::null());
+  inOneBucket.idSetRange(66, 70);
+  EXPECT_EQ(inOneBucket.stringValue(), "(66-69)");
+  IdSet acrossThree(200, 10);
+  acrossThree.idSetRange(63, 129);
+  EXPECT_EQ(acrossThree.stringValue(), "(10,63-128)");
+  EXPECT_EQ(acrossThree.buckets(), 3u);
+
+  IdSet empty(0, Id::null());
+  empty.idSetAll();
+  EXPECT_TRUE(empty.empty());
+}
+
+TEST(IdSet, BadInputFailsWithItsCheck) {
+  IdSet s(64, Id::null());
+  EXPECT_DEATH(s.idSetRange(5, 5), lit("Failed(begin.value() < end.value()) range should be of at least length 1"));
+  EXPECT_DEATH(s.idSetRange(5, 5), lit("Assertion failed: !\"begin.value() < end.value()\""));
+  EXPECT_DEATH(s.idSetRange(5, 65), lit("Failed(end.value() <= size()) end can't be greater than bitmap limit"));
+  EXPECT_DEATH(s.idIs(70, true), lit("Failed(bitPos.value() < size()) 70 exceeds limit of 64"));
+  EXPECT_DEATH(s.id(64), lit("Failed(bitPos.value() < size()) 64 exceeds limit of 64"));
+  EXPECT_DEATH(s.nextId(64), lit("Failed(bitPos.value() < size() || bitPos.value() == Id::null()) "
+                                 "current bit can't be greater than bitmap limit"));
+  EXPECT_DEATH(s.sizeIs(65), "size should not be changed");
+  s.sizeIs(64);
+}
+
+TEST(IdSet, NextIdWalksUpAndStopsAtTheTop) {
+  IdSet s(300, Id::null());
+  for (U16 v : {0, 63, 64, 200, 299}) s.idIs(v, true);
+  EXPECT_EQ(s.nextId(Id::null()), Id(0));
+  EXPECT_EQ(s.nextId(0), Id(63));
+  EXPECT_EQ(s.nextId(63), Id(64));
+  EXPECT_EQ(s.nextId(64), Id(200));
+  EXPECT_EQ(s.nextId(100), Id(200));
+  EXPECT_EQ(s.nextId(200), Id(299));
+  EXPECT_EQ(s.nextId(299), Id::null());
+}
+
+TEST(IdSet, IteratorsStartWhereAskedAndAbortPastTheEnd) {
+  IdSet s(100, Id::null());
+  for (U16 v : {2, 3, 50, 99}) s.idIs(v, true);
+  IdIteratorConst it = s.idIteratorConst(3);
+  EXPECT_EQ(it.key(), Id(3));
+  it.next();
+  EXPECT_EQ(it.key(), Id(50));
+  EXPECT_EQ(s.idIteratorConst(51).key(), Id(99));
+  it = s.idIteratorConst(99);
+  it.next();
+  EXPECT_FALSE(it.inRange());
+  EXPECT_DEATH(it.key(), lit("curId_ != Id::null()"));
+  EXPECT_DEATH(it.next(), lit("curId_ != Id::null()"));
+
+  // Deleting the current id while walking does not lose the rest.
+  std::vector<U16> seen;
+  for (IdIterator w = s.idIterator(); w; w.next()) {
+    seen.push_back(w.key().value());
+    s.idDel(w.key());
+  }
+  EXPECT_EQ(seen, (std::vector<U16>{2, 3, 50, 99}));
+  EXPECT_TRUE(s.empty());
+}
+
+TEST(IdSet, ComplementIsNotMaskedToSize) {
+  IdSet empty70(70, Id::null());
+  IdSet c = ~empty70;
+  EXPECT_EQ(c.ids(), 128u);
+  EXPECT_EQ(c.stringValue(), "(0-127)");
+
+  IdSet s(128, Id::null());
+  s.idSetRange(10, 100);
+  EXPECT_EQ((~s).stringValue(), "(0-9,100-127)");
+  EXPECT_EQ(~~s, s);
+}
+
+TEST(IdSet, BucketNumbersWrapAt256) {
+  IdSet s(20000, Id::null());
+  s.idIs(16384 + 5, true);
+  EXPECT_TRUE(s.id(5));
+  EXPECT_EQ(s.firstId(), Id(5));
+  // 257 buckets: bucket 0 is inverted twice and ends up as it was.
+  IdSet wide(16448, Id::null());
+  IdSet c = ~wide;
+  EXPECT_EQ(c.firstId(), Id(64));
+  EXPECT_EQ(c.ids(), 16384u - 64u);
+}
+
+TEST(IdSet, AlgebraNeedsEqualSizes) {
+  IdSet a(64, 1), b(65, 1);
+  EXPECT_DEATH(a |= b, lit("size() == other.size()"));
+  EXPECT_DEATH(a -= b, lit("size() == other.size()"));
+  EXPECT_DEATH(a &= b, lit("size() == other.size()"));
+  EXPECT_DEATH(a ^= b, lit("size() == other.size()"));
+  EXPECT_DEATH((void)(a == b), lit("size() == other.size()"));
+}
+
+TEST(IdSet, NotOperatorOnlyAnswersForSizeZero) {
+  EXPECT_TRUE(!IdSet(0, Id::null()));
+  EXPECT_TRUE(!IdSet());
+  EXPECT_DEATH((void)!IdSet(10, Id::null()), lit("size() == other.size()"));
+}
+
+TEST(IdSet, NewValueFormsKeepTheLeftOperand) {
+  IdSet a(100, 7), b(100, 8);
+  a.idSetRange(10, 20);
+  b.idSetRange(15, 25);
+  IdSet u = a.union_py(b);
+  EXPECT_EQ(u.initialId(), Id(7));
+  EXPECT_EQ(u.stringValue(), "(7-8,10-24)");
+  EXPECT_EQ(a.difference_py(b).stringValue(), "(7,10-14)");
+  EXPECT_EQ(a.intersection_py(b).stringValue(), "(15-19)");
+  EXPECT_EQ(a.symDifference_py(b).stringValue(), "(7-8,10-14,20-24)");
+  EXPECT_EQ(a.stringValue(), "(7,10-19)");
+  EXPECT_TRUE((a & b).equal_py(b & a));
+  EXPECT_EQ((a - a).buckets(), 0u);
+}
+
+TEST(IdSet, EqualSetsHashAlike) {
+  IdSet a(1000, Id::null()), b(1000, Id::null());
+  a.idSetRange(100, 400);
+  for (U16 v = 399; v >= 100; --v) b.idIs(v, true);
+  EXPECT_EQ(a.hash(), b.hash());
+  b.idDel(250);
+  EXPECT_NE(a.hash(), b.hash());
+  std::unordered_set<IdSet> sets{a, b};
+  EXPECT_EQ(sets.size(), 2u);
+}
+
+TEST(IdSet, TextPrintsRunsAndParsesBack) {
+  IdSet s(20, Id::null());
+  for (U16 v : {1, 2, 3, 5, 9, 10}) s.idIs(v, true);
+  EXPECT_EQ(valueToStrep(s), "(1-3,5,9-10)");
+  std::ostringstream os;
+  os << IdSet(20, Id::null());
+  EXPECT_EQ(os.str(), "()");
+
+  IdSet parsed(10, Id::null());
+  String text = "(1-3,5)";
+  Zum::StrepIter cur = text.begin();
+  sequenceToValue(cur, text.end(), &parsed);
+  EXPECT_EQ(cur, text.end());
+  EXPECT_EQ(parsed.stringValue(), "(1-3,5)");
+
+  // Parsing adds to the target and keeps its size and initial id.
+  IdSet target(50, 40);
+  String more = "(0,44-45)tail";
+  cur = more.begin();
+  sequenceToValue(cur, more.end(), &target);
+  EXPECT_EQ(String(cur, more.cend()), "tail");
+  EXPECT_EQ(target.stringValue(), "(0,40,44-45)");
+  EXPECT_EQ(target.size(), 50);
+  EXPECT_EQ(target.initialId(), Id(40));
+
+  EXPECT_TRUE(strepToValue<IdSet>("()").empty());
+  EXPECT_THROW(strepToValue<IdSet>("() "), Zum::RangeException);
+  EXPECT_THROW(strepToValue<IdSet>("(x)"), Zum::RangeException);
+}
+
+TEST(IdSet, MalformedTextFailsWithItsCheck) {
+  auto parse = [](const String& text) {
+    IdSet s(10, Id::null());
+    Zum::StrepIter cur = text.begin();
+    sequenceToValue(cur, text.end(), &s);
+  };
+  EXPECT_DEATH(parse("(4-2)"), lit("Failed(start < stop) Invalid range"));
+  EXPECT_DEATH(parse("(4-2)"), lit("Assertion failed: !\"start < stop\""));
+  EXPECT_DEATH(parse("(5-5)"), lit("Failed(start < stop) Invalid range"));
+  EXPECT_DEATH(parse("(1-2-3)"), lit("range.size() == 2"));
+  EXPECT_DEATH(parse("1-2)"), lit("*p == '(' && strepEnd != end"));
+  EXPECT_DEATH(parse("(1-2"), lit("*p == '(' && strepEnd != end"));
+  EXPECT_DEATH(parse(""), lit("*p == '(' && strepEnd != end"));
+  EXPECT_DEATH(parse("(12)"), lit("12 exceeds limit of 10"));
+}
+
+TEST(IdSet, RandomAlgebraMatchesReferenceSets) {
+  std::mt19937 rng(20240611);
+  for (U16 size : {1, 63, 64, 65, 1000, 16384}) {
+    for (double density : {0.01, 0.5, 0.97}) {
+      SCOPED_TRACE(testing::Message() << "size " << size << " density " << density);
+      Ref ra = randomRef(rng, size, density), rb = randomRef(rng, size, density / 2);
+      IdSet a = fromRef(size, ra), b = fromRef(size, rb);
+      checkInvariants(a, ra);
+      checkInvariants(a | b, setOp(ra, rb, '|'));
+      checkInvariants(a - b, setOp(ra, rb, '-'));
+      checkInvariants(a & b, setOp(ra, rb, '&'));
+      checkInvariants(a ^ b, setOp(ra, rb, '^'));
+      IdSet inPlace = a;
+      inPlace ^= b;
+      inPlace ^= b;
+      EXPECT_EQ(inPlace, a);
+
+      // Complement within the size, and the unmasked tail above it.
+      IdSet c = ~a;
+      for (U32 v = 0; v < size; ++v) ASSERT_NE(c.id(static_cast<U16>(v)), ra.count(static_cast<U16>(v)) != 0);
+      EXPECT_EQ(c.ids(), size - ra.size() + (c.maxBuckets() * 64 - size));
+
+      // firstId/nextId agree with the reference from every position.
+      EXPECT_EQ(a.firstId(), ra.empty() ? Id::null() : Id(*ra.begin()));
+      for (U32 v = 0; v < size; v += 1 + v / 50) {
+        auto above = ra.upper_bound(static_cast<U16>(v));
+        ASSERT_EQ(a.nextId(static_cast<U16>(v)), above == ra.end() ? Id::null() : Id(*above));
+      }
+
+      // Text round trip.
+      IdSet back(size, Id::null());
+      String text = a.stringValue();
+      Zum::StrepIter cur = text.begin();
+      sequenceToValue(cur, text.end(), &back);
+      EXPECT_EQ(back, a);
+
+      // Removing every member one by one empties every bucket.
+      for (U16 v : ra) ASSERT_TRUE(a.updateId(v, false));
+      checkInvariants(a, Ref{});
+    }
+  }
+}

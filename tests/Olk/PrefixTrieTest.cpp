@@ -1,0 +1,263 @@
+#include "Olk/PrefixTrie.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "platform/Trace.h"
+
+using namespace Olk;
+
+namespace {
+
+using Components = std::vector<String>;
+
+String join(const Components& c) {
+  String s;
+  for (const String& part : c) s += part;
+  return s;
+}
+
+// Every leaf below `t` is present and `empty()` agrees with the node.
+void checkPruned(const PrefixTrie& t) {
+  EXPECT_EQ(t.empty(), !t.present() && t.children() == 0) << t.name();
+  for (const String& name : t.childNames()) {
+    Ptr<PrefixTrie> c = t.child(name);
+    EXPECT_EQ(c->name(), name);
+    if (c->children() == 0) {
+      EXPECT_TRUE(c->present()) << name;
+    }
+    checkPruned(*c);
+  }
+}
+
+class RecordingState : public PrefixTrieState {
+ public:
+  explicit RecordingState(String label) : label_(std::move(label)) {}
+  void upgradeState(const Ptr<PrefixTrieState>& newState, bool flag) override {
+    merged.push_back(newState->outputForm() + (flag ? "!" : "?"));
+  }
+  String outputForm() const override { return label_; }
+  std::vector<String> merged;
+
+ private:
+  String label_;
+};
+
+Ptr<RecordingState> recordingState(const String& label) { return Zum::create<RecordingState>(label); }
+
+class LabelledTrie : public PrefixTrie {
+ public:
+  explicit LabelledTrie(const String& name) : PrefixTrie(name) {}
+
+ protected:
+  Ptr<PrefixTrieState> newStateIs() override { return recordingState("fresh"); }
+  Ptr<PrefixTrie> newPrefixTrie(const String& name) override { return Zum::create<LabelledTrie>(name); }
+};
+
+}  // namespace
+
+TEST(PrefixTrie, SeparatorSearchSkipsTheFirstCharacter) {
+  EXPECT_EQ(PrefixTrie::getSeparatorPos("a/b.c"), 1u);
+  EXPECT_EQ(PrefixTrie::getSeparatorPos("ab.c/d"), 2u);
+  EXPECT_EQ(PrefixTrie::getSeparatorPos("/b.c"), 2u);
+  EXPECT_EQ(PrefixTrie::getSeparatorPos("/b"), String::npos);
+  EXPECT_EQ(PrefixTrie::getSeparatorPos(""), String::npos);
+
+  Ptr<PrefixTrie> t = prefixTrieFactory("root");
+  t->prefixIs("a/b.c");
+  EXPECT_TRUE(t->child("a")->child("/b")->child(".c")->present());
+  EXPECT_FALSE(t->child("a")->present());
+}
+
+TEST(PrefixTrie, SlashAndDotGiveDifferentPrefixes) {
+  Ptr<PrefixTrie> t = prefixTrieFactory("root");
+  t->prefixIs("a/b");
+  EXPECT_TRUE(t->hasPrefix("a/b"));
+  EXPECT_FALSE(t->hasPrefix("a.b"));
+  t->prefixIs("a.b");
+  EXPECT_EQ(t->child("a")->children(), 2u);
+  EXPECT_TRUE(t->hasPrefix("a.b/x"));
+  EXPECT_FALSE(t->hasPrefix("ab"));
+}
+
+TEST(PrefixTrie, DeletingAnInnerPrefixKeepsItsNode) {
+  Ptr<PrefixTrie> t = prefixTrieFactory("root");
+  t->prefixIs("a/b");
+  t->prefixIs("a");
+  EXPECT_TRUE(t->hasPrefix("a/c"));
+  t->prefixDel("a");
+  Ptr<PrefixTrie> a = t->child("a");
+  ASSERT_TRUE(a);
+  EXPECT_FALSE(a->present());
+  EXPECT_FALSE(a->state());
+  EXPECT_FALSE(t->hasPrefix("a/c"));
+  EXPECT_TRUE(t->hasPrefix("a/b/c"));
+  checkPruned(*t);
+}
+
+TEST(PrefixTrie, DeletingTheOnlyPrefixPrunesToTheRoot) {
+  Ptr<PrefixTrie> t = prefixTrieFactory("root");
+  t->prefixIs("a/b");
+  EXPECT_FALSE(t->empty());
+  Zum::TraceCapture capture;
+  t->prefixDel("a/b");
+  EXPECT_EQ(t->children(), 0u);
+  EXPECT_TRUE(t->empty());
+  EXPECT_FALSE(capture.contains("already deleted"));
+  t->prefixDel("a/b");
+  EXPECT_EQ(capture.texts().back(), "a/b already deleted from root");
+  EXPECT_TRUE(capture.contains(" deleting a/b from root"));
+}
+
+TEST(PrefixTrie, TracesAdditionsAndQueries) {
+  Ptr<PrefixTrie> t = prefixTrieFactory("root");
+  Zum::TraceCapture capture;
+  t->prefixIs("a/b", recordingState("S"));
+  EXPECT_EQ(capture.texts(), (std::vector<std::string>{
+                                 "adding a/b to root, state: S",
+                                 " Uninitialized state. New: S",
+                                 "adding /b to a, state: S",
+                                 " Uninitialized state. New: S",
+                             }));
+  EXPECT_EQ(capture.records().front().handle->name(), "PrefixTrie");
+  t->hasProperPrefix("a/b");
+  EXPECT_EQ(capture.texts()[4], "a/b in root (proper)");
+  EXPECT_EQ(capture.texts()[5], "/b in a (proper)");
+  t->enclosingPrefix("x");
+  EXPECT_EQ(capture.texts().back(), "x in root");
+}
+
+TEST(PrefixTrie, MountPointsDropTheirStar) {
+  Ptr<PrefixTrie> t = prefixTrieFactory("root");
+  t->prefixIs("a*/b");
+  Ptr<PrefixTrie> a = t->child("a");
+  ASSERT_TRUE(a);
+  EXPECT_TRUE(a->mountPoint());
+  EXPECT_FALSE(a->child("/b")->mountPoint());
+  t->prefixIs("a/c");
+  EXPECT_TRUE(a->mountPoint());
+  EXPECT_TRUE(t->hasPrefix("a*/b/x"));
+  EXPECT_TRUE(t->hasPrefix("a/b/x"));
+  EXPECT_EQ(t->enclosingPrefix("a/b/x"), "a/b");
+  EXPECT_DEATH(t->prefixIs("a*"), "starPos == Zum::String::npos");
+  EXPECT_DEATH(t->prefixIs("x/y*"), "starPos == Zum::String::npos");
+}
+
+TEST(PrefixTrie, AProperPrefixExcludesTheNameItself) {
+  Ptr<PrefixTrie> t = prefixTrieFactory("root");
+  t->prefixIs("a");
+  EXPECT_TRUE(t->hasPrefix("a"));
+  EXPECT_FALSE(t->hasProperPrefix("a"));
+  EXPECT_TRUE(t->hasProperPrefix("a/b"));
+  EXPECT_FALSE(t->hasPrefix("b"));
+}
+
+TEST(PrefixTrie, EnclosingPrefixIsTheLongestStoredOne) {
+  Ptr<PrefixTrie> t = prefixTrieFactory("root");
+  t->prefixIs("a");
+  t->prefixIs("a/b/c");
+  EXPECT_EQ(t->enclosingPrefix("a/b/c/d"), "a/b/c");
+  EXPECT_EQ(t->enclosingPrefix("a/b/c"), "a/b/c");
+  EXPECT_EQ(t->properEnclosingPrefix("a/b/c"), "a");
+  EXPECT_EQ(t->enclosingPrefix("a/b"), "a");
+  EXPECT_EQ(t->properEnclosingPrefix("a"), "");
+  EXPECT_EQ(t->enclosingPrefix("z/a"), "");
+}
+
+TEST(PrefixTrie, NodeQueriesForNamesOnAndOffThePaths) {
+  Ptr<PrefixTrie> t = prefixTrieFactory("root");
+  Ptr<PrefixTrieState> s = prefixTrieStateFactory();
+  t->prefixIs("a/b/c", s);
+  EXPECT_TRUE(t->isPrefix("a/b"));
+  EXPECT_TRUE(t->isPrefix("a/b/c"));
+  EXPECT_FALSE(t->isPrefix("a/b/c/d"));
+  EXPECT_FALSE(t->isPrefix("q"));
+  EXPECT_TRUE(t->isLeaf("a/b/c"));
+  EXPECT_FALSE(t->isLeaf("a"));
+  EXPECT_FALSE(t->isLeaf("q"));
+  EXPECT_EQ(t->prefixState("a/b/c"), s);
+  EXPECT_EQ(t->prefixState("a"), s);  // path nodes share the prefix's state
+  EXPECT_FALSE(t->prefixState("a/x"));
+}
+
+TEST(PrefixTrie, StatesFillOnlyNodesWithout) {
+  Ptr<PrefixTrie> t = Zum::create<LabelledTrie>("root");
+  t->prefixIs("a/b");
+  Ptr<PrefixTrieState> fresh = t->prefixState("a/b");
+  EXPECT_EQ(fresh->outputForm(), "fresh");
+  EXPECT_TRUE(Zum::ptr_dynamic_cast<LabelledTrie>(t->child("a")));
+  Ptr<PrefixTrieState> other = recordingState("other");
+  t->prefixIs("a/c", other);
+  EXPECT_EQ(t->prefixState("a"), fresh);
+  EXPECT_EQ(t->prefixState("a/c"), other);
+  EXPECT_THROW(t->childIs(nullptr), Zum::RangeException);
+}
+
+TEST(PrefixTrie, AppendMergesPrefixesMountsAndStates) {
+  Ptr<PrefixTrie> mine = prefixTrieFactory("mine");
+  Ptr<RecordingState> kept = recordingState("kept");
+  mine->prefixIs("a/b", kept);
+  Ptr<PrefixTrie> theirs = prefixTrieFactory("theirs");
+  theirs->prefixIs("a/c", recordingState("c"));
+  theirs->prefixIs("a/b", recordingState("b"));
+  theirs->prefixIs("x*/y");
+
+  mine->append(theirs);
+  for (const char* p : {"a/b", "a/c", "x/y"}) EXPECT_TRUE(mine->hasPrefix(p)) << p;
+  EXPECT_FALSE(mine->hasPrefix("a"));
+  EXPECT_TRUE(mine->child("x")->mountPoint());
+  EXPECT_EQ(mine->prefixState("a/c")->outputForm(), "c");
+  // Node a is only on the path in the other trie, a/b is stored there.
+  EXPECT_EQ(kept->merged, (std::vector<String>{"c?", "b!"}));
+  EXPECT_EQ(theirs->child("a")->children(), 2u);
+  checkPruned(*mine);
+}
+
+TEST(PrefixTrie, RandomAddsAndDeletesPruneBackToAnEmptyRoot) {
+  std::mt19937 rng(99);
+  const std::vector<String> heads = {"a", "b", "c"};
+  const std::vector<String> tails = {"/a", "/b", ".a", ".c"};
+  auto randomName = [&](int maxDepth) {
+    Components c{heads[rng() % heads.size()]};
+    int depth = static_cast<int>(rng() % maxDepth);
+    for (int i = 0; i < depth; ++i) c.push_back(tails[rng() % tails.size()]);
+    return c;
+  };
+  auto refHasPrefix = [](const std::set<Components>& stored, const Components& name) {
+    for (const Components& p : stored) {
+      if (p.size() <= name.size() && std::equal(p.begin(), p.end(), name.begin())) return true;
+    }
+    return false;
+  };
+
+  for (int trial = 0; trial < 20; ++trial) {
+    Ptr<PrefixTrie> t = prefixTrieFactory("root");
+    std::set<Components> stored;
+    for (int op = 0; op < 60; ++op) {
+      Components p = randomName(4);
+      if (rng() % 3 != 0) {
+        t->prefixIs(join(p));
+        stored.insert(p);
+      } else {
+        t->prefixDel(join(p));
+        stored.erase(p);
+      }
+      Components probe = randomName(5);
+      ASSERT_EQ(t->hasPrefix(join(probe)), refHasPrefix(stored, probe)) << join(probe);
+    }
+    checkPruned(*t);
+    std::vector<Components> order(stored.begin(), stored.end());
+    std::shuffle(order.begin(), order.end(), rng);
+    for (const Components& p : order) {
+      EXPECT_TRUE(t->hasPrefix(join(p)));
+      t->prefixDel(join(p));
+      checkPruned(*t);
+    }
+    EXPECT_EQ(t->children(), 0u);
+    EXPECT_TRUE(t->empty());
+  }
+}
