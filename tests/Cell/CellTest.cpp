@@ -1,0 +1,205 @@
+#include "Cell/Cell.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "platform/Exception.h"
+
+namespace {
+
+const char* const identityVariables[] = {"CELLID", "CELLTYPE", "PRODUCT", "ELECTIONMGRSUPPORTED", "CPUBMCMODE"};
+
+// Identity files in a temporary root, no identity variables, and a fresh
+// process-wide cache; everything put back afterwards.
+class CellTest : public testing::Test {
+ protected:
+  CellTest() {
+    char pattern[] = "/tmp/CellTest.XXXXXX";
+    root_ = mkdtemp(pattern);
+    mkdir((root_ + "/etc").c_str(), 0755);
+    for (const char* v : identityVariables) unsetenv(v);
+    Cell::testHookFileRootIs(root_);
+  }
+  ~CellTest() override {
+    for (const char* v : identityVariables) unsetenv(v);
+    Cell::testHookFileRootIs("");
+    std::system(("rm -rf " + root_).c_str());
+  }
+
+  void fileIs(const char* name, const std::string& text) {
+    int fd = open((root_ + name).c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0644);
+    ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    close(fd);
+  }
+  // A Status that has cached nothing yet.
+  Zum::Ptr<Cell::Status> freshStatus() { return Cell::statusFactory("test"); }
+
+  std::string root_;
+};
+
+std::string rangeError(const Zum::Ptr<Cell::Status>& s) {
+  try {
+    s->cellId();
+  } catch (const Zum::RangeException& e) {
+    return e.what();
+  }
+  return "(no error)";
+}
+
+class Counter : public Cell::ActiveCell::Notifiee {
+ public:
+  void onCellId() override { ++calls; }
+  int calls = 0;
+};
+
+}  // namespace
+
+TEST_F(CellTest, CellIdDefaultsTo42WithoutVariableOrFile) {
+  EXPECT_EQ(freshStatus()->cellId(), 42);
+  EXPECT_EQ(Cell::cellId(), 42);
+}
+
+TEST_F(CellTest, CellIdFileParsesStrictlyWithBaseDetection) {
+  struct Case {
+    const char* text;
+    int id;  // -1: refused
+  } cases[] = {
+      {"2", 2}, {"0x2", 2}, {"010", 8}, {"1\n", -1}, {"-1", -1}, {"", -1}, {"abc", -1}, {"2 ", -1}, {"0x", -1},
+  };
+  for (const Case& c : cases) {
+    fileIs("/etc/cellid", c.text);
+    auto s = freshStatus();
+    if (c.id < 0) {
+      EXPECT_EQ(rangeError(s), "/etc/cellid did not contain a valid cell id") << "text: [" << c.text << "]";
+    } else {
+      EXPECT_EQ(s->cellId(), c.id) << "text: [" << c.text << "]";
+    }
+  }
+}
+
+TEST_F(CellTest, UnreadableCellIdFileThrowsErrnoException) {
+  mkdir((root_ + "/etc/cellid").c_str(), 0755);  // opens, but read fails with EISDIR
+  try {
+    freshStatus()->cellId();
+    FAIL() << "a directory was read as a cell id";
+  } catch (const Zum::ErrnoException& e) {
+    EXPECT_EQ(e.error(), EISDIR);
+  }
+}
+
+TEST_F(CellTest, EnvironmentWinsOverFileAndIsCached) {
+  fileIs("/etc/cellid", "2");
+  setenv("CELLID", "7", 1);
+  auto s = freshStatus();
+  EXPECT_EQ(s->cellId(), 7);
+  setenv("CELLID", "5", 1);
+  EXPECT_EQ(s->cellId(), 7) << "looked up once";
+  unsetenv("CELLID");
+  EXPECT_EQ(freshStatus()->cellId(), 2);
+}
+
+TEST_F(CellTest, CellIdZeroIsNotCachedOnPurpose) {
+  setenv("CELLID", "abc", 1);
+  auto s = freshStatus();
+  EXPECT_EQ(s->cellId(), 0);
+  setenv("CELLID", "5", 1);
+  EXPECT_EQ(s->cellId(), 5);
+}
+
+TEST_F(CellTest, NamesFromVariableFileOrDefault) {
+  auto s = freshStatus();
+  EXPECT_EQ(s->cellType(), "generic");
+  EXPECT_EQ(s->product(), "generic");
+
+  fileIs("/etc/celltype", "supervisor");
+  fileIs("/etc/product", std::string(40, 'p'));
+  s = freshStatus();
+  EXPECT_EQ(s->cellType(), "supervisor");
+  EXPECT_EQ(s->product(), std::string(32, 'p')) << "only the first 32 bytes";
+
+  setenv("CELLTYPE", "linecard", 1);
+  setenv("PRODUCT", "", 1);
+  s = freshStatus();
+  EXPECT_EQ(s->cellType(), "linecard");
+  EXPECT_EQ(s->product(), "");
+  EXPECT_EQ(Cell::cellType(), "linecard");
+}
+
+TEST_F(CellTest, FlagsAcceptExactlyTrueOrFalse) {
+  auto s = freshStatus();
+  EXPECT_FALSE(s->electionMgrSupportedInitialized());
+  EXPECT_FALSE(s->electionMgrSupported());
+  EXPECT_TRUE(s->electionMgrSupportedInitialized());
+  EXPECT_FALSE(s->cpuBmcMode());
+  EXPECT_TRUE(s->cpuBmcModeInitialized());
+
+  fileIs("/etc/electionMgrSupported", "TRUE");
+  fileIs("/etc/cpuBmcMode", "FALSE");
+  s = freshStatus();
+  EXPECT_TRUE(s->electionMgrSupported());
+  EXPECT_FALSE(s->cpuBmcMode());
+  fileIs("/etc/electionMgrSupported", "FALSE");
+  EXPECT_TRUE(s->electionMgrSupported()) << "looked up once";
+
+  setenv("CPUBMCMODE", "TRUE", 1);
+  EXPECT_TRUE(freshStatus()->cpuBmcMode());
+  EXPECT_TRUE(Cell::cpuBmcMode());
+
+  fileIs("/etc/electionMgrSupported", "TRUE\n");
+  EXPECT_THROW(freshStatus()->electionMgrSupported(), Zum::RangeException);
+  setenv("CPUBMCMODE", "true", 1);
+  s = freshStatus();
+  EXPECT_THROW(s->cpuBmcMode(), Zum::RangeException);
+  EXPECT_FALSE(s->cpuBmcModeInitialized());
+}
+
+TEST_F(CellTest, SettersFillTheCacheOfAConstStatus) {
+  Zum::Ptr<const Cell::Status> s = freshStatus();
+  s->cellIdIs(9);
+  s->cellTypeIs("x");
+  s->cpuBmcModeIs(true);
+  fileIs("/etc/cellid", "bad");
+  EXPECT_EQ(s->cellId(), 9);
+  EXPECT_EQ(s->cellType(), "x");
+  EXPECT_TRUE(s->cpuBmcMode());
+}
+
+TEST_F(CellTest, PathsDefaultToOwnCell) {
+  setenv("CELLID", "1", 1);
+  EXPECT_EQ(Cell::path("x", 0), "cell/1/x");
+  EXPECT_EQ(Cell::path("x"), "cell/1/x");
+  EXPECT_EQ(Cell::path("x", 2), "cell/2/x");
+  EXPECT_EQ(Cell::mountpath("x", 2), "cell/2*/x");
+  EXPECT_EQ(Cell::mountpath("x"), "cell/1*/x");
+}
+
+TEST_F(CellTest, PathTemplatesNameOwnAndPeerCell) {
+  fileIs("/etc/cellid", "1");
+  auto dict = Cell::initializeCellPathTemplateDict();
+  EXPECT_EQ(dict["%cellId"], "1");
+  EXPECT_EQ(dict["%cellPath"], "cell/1");
+  EXPECT_EQ(dict["%peerCellId"], "2");
+  EXPECT_EQ(dict["%peerCellPath"], "cell/2");
+  EXPECT_FALSE(dict["%sysname"].empty());
+  EXPECT_EQ(dict.size(), 5u);
+
+  Cell::testHookFileRootIs(root_);  // forget cell 1
+  fileIs("/etc/cellid", "2");
+  EXPECT_EQ(Cell::initializeCellPathTemplateDict()["%peerCellPath"], "cell/1");
+}
+
+TEST_F(CellTest, ActiveCellNotifiesOnlyOnChange) {
+  auto active = Cell::activeCellFactory("activeCell");
+  Counter counter;
+  counter.notifierIs(active);
+  active->cellIdIs(1);
+  active->cellIdIs(1);
+  active->cellIdIs(2);
+  EXPECT_EQ(active->cellId(), 2);
+  EXPECT_EQ(counter.calls, 2);
+}

@@ -1,0 +1,335 @@
+#include "Olk/ProcSysUtils.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/Netns.h"
+#include "platform/Trace.h"
+
+using namespace Olk;
+using Args = std::vector<std::string>;
+
+namespace {
+
+const char* const ostype = "/proc/sys/kernel/ostype";
+
+// A temporary file, open read-write, removed at the end of the test.
+class TempFile {
+ public:
+  TempFile() {
+    char pattern[] = "/tmp/ProcSysUtilsTest.XXXXXX";
+    fd_ = mkstemp(pattern);
+    path_ = pattern;
+  }
+  ~TempFile() {
+    close(fd_);
+    unlink(path_.c_str());
+  }
+  int fd() const { return fd_; }
+  const std::string& path() const { return path_; }
+  std::string text() const {
+    std::ifstream in(path_);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+  }
+
+ private:
+  int fd_;
+  std::string path_;
+};
+
+std::string refusal(const char* cmd) {
+  try {
+    tokenizeShellCommand(cmd);
+  } catch (const std::invalid_argument& e) {
+    return e.what();
+  }
+  return "(accepted)";
+}
+
+// Runs `cmd`; a child whose exec failed comes back here with -1 and leaves
+// with a recognisable status, which the parent's run() then returns.
+int runFromTest(const char* cmd, int in = -1, int out = -1, int err = -1) {
+  pid_t self = getpid();
+  int rc = run(cmd, in, out, err, 0);
+  if (getpid() != self) _exit(rc == -1 ? 99 : 98);
+  return rc;
+}
+
+ino_t threadNetnsInode() {
+  struct stat st;
+  stat("/proc/thread-self/ns/net", &st);
+  return st.st_ino;
+}
+
+// A network namespace created with `ip netns add` for the test's duration.
+class ScratchNetns {
+ public:
+  ScratchNetns() : name_("olktest" + std::to_string(getpid())) {
+    created_ = runFromTest(("ip netns add " + name_).c_str(), -1, -2, -2) == 0;
+  }
+  ~ScratchNetns() {
+    if (created_) runFromTest(("ip netns del " + name_).c_str(), -1, -2, -2);
+  }
+  bool created() const { return created_; }
+  const char* name() const { return name_.c_str(); }
+
+ private:
+  std::string name_;
+  bool created_;
+};
+
+}  // namespace
+
+TEST(ProcSysUtils, ReadsKnownTunableWithoutTerminatingBuffer) {
+  char buf[64];
+  std::memset(buf, 'X', sizeof buf);
+  ASSERT_EQ(readProcSys(ostype, buf, sizeof buf - 1), 0);
+  EXPECT_EQ(std::string(buf, 6), "Linux\n");
+  EXPECT_EQ(buf[6], 'X');
+
+  char zeroed[64] = {};
+  Zum::TraceCapture capture;
+  ASSERT_EQ(readProcSys(ostype, zeroed, sizeof zeroed - 1), 0);
+  EXPECT_TRUE(capture.contains("Read Linux\n from /proc/sys/kernel/ostype"));
+}
+
+TEST(ProcSysUtils, CutsLongPathsAt127Characters) {
+  // Slashes pad the path; what lies beyond character 127 must never be looked at.
+  std::string tail = "proc/sys/kernel/ostype";
+  std::string path = std::string(127 - tail.size(), '/') + tail;
+  ASSERT_EQ(path.size(), 127u);
+  path += std::string(200 - path.size(), 'z');
+  char buf[16] = {};
+  EXPECT_EQ(readProcSys(path.c_str(), buf, sizeof buf - 1), 0);
+  EXPECT_STREQ(buf, "Linux\n");
+}
+
+TEST(ProcSysUtils, ReportsErrnoOfFailingStepAndTracesIt) {
+  Zum::TraceCapture capture;
+  char buf[8];
+  EXPECT_EQ(readProcSys("/proc/sys/kernel/noSuchTunable", buf, sizeof buf), ENOENT);
+  EXPECT_TRUE(capture.contains("Failed to open /proc/sys/kernel/noSuchTunable : No such file or directory"));
+  EXPECT_EQ(readProcSys("/proc/sys/kernel", buf, sizeof buf), EISDIR);
+  EXPECT_TRUE(capture.contains("Failed to read /proc/sys/kernel : Is a directory"));
+  EXPECT_EQ(writeProcSys("/dev/full", "1"), ENOSPC);
+  EXPECT_TRUE(capture.contains("Writing 1 to /dev/full"));
+  EXPECT_TRUE(capture.contains("Failed to write /dev/full : No space left on device"));
+  EXPECT_EQ(writeProcSys("/nonexistent/dir/file", "1"), ENOENT);
+}
+
+TEST(ProcSysUtils, WritesWholeValueInOneWrite) {
+  TempFile f;
+  EXPECT_EQ(writeProcSys(f.path().c_str(), "65536 131072"), 0);
+  EXPECT_EQ(f.text(), "65536 131072");
+}
+
+TEST(ProcSysUtils, DefaultNamespaceNameOrNullDoesNotSwitch) {
+  TempFile f;  // a namespace switch would not change which file this names
+  ino_t before = threadNetnsInode();
+  EXPECT_EQ(writeProcSysInNetNs(f.path().c_str(), "x", Zum::DEFAULT_NS), 0);
+  EXPECT_EQ(writeProcSysInNetNs(f.path().c_str(), "y", nullptr), 0);
+  char buf[4] = {};
+  EXPECT_EQ(readProcSysInNetNs(f.path().c_str(), buf, sizeof buf - 1, nullptr), 0);
+  EXPECT_STREQ(buf, "y");
+  EXPECT_EQ(threadNetnsInode(), before);
+}
+
+TEST(ProcSysUtils, WritesAndReadsInsideAnotherNetworkNamespace) {
+  ScratchNetns ns;
+  if (!ns.created()) GTEST_SKIP() << "cannot create a network namespace here (needs root and ip netns)";
+  const char* tunable = "/proc/sys/net/ipv4/ip_forward";
+  char home[8] = {};
+  ASSERT_EQ(readProcSys(tunable, home, sizeof home - 1), 0);
+  const char* other = home[0] == '1' ? "0" : "1";
+  ino_t before = threadNetnsInode();
+
+  int rc = writeProcSysInNetNs(tunable, other, ns.name());
+  if (rc == EACCES || rc == EROFS || rc == EPERM) GTEST_SKIP() << "tunables are read-only here: " << std::strerror(rc);
+  ASSERT_EQ(rc, 0);
+  EXPECT_EQ(threadNetnsInode(), before);
+  char inside[8] = {};
+  ASSERT_EQ(readProcSysInNetNs(tunable, inside, sizeof inside - 1, ns.name()), 0);
+  char after[8] = {};
+  ASSERT_EQ(readProcSys(tunable, after, sizeof after - 1), 0);
+  if (inside[0] == home[0]) GTEST_SKIP() << "no permission to switch network namespace";
+  EXPECT_EQ(inside[0], other[0]);
+  EXPECT_STREQ(after, home) << "the caller's own namespace must be untouched";
+  EXPECT_EQ(threadNetnsInode(), before);
+
+  // From a thread that sits in the scratch namespace, DEFAULT_NS means "stay
+  // here", not "go to the initial namespace".
+  std::thread([&] {
+    ASSERT_EQ(Zum::setnsByName(ns.name(), CLONE_NEWNET), 0);
+    char seen[8] = {};
+    EXPECT_EQ(readProcSysInNetNs(tunable, seen, sizeof seen - 1, Zum::DEFAULT_NS), 0);
+    EXPECT_EQ(seen[0], other[0]);
+  }).join();
+}
+
+TEST(ProcSysUtils, UnknownNamespaceFallsBackToCallersOwn) {
+  char buf[16] = {};
+  EXPECT_EQ(readProcSysInNetNs(ostype, buf, sizeof buf - 1, "olkNoSuchNamespace"), 0);
+  EXPECT_STREQ(buf, "Linux\n");
+}
+
+TEST(ProcSysUtils, TokenizerSplitsQuotesAndBackslashes) {
+  struct Case {
+    const char* cmd;
+    Args args;
+  } cases[] = {
+      {"", {}},
+      {"    ", {}},
+      {"a  b", {"a", "b"}},
+      {"  a b  ", {"a", "b"}},
+      {"'' x", {"", "x"}},
+      {"\"\"", {""}},
+      {"a\"b \"c'd'", {"ab cd"}},
+      {"a\"b \"c\"\"d", {"ab cd"}},
+      {"'a\"b'", {"a\"b"}},
+      {"\"a'b\"", {"a'b"}},
+      {"a\\ b", {"a b"}},
+      {"a\\;b \\'", {"a;b", "'"}},
+      {"\"a\\\"b\\\\c\\x\"", {"a\"b\\cx"}},
+      {"'a\\b'", {"a\\b"}},
+      {"'a\\'", {"a\\"}},
+      {"echo 'a;b' \"c|d\" '~`&*()<>'", {"echo", "a;b", "c|d", "~`&*()<>"}},
+      {"a\tb", {"a\tb"}},
+      {"echo $HOME ?! {x}", {"echo", "$HOME", "?!", "{x}"}},
+      {"'' '' ''", {"", "", ""}},
+      {"x''", {"x"}},
+  };
+  for (const Case& c : cases) EXPECT_EQ(tokenizeShellCommand(c.cmd), c.args) << "command: " << c.cmd;
+}
+
+TEST(ProcSysUtils, TokenizerRefusesShellSyntaxWithExactMessages) {
+  for (char c : std::string("~`&*()|;<>")) {
+    std::string cmd = std::string("echo a") + c + "b";
+    EXPECT_EQ(refusal(cmd.c_str()),
+              std::string("Unsupported special character ") + c + " used in Olk::run command: " + cmd);
+  }
+  EXPECT_EQ(refusal("echo a;b"), "Unsupported special character ; used in Olk::run command: echo a;b");
+  EXPECT_EQ(refusal("echo \"abc"), "Unmatched delimiter \" used in Olk::run command: echo \"abc");
+  EXPECT_EQ(refusal("echo 'a\"bc"), "Unmatched delimiter ' used in Olk::run command: echo 'a\"bc");
+  EXPECT_EQ(refusal("echo abc\\"), "Unsupported trailing backslash used in Olk::run command: echo abc\\");
+  EXPECT_EQ(refusal("echo \"abc\\"), "Unsupported trailing backslash used in Olk::run command: echo \"abc\\");
+  // The first offence found while scanning is the one reported.
+  EXPECT_EQ(refusal("a;b 'c"), "Unsupported special character ; used in Olk::run command: a;b 'c");
+}
+
+// Cross-check with Python's shlex.split on inputs where both rules agree: no
+// tabs, no special characters, and backslashes only before a backslash or a
+// double quote. The pieces are glued at random with a fixed seed.
+TEST(ProcSysUtils, TokenizerAgreesWithShlexWhereRulesCoincide) {
+  if (system("python3 -c 'import shlex' 2>/dev/null") != 0) GTEST_SKIP() << "python3 not available";
+  const char* pieces[] = {"a", "b", " ", "  ", "'", "\"", "\\\\", "\\\"", "$x", "-"};
+  std::mt19937 rng(1234);
+  std::vector<std::string> inputs = {"a 'b c' \"d\"e", "'' \"\" x", "a\\\"b", "\"a\\\\b\""};
+  while (inputs.size() < 400) {
+    std::string s;
+    for (int n = 1 + static_cast<int>(rng() % 8); n > 0; --n) s += pieces[rng() % std::size(pieces)];
+    inputs.push_back(s);
+  }
+  TempFile in;
+  {
+    std::ofstream out(in.path());
+    for (const std::string& s : inputs) out << s << '\n';
+  }
+  std::string script =
+      "import shlex,sys\n"
+      "for line in open(sys.argv[1]).read().split('\\n')[:-1]:\n"
+      "    try: print('\\x1f'.join(['<'+t+'>' for t in shlex.split(line)]))\n"
+      "    except ValueError: print('!')\n";
+  std::string cmd = "python3 -c \"" + script + "\" " + in.path();
+  FILE* p = popen(cmd.c_str(), "r");
+  ASSERT_NE(p, nullptr);
+  std::string answers;
+  char chunk[4096];
+  while (size_t n = fread(chunk, 1, sizeof chunk, p)) answers.append(chunk, n);
+  ASSERT_EQ(pclose(p), 0);
+
+  std::istringstream lines(answers);
+  std::string expected;
+  int compared = 0;
+  for (const std::string& s : inputs) {
+    ASSERT_TRUE(std::getline(lines, expected));
+    std::string ours;
+    try {
+      for (const std::string& t : tokenizeShellCommand(s.c_str())) ours += (ours.empty() ? "" : "\x1f") + ("<" + t + ">");
+    } catch (const std::invalid_argument&) {
+      ours = "!";
+    }
+    EXPECT_EQ(ours, expected) << "input: [" << s << "]";
+    ++compared;
+  }
+  EXPECT_EQ(compared, 400);
+}
+
+TEST(ProcSysUtils, RunReturnsExitCodesAndSignals) {
+  EXPECT_EQ(runFromTest("true"), 0);
+  EXPECT_EQ(runFromTest("false"), 1);
+  EXPECT_EQ(runFromTest("sh -c 'exit 7'"), 7);
+  EXPECT_EQ(runFromTest("sh -c 'exit 255'"), 255);
+  EXPECT_EQ(runFromTest("sh -c 'kill -9 $$'"), -9);
+  EXPECT_EQ(runFromTest("sh -c 'kill -TERM $$'"), -15);
+}
+
+TEST(ProcSysUtils, RunChildWhoseExecFailsReturnsMinusOneInTheChild) {
+  EXPECT_EQ(runFromTest("/nonexistent/program arg"), 99);
+  EXPECT_EQ(runFromTest(""), 99);
+  EXPECT_EQ(runFromTest("   "), 99);
+}
+
+TEST(ProcSysUtils, RunRefusesShellSyntaxBeforeStartingAnything) {
+  TempFile f;
+  std::string cmd = "rm " + f.path() + "; true";
+  EXPECT_THROW(run(cmd.c_str(), -1, -1, -1, 0), std::invalid_argument);
+  EXPECT_EQ(access(f.path().c_str(), F_OK), 0);
+}
+
+TEST(ProcSysUtils, RunPlacesGivenDescriptorsAndNullDevice) {
+  TempFile out;
+  EXPECT_EQ(runFromTest("echo 'hello  world'", -1, out.fd(), -1), 0);
+  EXPECT_EQ(out.text(), "hello  world\n");
+
+  // -2 puts the null device on the child's standard output.
+  const char* stdoutIsNull = "sh -c '[ \"$(readlink /proc/$$/fd/1)\" = /dev/null ]'";
+  EXPECT_EQ(runFromTest(stdoutIsNull, -1, -2, -1), 0);
+  EXPECT_EQ(runFromTest(stdoutIsNull, -1, out.fd(), -1), 1);
+}
+
+TEST(ProcSysUtils, RunNullDeviceAsStandardInputIsWriteOnlyOnPurpose) {
+  // cat would exit 0 on end of file; the write-only descriptor makes its read fail.
+  EXPECT_EQ(runFromTest("cat", -2, -1, -2), 1);
+  EXPECT_EQ(runFromTest("sh -c '[ \"$(readlink /proc/$$/fd/0)\" = /dev/null ]'", -2, -1, -1), 0);
+}
+
+TEST(ProcSysUtils, RunChildInheritsUnnamedDescriptors) {
+  TempFile f;
+  int fd = dup(f.fd());  // not close-on-exec, not one of 0, 1, 2
+  std::string cmd = "sh -c 'echo inherited 1>&" + std::to_string(fd) + "'";
+  EXPECT_EQ(runFromTest(cmd.c_str()), 0);
+  close(fd);
+  EXPECT_EQ(f.text(), "inherited\n");
+}
+
+TEST(ProcSysUtils, MaybeDevNullSubstitutesOnlyMinusTwo) {
+  EXPECT_EQ(maybeDevNull(-2, 9), 9);
+  EXPECT_EQ(maybeDevNull(-1, 9), -1);
+  EXPECT_EQ(maybeDevNull(3, 9), 3);
+}
