@@ -1,0 +1,47 @@
+// A consistent-hash circle: spreads 64-bit keys over a changing set of members.
+//
+// Each member (a 64-bit hash) is placed at `numPoints` pseudo-random points of
+// a circle of 64-bit values; a key belongs to the member at the first point at
+// or after it, wrapping to the lowest point. Adding or removing a member moves
+// only the keys that fall next to its points, about 1/n of them for n equal
+// members. More points per member even out the load at the cost of memory.
+// A member's points depend only on its hash, so a circle rebuilt from the same
+// members answers the same. Two members that land on one point share it; the
+// smaller hash owns it. Lookups are O(log points). Not thread-safe; a plain
+// value object, copyable.
+#pragma once
+
+#include <map>
+#include <set>
+#include <unordered_map>
+
+#include "platform/Types.h"
+
+namespace Olk::ConsistentHash {
+
+class ConsistentHashCircle {
+ public:
+  // Places `hash` at `numPoints` points; 0 places nothing. Adding a member that
+  // is already present places it again (its points are counted twice in the
+  // collision counter) and remembers the new count.
+  void addHash(U64 hash, U64 numPoints);
+  // Removes `hash` from all its points; a hash never added changes nothing.
+  void delHash(U64 hash);
+  // The member owning `key`. An empty circle is an assertion failure.
+  U64 getHash(U64 key) const;
+  // How many new points landed on a point that already held a member.
+  U32 getPointCollisionCount() const { return pointCollisionCount_; }
+
+  size_t points() const { return pointCircle.size(); }
+  size_t members() const { return numPoints_.size(); }
+
+  // The point after `point` in a member's sequence; the first is next(hash).
+  static U64 nextPoint(U64 point) { return (point + 1) * 2862933555777941757ULL; }
+
+ private:
+  std::map<U64, std::set<U64>> pointCircle;  // point -> members there; no empty sets
+  std::unordered_map<U64, U64> numPoints_;     // member -> points placed
+  U32 pointCollisionCount_ = 0;
+};
+
+}  // namespace Olk::ConsistentHash

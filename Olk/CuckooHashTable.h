@@ -1,0 +1,563 @@
+// Hitless cuckoo placement of items into multi-table hardware hash tables.
+//
+// A `HashTable` places items into up to nine tables (`Config`), each an array
+// of `tableSize` indexes of `binSize` slots, by cuckoo hashing with a random
+// walk. It keeps a software shadow of every slot and turns each insertion or
+// removal into a command list (`status.cuckooCmds`) that the agent copies to
+// the hardware from head to tail and then acknowledges by changing
+// `config.cmdReadCompleted`.
+//
+// Invariant: applied one write at a time, a list never overwrites the last
+// hardware copy of an item that stays in the table, so lookups never miss
+// during the moves. Items that cannot be placed wait in `status.pendingItemSet`
+// and are retried from a clock every `pendingItemReviewQuantum` seconds.
+// Cost: an insertion is O(maxLoop * maxRetry) slot writes at worst, O(tables *
+// bins) when a free slot exists. Random choices use the process-wide rand(),
+// seeded with `randomSeed`. Event-loop thread only; no locking.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <iosfwd>
+#include <map>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "platform/Collection.h"
+#include "platform/Entity.h"
+#include "platform/Notifier.h"
+#include "platform/Strep.h"
+#include "platform/Types.h"
+
+namespace Olk::Cuckoo {
+
+// One of the tables, 0..8, or `null` (9): no table.
+class TableId {
+ public:
+  static constexpr U8 min = 0;
+  static constexpr U8 null = 9;
+
+  // Throws RangeException for a value above `null`.
+  TableId(U32 value = null);
+  U8 value() const { return value_; }
+  bool operator==(const TableId& o) const { return value_ == o.value_; }
+  bool operator<(const TableId& o) const { return value_ < o.value_; }
+
+ private:
+  U8 value_;
+};
+
+// Shape of one table; immutable once made.
+class TableDescriptor : public Zum::PtrInterface {
+ public:
+  TableId tableId() const { return tableId_; }
+  U32 tableSize() const { return tableSize_; }
+  U8 binSize() const { return binSize_; }
+  U32 capacity() const { return tableSize_ * binSize_; }
+
+ private:
+  friend Ptr<TableDescriptor const> tableDescriptorFactory(TableId, U32, U32);
+  TableDescriptor(TableId tableId, U32 tableSize, U8 binSize)
+      : tableId_(tableId), tableSize_(tableSize), binSize_(binSize) {}
+
+  TableId tableId_;
+  U32 tableSize_;  // zero is refused when a table starts, not here
+  U8 binSize_;     // 1..8
+};
+
+// Throws RangeException "TableDescriptor::binSize < 1 or > 8 not allowed".
+Ptr<TableDescriptor const> tableDescriptorFactory(TableId tableId, U32 tableSize, U32 binSize);
+
+// One slot: table, bin within the index, index within the table.
+struct CuckooLocation {
+  TableId tableId;
+  U8 binId = 0;
+  U32 index = 0;
+
+  bool operator==(const CuckooLocation& o) const {
+    return tableId == o.tableId && binId == o.binId && index == o.index;
+  }
+  bool operator<(const CuckooLocation& o) const;
+};
+
+}  // namespace Olk::Cuckoo
+
+template <>
+struct std::hash<Olk::Cuckoo::TableId> {
+  size_t operator()(const Olk::Cuckoo::TableId& t) const noexcept { return t.value(); }
+};
+template <>
+struct std::hash<Olk::Cuckoo::CuckooLocation> {
+  size_t operator()(const Olk::Cuckoo::CuckooLocation& l) const noexcept {
+    return (size_t(l.index) * 16 + l.tableId.value()) * 8 + l.binId;
+  }
+};
+
+namespace Olk::Cuckoo {
+
+// "( %d )"
+String valueToStrep(const TableId& t);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TableId* out);
+// "TableId/BinId/Index: ( %u, %u, %u )"
+String valueToStrep(const CuckooLocation& l);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, CuckooLocation* out);
+String valueToStrep(const TableDescriptor& d);
+std::ostream& operator<<(std::ostream& os, const TableId& t);
+std::ostream& operator<<(std::ostream& os, const CuckooLocation& l);
+
+// An item the table can place. Immutable once handed to the table. The base
+// answers every operation with an assertion failure: item types override all
+// three.
+class HashItem : public Zum::PtrInterface {
+ public:
+  // True when `other` denotes the same item (same key).
+  virtual bool isEqual(const Ptr<HashItem const>& other) const;
+  // The item's 32-bit hash for table `tableId`; its index is hash % tableSize.
+  virtual U32 getHash(U8 tableId) const;
+  virtual String toStrep() const;
+
+ protected:
+  friend Ptr<HashItem> hashItemFactory();
+  HashItem() = default;
+};
+
+Ptr<HashItem> hashItemFactory();
+// Traces print items through toStrep(); null prints as "null".
+std::ostream& operator<<(std::ostream& os, const Ptr<HashItem const>& item);
+
+// An item with a 32-bit key and precomputed hashes. Tables 2 to 8 all use
+// `hashIndex2`, on purpose: three hashes are all a test needs.
+class IntHashItem : public HashItem {
+ public:
+  U32 key() const { return key_; }
+  U32 hashIndex0() const { return hashIndex0_; }
+  U32 hashIndex1() const { return hashIndex1_; }
+  U32 hashIndex2() const { return hashIndex2_; }
+
+  // Only another IntHashItem with the same key is equal.
+  bool isEqual(const Ptr<HashItem const>& other) const override;
+  U32 getHash(U8 tableId) const override;
+  String toStrep() const override;
+
+ private:
+  friend Ptr<IntHashItem> intHashItemFactory(U32, U32, U32, U32);
+  IntHashItem(U32 key, U32 h0, U32 h1, U32 h2)
+      : key_(key), hashIndex0_(h0), hashIndex1_(h1), hashIndex2_(h2) {}
+
+  U32 key_;
+  U32 hashIndex0_;
+  U32 hashIndex1_;
+  U32 hashIndex2_;
+};
+
+Ptr<IntHashItem> intHashItemFactory(U32 item, U32 hashIndex0, U32 hashIndex1, U32 hashIndex2);
+
+// One hardware write: put `item` at `location`; a null item empties the slot.
+class CuckooItem : public Zum::PtrInterface {
+ public:
+  const CuckooLocation& location() const { return location_; }
+  const Ptr<HashItem const>& item() const { return item_; }
+
+ private:
+  friend Ptr<CuckooItem const> cuckooItemFactory(const CuckooLocation&, const Ptr<HashItem const>&);
+  CuckooItem(const CuckooLocation& l, const Ptr<HashItem const>& i) : location_(l), item_(i) {}
+
+  CuckooLocation location_;
+  Ptr<HashItem const> item_;
+};
+
+Ptr<CuckooItem const> cuckooItemFactory(const CuckooLocation& location, const Ptr<HashItem const>& item);
+
+// One step of an insertion walk: `newItem` replaced `oldItem` at `location`.
+class EvictCmd : public Zum::PtrInterface {
+ public:
+  const Ptr<HashItem const>& oldItem() const { return oldItem_; }
+  const Ptr<HashItem const>& newItem() const { return newItem_; }
+  const CuckooLocation& location() const { return location_; }
+
+ private:
+  friend Ptr<EvictCmd const> evictCmdFactory(const Ptr<HashItem const>&, const Ptr<HashItem const>&,
+                                             const CuckooLocation&);
+  EvictCmd(const Ptr<HashItem const>& o, const Ptr<HashItem const>& n, const CuckooLocation& l)
+      : oldItem_(o), newItem_(n), location_(l) {}
+
+  Ptr<HashItem const> oldItem_;  // null: the slot was free
+  Ptr<HashItem const> newItem_;  // null: a deletion
+  CuckooLocation location_;
+};
+
+Ptr<EvictCmd const> evictCmdFactory(const Ptr<HashItem const>& oldItem, const Ptr<HashItem const>& newItem,
+                                    const CuckooLocation& location);
+// One trace line (level 6) for `cmd`, after `prefix`.
+void traceEvictCmd(const String& prefix, const Ptr<EvictCmd const>& cmd);
+
+// The steps of one insertion attempt, earliest at index 0, latest on top.
+class EvictCmdPath : public Zum::PtrInterface {
+ public:
+  size_t cmdLogs() const { return cmdLog_.size(); }
+  const Ptr<EvictCmd const>& cmdLog(size_t i) const { return cmdLog_[i]; }
+  void cmdLogPush(const Ptr<EvictCmd const>& cmd) { cmdLog_.push_back(cmd); }
+  // Removes and returns the top; the log must not be empty.
+  Ptr<EvictCmd const> cmdLogPop();
+  void cmdLogDelAll() { cmdLog_.clear(); }
+
+ private:
+  friend Ptr<EvictCmdPath> evictCmdPathFactory();
+  EvictCmdPath() = default;
+
+  std::vector<Ptr<EvictCmd const>> cmdLog_;
+};
+
+Ptr<EvictCmdPath> evictCmdPathFactory();
+
+// The command list, applied by the agent from index 0 (head) to the tail.
+class CuckooCmds : public Zum::PtrInterface {
+ public:
+  size_t itemSeqs() const { return itemSeq_.size(); }
+  const Ptr<CuckooItem const>& itemSeq(size_t i) const { return itemSeq_[i]; }
+  void itemSeqEnq(const Ptr<CuckooItem const>& item) { itemSeq_.push_back(item); }
+  // Removes and returns the head; the list must not be empty.
+  Ptr<CuckooItem const> itemSeqDeq();
+  void itemSeqDelAll() { itemSeq_.clear(); }
+
+ private:
+  friend Ptr<CuckooCmds> cuckooCmdsFactory();
+  CuckooCmds() = default;
+
+  std::deque<Ptr<CuckooItem const>> itemSeq_;
+};
+
+Ptr<CuckooCmds> cuckooCmdsFactory();
+
+// What the agent asks of a table. Setters store only a changed value and then
+// notify. The table reads the descriptors once, when it starts.
+class Config : public Zum::Entity, public Zum::Notifier {
+ public:
+  class Notifiee : public Zum::BaseNotifiee<Config> {
+   public:
+    virtual void onTableDescList(TableId) {}
+    virtual void onCmdReadCompleted() {}
+    virtual void onTryReduceCmdsOnInsert() {}
+    virtual void onHitless() {}
+    virtual void onMaxLoop() {}
+    virtual void onMaxRetry() {}
+    virtual void onReviewPendingItemSupport() {}
+    virtual void onPendingItemReviewQuantum() {}
+    virtual void onMaxPendingItemsToReview() {}
+    virtual void onSyslogIntervalForPendingItems() {}
+    virtual void onRandomSeed() {}
+    virtual void onNumFailureRecords() {}
+  };
+
+  U8 numTables() const { return numTables_; }
+  bool hasBackupSupport() const { return false; }
+
+  const Zum::OrderedMap<TableId, Ptr<TableDescriptor const>>& tableDescList() const { return tableDescList_; }
+  // Null when there is no descriptor for `tableId`.
+  Ptr<TableDescriptor const> tableDescList(TableId tableId) const { return tableDescList_.get(tableId); }
+  size_t tableDescLists() const { return tableDescList_.size(); }
+  // Adds a descriptor. Re-adding one with the same shape does nothing; a
+  // different size or bin count is refused with a RangeException: remove the
+  // old descriptor first.
+  void tableDescListIs(TableId tableId, U32 tableSize, U32 binSize);
+  void tableDescListDel(TableId tableId);
+  void tableDescListDelAll();
+
+  U32 cmdReadCompleted() const { return cmdReadCompleted_; }
+  void cmdReadCompletedIs(U32 v) { set(cmdReadCompleted_, v, &Notifiee::onCmdReadCompleted); }
+  void cmdReadCompletedInc() { cmdReadCompletedIs(cmdReadCompleted_ + 1); }
+  bool tryReduceCmdsOnInsert() const { return tryReduceCmdsOnInsert_; }
+  void tryReduceCmdsOnInsertIs(bool v) { set(tryReduceCmdsOnInsert_, v, &Notifiee::onTryReduceCmdsOnInsert); }
+  bool hitless() const { return hitless_; }
+  void hitlessIs(bool v) { set(hitless_, v, &Notifiee::onHitless); }
+  U32 maxLoop() const { return maxLoop_; }
+  void maxLoopIs(U32 v) { set(maxLoop_, v, &Notifiee::onMaxLoop); }
+  U32 maxRetry() const { return maxRetry_; }
+  void maxRetryIs(U32 v) { set(maxRetry_, v, &Notifiee::onMaxRetry); }
+  bool reviewPendingItemSupport() const { return reviewPendingItemSupport_; }
+  void reviewPendingItemSupportIs(bool v) { set(reviewPendingItemSupport_, v, &Notifiee::onReviewPendingItemSupport); }
+  Seconds pendingItemReviewQuantum() const { return pendingItemReviewQuantum_; }
+  void pendingItemReviewQuantumIs(Seconds v) { set(pendingItemReviewQuantum_, v, &Notifiee::onPendingItemReviewQuantum); }
+  U32 maxPendingItemsToReview() const { return maxPendingItemsToReview_; }
+  void maxPendingItemsToReviewIs(U32 v) { set(maxPendingItemsToReview_, v, &Notifiee::onMaxPendingItemsToReview); }
+  // Infinite: never log about pending items.
+  Seconds syslogIntervalForPendingItems() const { return syslogIntervalForPendingItems_; }
+  void syslogIntervalForPendingItemsIs(Seconds v) {
+    set(syslogIntervalForPendingItems_, v, &Notifiee::onSyslogIntervalForPendingItems);
+  }
+  // Read when the table starts; changing it later has no effect on that table.
+  U32 randomSeed() const { return randomSeed_; }
+  void randomSeedIs(U32 v) { set(randomSeed_, v, &Notifiee::onRandomSeed); }
+  U32 numFailureRecords() const { return numFailureRecords_; }
+  void numFailureRecordsIs(U32 v) { set(numFailureRecords_, v, &Notifiee::onNumFailureRecords); }
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  Config(const String& name, U8 numTables) : Zum::Entity(name), numTables_(numTables) {}
+
+  template <class T>
+  void set(T& slot, T v, void (Notifiee::*reaction)()) {
+    if (Zum::assignIfChanged(slot, v)) notify(reaction);
+  }
+
+  U8 numTables_;  // 1..9, checked when a table starts
+  Zum::OrderedMap<TableId, Ptr<TableDescriptor const>> tableDescList_;  // key == value's tableId
+  U32 cmdReadCompleted_ = 0;
+  bool tryReduceCmdsOnInsert_ = true;
+  bool hitless_ = true;
+  U32 maxLoop_ = 200;
+  U32 maxRetry_ = 3;
+  bool reviewPendingItemSupport_ = true;
+  Seconds pendingItemReviewQuantum_ = 5.0;
+  U32 maxPendingItemsToReview_ = 25;
+  Seconds syslogIntervalForPendingItems_ = 60.0;
+  U32 randomSeed_ = 0;
+  U32 numFailureRecords_ = 100;
+};
+
+Ptr<Config> configFactory(const String& name, U8 numTables);
+
+// Per-table statistics, written by the table.
+class TableStat : public Zum::Entity {
+ public:
+  TableId tableId() const { return tableId_; }
+  const Ptr<TableDescriptor const>& tableDesc() const { return tableDesc_; }
+  // Same refusal as Config::tableDescListIs when the shape changes.
+  void tableDescIs(TableId tableId, U32 tableSize, U32 binSize);
+
+  // Kept for the agent; the table never changes them.
+  U32 lookupSuccess() const { return lookupSuccess_; }
+  void lookupSuccessInc() { ++lookupSuccess_; }
+  U32 lookupFailures() const { return lookupFailures_; }
+  void lookupFailuresInc() { ++lookupFailures_; }
+
+  // Slots overwritten on the hardware by evictions in this table.
+  U32 numOfEvicts() const { return numOfEvicts_; }
+  void numOfEvictsInc() { ++numOfEvicts_; }
+  // Occupied slots in this table.
+  U32 numOfHashItems() const { return numOfHashItems_; }
+  void numOfHashItemsInc() { ++numOfHashItems_; }
+  void numOfHashItemsDec();
+  // numOfHashItems / capacity; 0 without a descriptor.
+  float occupancy() const;
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  explicit TableStat(TableId tableId) : tableId_(tableId) {}
+
+  TableId tableId_;
+  Ptr<TableDescriptor const> tableDesc_;
+  U32 lookupSuccess_ = 0;
+  U32 lookupFailures_ = 0;
+  U32 numOfEvicts_ = 0;
+  U32 numOfHashItems_ = 0;  // <= tableDesc capacity
+};
+
+Ptr<TableStat> tableStatFactory(TableId tableId);
+String valueToStrep(const TableStat& s);
+
+// What the table reports. The pending set keeps insertion order, so reviews
+// retry the oldest items first and equal runs review in equal order.
+class Status : public Zum::Entity, public Zum::Notifier {
+ public:
+  class Notifiee : public Zum::BaseNotifiee<Status> {
+   public:
+    virtual void onTableStat(TableId) {}
+    virtual void onPendingItemSet(const Ptr<HashItem const>&) {}
+    virtual void onPendingItemVersion() {}
+    virtual void onPendingItemSyslogVersion() {}
+    virtual void onTotalCmdReadCompleted() {}
+  };
+
+  const Zum::OrderedMap<TableId, Ptr<TableStat>>& tableStat() const { return tableStat_; }
+  Ptr<TableStat> tableStat(TableId tableId) const { return tableStat_.get(tableId); }
+  size_t tableStats() const { return tableStat_.size(); }
+  // Creates the entry if absent and returns it.
+  Ptr<TableStat> tableStatIs(TableId tableId);
+  void tableStatDel(TableId tableId);
+  void tableStatDelAll();
+
+  const Ptr<CuckooCmds>& cuckooCmds() const { return cuckooCmds_; }
+
+  // Items by pointer identity, oldest first.
+  std::vector<Ptr<HashItem const>> pendingItemSet() const;
+  bool pendingItemSetHas(const Ptr<HashItem const>& item) const { return pendingSeq_.count(item) != 0; }
+  size_t pendingItemSets() const { return pendingSeq_.size(); }
+  void pendingItemSetIs(const Ptr<HashItem const>& item);
+  void pendingItemSetDel(const Ptr<HashItem const>& item);
+  void pendingItemSetDelAll();
+
+  U32 pendingItemVersion() const { return pendingItemVersion_; }
+  void pendingItemVersionInc();
+  U32 pendingItemSyslogVersion() const { return pendingItemSyslogVersion_; }
+  void pendingItemSyslogVersionInc();
+  U32 totalCmdReadCompleted() const { return totalCmdReadCompleted_; }
+  void totalCmdReadCompletedIs(U32 v);
+  U32 retryCount() const { return retryCount_; }
+  void retryCountInc() { ++retryCount_; }
+
+  const Zum::Queue<float>& firstFailLoadFactor() const { return firstFailLoadFactor_; }
+  void firstFailLoadFactorEnq(float v) { firstFailLoadFactor_.push(v); }
+  float firstFailLoadFactorDeq() { return firstFailLoadFactor_.pop(); }
+  void firstFailLoadFactorDelAll() { firstFailLoadFactor_.clear(); }
+  const Zum::Queue<float>& lastFailLoadFactor() const { return lastFailLoadFactor_; }
+  void lastFailLoadFactorEnq(float v) { lastFailLoadFactor_.push(v); }
+  float lastFailLoadFactorDeq() { return lastFailLoadFactor_.pop(); }
+  void lastFailLoadFactorDelAll() { lastFailLoadFactor_.clear(); }
+
+  U32 longestCycle() const { return longestCycle_; }
+  void longestCycleIs(U32 v) { longestCycle_ = v; }
+  U32 cycleCount() const { return cycleCount_; }
+  void cycleCountIs(U32 v) { cycleCount_ = v; }
+
+  // Occupied slots over all slots of all tables; traces each table's counts.
+  float occupancy() const;
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  explicit Status(const String& name) : Zum::Entity(name), cuckooCmds_(cuckooCmdsFactory()) {}
+
+  Zum::OrderedMap<TableId, Ptr<TableStat>> tableStat_;
+  Ptr<CuckooCmds> cuckooCmds_;  // never null
+  // The pending set: pendingSeq_ maps each item to its key in pendingBySeq_.
+  std::map<U64, Ptr<HashItem const>> pendingBySeq_;
+  std::unordered_map<Ptr<HashItem const>, U64> pendingSeq_;
+  U64 nextPendingSeq_ = 0;
+  U32 pendingItemVersion_ = 0;
+  U32 pendingItemSyslogVersion_ = 0;
+  U32 totalCmdReadCompleted_ = 0;
+  U32 retryCount_ = 0;
+  Zum::Queue<float> firstFailLoadFactor_;  // at most numFailureRecords entries
+  Zum::Queue<float> lastFailLoadFactor_;   // settles at numFailureRecords + 1 entries
+  U32 longestCycle_ = 0;
+  U32 cycleCount_ = 0;
+};
+
+Ptr<Status> statusFactory(const String& name);
+
+class HashTable : public Zum::Entity {
+ public:
+  const Ptr<Config>& config() const { return config_; }
+  const Ptr<Status>& status() const { return status_; }
+  const Ptr<Zum::Clock>& clock() const { return clock_; }
+  bool initialized() const { return initialized_; }
+  TableId lastEvictedTable() const { return lastEvictedTable_; }
+  // Negative infinity: not set.
+  Seconds pendingItemBeginTime() const { return pendingItemBeginTime_; }
+  Seconds lastSyslogTime() const { return lastSyslogTime_; }
+  // The item stored at `location`, null for an empty slot.
+  Ptr<HashItem const> itemShadow(const CuckooLocation& location) const { return itemShadow_.get(location); }
+  const Zum::HashMap<CuckooLocation, Ptr<HashItem const>>& itemShadow() const { return itemShadow_; }
+
+  // Inserts and queues the writes on status.cuckooCmds. An item that cannot be
+  // placed is kept pending and reviewed later; an item already present (by
+  // isEqual) succeeds without change.
+  bool insertItem(const Ptr<HashItem const>& item);
+  // The insertion algorithm: up to maxRetry walks of up to maxLoop steps, each
+  // failed walk reverted. Appends the writes to `cmds` only on success.
+  bool insert(const Ptr<HashItem const>& item, const Ptr<CuckooCmds>& cmds);
+  // Removes the item (found by isEqual) and queues the write; drops every
+  // equal item from the pending set whether or not it was placed.
+  bool deleteItem(const Ptr<HashItem const>& item);
+  // False for a null or absent item.
+  bool remove(const Ptr<HashItem const>& item, const Ptr<CuckooCmds>& cmds);
+  // The slot holding an item equal to `item`, searched table by table and bin
+  // by bin, or null.
+  Ptr<CuckooItem const> lookupItem(const Ptr<HashItem const>& item) const;
+  U32 getTableIndexForItem(TableId tableId, const Ptr<HashItem const>& item) const;
+
+  // Shadow write with item counts kept; returns what it replaced.
+  Ptr<EvictCmd const> setItemAtLocation(const Ptr<HashItem const>& item, const CuckooLocation& location);
+  // One walk step: places `item` in the first free candidate slot (null
+  // returned) or evicts a random victim and returns it.
+  Ptr<HashItem const> tryInsertItem(const Ptr<HashItem const>& item, const Ptr<EvictCmdPath>& path);
+  // Turns a finished walk into writes on `cmds`, free slot first, new item
+  // last; clears the path.
+  void updateCuckooCmds(const Ptr<EvictCmdPath>& path, const Ptr<CuckooCmds>& cmds);
+  // Drops the loops of a walk that came back to a slot, restoring the shadow
+  // they changed; returns how many loops it dropped.
+  U32 maybeDeleteCycle(const Ptr<EvictCmdPath>& path);
+  // Undoes a walk on the shadow, latest step first, and clears the path.
+  void revertChanges(const Ptr<EvictCmdPath>& path);
+  // Never shortens the list, on purpose: the order built is the hitless one.
+  bool tryReduceCuckooCmds(const Ptr<CuckooCmds>& cmds);
+  void updateFailStats(float loadFactor);
+
+  // The agent applied status.cuckooCmds: counts and clears it.
+  void handleCmdReadCompleted();
+  // Retries up to maxPendingItemsToReview pending items and logs while items
+  // stay pending; runs from the clock.
+  void reviewPendingItems();
+  // Replays status.cuckooCmds on a copy of the hardware state and answers
+  // whether no write loses the last copy of an item. Changes nothing.
+  bool verifyCuckooCmdsHitless() const;
+
+  // Operator dumps: per-table counts and occupied slots; change nothing.
+  void currentSnapshot(std::ostream& os) const;
+  // verbosity 0: counts only; 1: also the pending items; 2: also every slot.
+  void displayItems(std::ostream& os, U32 verbosity) const;
+
+ protected:
+  void handleInitialized() override;
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  HashTable(const Ptr<Config>& config, const Ptr<Status>& status, const Ptr<Zum::Clock>& clock);
+
+  class ConfigReactor : public Config::Notifiee {
+   public:
+    explicit ConfigReactor(HashTable* table) : table_(table) {}
+    void onCmdReadCompleted() override { table_->handleCmdReadCompleted(); }
+
+   private:
+    HashTable* table_;  // owns this reactor
+  };
+  class ReviewReactor : public Zum::Clock::Notifiee {
+   public:
+    explicit ReviewReactor(HashTable* table) : table_(table) {}
+    void onTime() override { table_->reviewPendingItems(); }
+
+   protected:
+    void onNotifier() override { table_->reviewPendingItems(); }
+
+   private:
+    HashTable* table_;  // owns this reactor
+  };
+
+  const TableDescriptor& desc(TableId tableId) const { return *tableDescs_[tableId.value()]; }
+  void checkConfig() const;
+  void scheduleReviewIfPending();
+  void logPendingState();
+  // Undo the steps [first, last] of `steps` on the shadow, latest first.
+  void undoSteps(const std::deque<Ptr<EvictCmd const>>& steps, size_t first, size_t last);
+  void emitCmd(const Ptr<EvictCmd const>& step, const Ptr<HashItem const>& prior,
+               const Ptr<CuckooCmds>& cmds);
+
+  Ptr<Config> config_;
+  Ptr<Status> status_;
+  Ptr<Zum::Clock> clock_;
+  ConfigReactor configReactor_;
+  ReviewReactor reviewReactor_;
+  std::vector<Ptr<TableDescriptor const>> tableDescs_;  // by table number, read at start
+  Zum::HashMap<CuckooLocation, Ptr<HashItem const>> itemShadow_;  // occupied slots only
+  // What each write of status.cuckooCmds overwrote, index for index; lets the
+  // self-check rebuild the hardware state the list starts from.
+  std::deque<Ptr<HashItem const>> cmdPriorItems_;
+  TableId lastEvictedTable_;  // table of the last eviction; null after a free-slot placement
+  Seconds pendingItemBeginTime_ = 0.0;
+  Seconds lastSyslogTime_ = 0.0;
+  bool alarmLogged_ = false;  // a "pending items existed" message awaits its "empty" message
+  bool initialized_ = false;
+};
+
+// The table is driven by `clock` for the pending review; null takes the
+// activity loop's clock.
+Ptr<HashTable> hashTableFactory(const Ptr<Config>& config, const Ptr<Status>& status,
+                                const Ptr<Zum::Clock>& clock = nullptr);
+
+}  // namespace Olk::Cuckoo

@@ -1,0 +1,594 @@
+#include "Olk/CuckooHashTable.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <optional>
+#include <random>
+#include <set>
+#include <sstream>
+
+#include "platform/Clock.h"
+#include "platform/Log.h"
+#include "platform/Trace.h"
+
+using namespace Olk;
+using namespace Olk::Cuckoo;
+
+namespace {
+
+using Item = Ptr<HashItem const>;
+using Shape = std::vector<std::pair<U32, U32>>;  // (tableSize, binSize) per table
+
+struct Fixture {
+  Ptr<Config> config;
+  Ptr<Status> status = statusFactory("status");
+  Ptr<Zum::ManualClock> clock = Zum::manualClockFactory(1000.0);
+  Ptr<HashTable> table;
+
+  explicit Fixture(const Shape& shape, U32 seed = 1, U32 maxLoop = 200, U32 maxRetry = 3, bool hitless = true) {
+    config = configFactory("cfg", U8(shape.size()));
+    for (U32 t = 0; t < shape.size(); ++t) config->tableDescListIs(t, shape[t].first, shape[t].second);
+    config->randomSeedIs(seed);
+    config->maxLoopIs(maxLoop);
+    config->maxRetryIs(maxRetry);
+    config->hitlessIs(hitless);
+  }
+  Fixture& start() {
+    table = hashTableFactory(config, status, clock);
+    return *this;
+  }
+  size_t cmds() const { return status->cuckooCmds()->itemSeqs(); }
+  Ptr<CuckooItem const> cmd(size_t i) const { return status->cuckooCmds()->itemSeq(i); }
+  U32 evicts() const {
+    U32 n = 0;
+    for (const auto& kv : status->tableStat()) n += kv.second->numOfEvicts();
+    return n;
+  }
+  std::vector<Item> placed() const {
+    std::vector<Item> items;
+    for (const auto& kv : table->itemShadow()) items.push_back(kv.second);
+    return items;
+  }
+  // Every slot as (location -> key): placements compared across runs.
+  std::map<CuckooLocation, U32> placement() const {
+    std::map<CuckooLocation, U32> out;
+    for (const auto& [l, item] : table->itemShadow()) out[l] = static_cast<const IntHashItem&>(*item).key();
+    return out;
+  }
+};
+
+Item item(U32 key, U32 h0, U32 h1, U32 h2 = 0) { return intHashItemFactory(key, h0, h1, h2); }
+
+// The hardware as the agent sees it: one slot array per table, written one
+// command at a time, searched the way the lookup engine does (each table at
+// the item's index, every bin).
+class HardwareModel {
+ public:
+  explicit HardwareModel(const Shape& shape) : shape_(shape) {
+    for (const auto& [size, bins] : shape) slots_.emplace_back(size_t(size) * bins);
+  }
+  void write(const CuckooItem& c) { slot(c.location()) = c.item(); }
+  bool found(const Item& item) const {
+    for (U8 t = 0; t < shape_.size(); ++t) {
+      const U32 index = item->getHash(t) % shape_[t].first;
+      for (U8 b = 0; b < shape_[t].second; ++b) {
+        const Item& at = slots_[t][size_t(index) * shape_[t].second + b];
+        if (at && item->isEqual(at)) return true;
+      }
+    }
+    return false;
+  }
+  Item at(const CuckooLocation& l) { return slot(l); }
+  bool empty(const CuckooLocation& l) { return !slot(l); }
+  // Equal to the table's shadow, slot for slot.
+  bool equals(const HashTable& table) const {
+    size_t occupied = 0;
+    for (U8 t = 0; t < shape_.size(); ++t) {
+      for (size_t s = 0; s < slots_[t].size(); ++s) {
+        if (!slots_[t][s]) continue;
+        ++occupied;
+        const CuckooLocation l{t, U8(s % shape_[t].second), U32(s / shape_[t].second)};
+        if (table.itemShadow(l) != slots_[t][s]) return false;
+      }
+    }
+    return occupied == table.itemShadow().size();
+  }
+
+ private:
+  Item& slot(const CuckooLocation& l) {
+    return slots_[l.tableId.value()][size_t(l.index) * shape_[l.tableId.value()].second + l.binId];
+  }
+  Shape shape_;
+  std::vector<std::vector<Item>> slots_;
+};
+
+// One operation's share of the command list and the items that must stay
+// findable while it is written.
+struct Segment {
+  size_t end;
+  std::vector<Item> mustStay;
+  bool oneInsertion;  // a review may place several items in one segment
+};
+
+// Drives a table with random insertions and deletions, writes every command
+// list to the hardware model and checks after each single write.
+class RandomRun {
+ public:
+  RandomRun(const Shape& shape, U32 seed, U32 maxLoop, bool hitless, U32 batch)
+      : f_(shape, seed, maxLoop, 3, hitless), hw_(shape), rng_(seed), batch_(batch) {
+    f_.start();
+  }
+  ~RandomRun() { Zum::logSinkIs(quietLogs_); }
+
+  // Performs `ops` operations; answers whether the hardware ever missed an item.
+  bool go(U32 ops, U32 keySpace) {
+    for (U32 op = 0; op < ops; ++op) {
+      if (rng_() % 8 == 0) {
+        step([&] { f_.clock->advance(f_.config->pendingItemReviewQuantum()); }, std::nullopt, false);
+      } else if (!live_.empty() && rng_() % 3 == 0) {
+        auto it = std::next(live_.begin(), std::ptrdiff_t(rng_() % live_.size()));
+        const auto& stored = static_cast<const IntHashItem&>(*it->second);
+        Item victim = item(stored.key(), stored.hashIndex0(), stored.hashIndex1(), stored.hashIndex2());
+        step([&] { EXPECT_TRUE(f_.table->deleteItem(victim)); }, it->first);
+      } else {
+        const U32 key = rng_() % keySpace;
+        Item fresh = item(key, rng_(), rng_(), rng_());
+        if (!live_.count(key)) step([&] { f_.table->insertItem(fresh); });
+      }
+      if (++sinceAck_ >= batch_) acknowledge();
+    }
+    acknowledge();
+    return missed_;
+  }
+  Fixture& fixture() { return f_; }
+  U32 segmentsWithRepeats() const { return repeats_; }
+
+ private:
+  template <class F>
+  void step(F&& operation, std::optional<U32> removing = std::nullopt, bool oneInsertion = true) {
+    std::vector<Item> stay;
+    for (const Item& i : f_.placed()) {
+      if (!removing || static_cast<const IntHashItem&>(*i).key() != *removing) stay.push_back(i);
+    }
+    operation();
+    segments_.push_back({f_.cmds(), std::move(stay), oneInsertion});
+    live_.clear();
+    for (const Item& i : f_.placed()) live_[static_cast<const IntHashItem&>(*i).key()] = i;
+  }
+
+  void acknowledge() {
+    const bool verified = f_.table->verifyCuckooCmdsHitless();
+    bool missed = false;
+    size_t start = 0;
+    for (const Segment& s : segments_) {
+      std::set<CuckooLocation> written;
+      for (size_t i = start; i < s.end; ++i) {
+        const Ptr<CuckooItem const> c = f_.cmd(i);
+        if (!written.insert(c->location()).second && s.oneInsertion) ++repeats_;
+        const Item overwritten = hw_.at(c->location());
+        hw_.write(*c);
+        for (const Item& must : s.mustStay) missed |= !hw_.found(must);
+        // Stricter: nothing the hardware holds may vanish unless deleted,
+        // including items placed earlier in the same list.
+        missed |= overwritten && c->item() && !hw_.found(overwritten);
+      }
+      start = s.end;
+    }
+    EXPECT_EQ(start, f_.cmds());
+    EXPECT_EQ(verified, !missed);
+    missed_ |= missed;
+    segments_.clear();
+    f_.config->cmdReadCompletedInc();
+    EXPECT_EQ(0u, f_.cmds());
+    EXPECT_TRUE(hw_.equals(*f_.table));
+    sinceAck_ = 0;
+  }
+
+  Zum::LogSink quietLogs_ = Zum::logSinkIs([](const Zum::LogRecord&) {});
+  Fixture f_;
+  HardwareModel hw_;
+  std::mt19937 rng_;
+  U32 batch_;
+  U32 sinceAck_ = 0;
+  U32 repeats_ = 0;
+  bool missed_ = false;
+  std::vector<Segment> segments_;
+  std::map<U32, Item> live_;  // key -> placed item
+};
+
+const std::vector<Shape> shapes = {
+    {{61, 1}},                                                           // one table
+    {{16, 4}, {16, 4}},                                                  // 2 x 4 bins
+    {{23, 1}, {29, 1}, {31, 1}, {37, 1}},                                // 4 x 1
+    {{17, 2}, {19, 2}, {13, 2}},                                         // 3 x 2
+    {{7, 1}, {5, 2}, {3, 4}, {11, 1}, {2, 8}, {5, 3}, {3, 2}, {9, 1}, {4, 2}},  // 9 mixed
+    {{2, 1}, {3, 1}},                                                    // tiny: long walks, cycles
+    {{1, 2}, {2, 1}, {1, 1}},                                            // tiny, mixed bins
+};
+
+U32 capacity(const Shape& s) {
+  U32 c = 0;
+  for (const auto& [size, bins] : s) c += size * bins;
+  return c;
+}
+
+}  // namespace
+
+// ---- value types and records ----------------------------------------------
+
+TEST(CuckooHashTable, TableIdAcceptsNullAndRefusesBeyond) {
+  EXPECT_EQ(9, TableId(9).value());
+  EXPECT_EQ(TableId::null, TableId().value());
+  try {
+    TableId(10);
+    FAIL();
+  } catch (const Zum::RangeException& e) {
+    EXPECT_STREQ("TableId::value < TableId::min or > TableId::null not allowed", e.what());
+  }
+  EXPECT_EQ("( 3 )", valueToStrep(TableId(3)));
+  EXPECT_EQ(TableId(3), strepToValue<TableId>("( 3 )"));
+  EXPECT_THROW(strepToValue<TableId>("( 10 )"), Zum::RangeException);
+}
+
+TEST(CuckooHashTable, LocationTextOrderAndHash) {
+  const CuckooLocation l{2, 3, 70000};
+  EXPECT_EQ("TableId/BinId/Index: ( 2, 3, 70000 )", valueToStrep(l));
+  EXPECT_EQ(l, strepToValue<CuckooLocation>(valueToStrep(l)));
+  EXPECT_TRUE((CuckooLocation{1, 7, 9} < CuckooLocation{2, 0, 0}));
+  EXPECT_TRUE((CuckooLocation{1, 0, 9} < CuckooLocation{1, 1, 0}));
+  EXPECT_TRUE((CuckooLocation{1, 1, 0} < CuckooLocation{1, 1, 1}));
+  EXPECT_FALSE(l < l);
+  EXPECT_NE(std::hash<CuckooLocation>()(CuckooLocation{0, 1, 0}), std::hash<CuckooLocation>()(CuckooLocation{1, 0, 0}));
+}
+
+TEST(CuckooHashTable, BinSizeRangeAndReshapeRefused) {
+  Ptr<Config> c = configFactory("c", 2);
+  for (U32 bad : {0u, 9u, 257u}) {
+    try {
+      c->tableDescListIs(0, 10, bad);
+      FAIL() << bad;
+    } catch (const Zum::RangeException& e) {
+      EXPECT_STREQ("TableDescriptor::binSize < 1 or > 8 not allowed", e.what());
+    }
+  }
+  c->tableDescListIs(0, 10, 1);
+  c->tableDescListIs(1, 10, 8);
+  c->tableDescListIs(1, 10, 8);  // same shape again: accepted, no change
+  EXPECT_EQ(2u, c->tableDescLists());
+  try {
+    c->tableDescListIs(1, 11, 8);
+    FAIL();
+  } catch (const Zum::RangeException& e) {
+    EXPECT_EQ(0, String(e.what()).find("Reinstantiating the pointer interface where constructor parameter "
+                                       "attribute _tableSize has a different value of"));
+  }
+  EXPECT_THROW(c->tableDescListIs(1, 10, 4), Zum::RangeException);
+  EXPECT_EQ(10u, c->tableDescList(1)->tableSize());
+  EXPECT_EQ("Value('Olk::Cuckoo::TableDescriptor', ** {'tableId': ( 1 ), 'tableSize': 10, 'binSize': 8})",
+            valueToStrep(*c->tableDescList(1)));
+  EXPECT_FALSE(c->hasBackupSupport());
+}
+
+TEST(CuckooHashTable, IntHashItemHashesAndEquality) {
+  Item i = item(5, 10, 11, 12);
+  EXPECT_EQ(10u, i->getHash(0));
+  EXPECT_EQ(11u, i->getHash(1));
+  EXPECT_EQ(12u, i->getHash(2));
+  EXPECT_EQ(12u, i->getHash(5));
+  EXPECT_EQ(12u, i->getHash(8));
+  EXPECT_TRUE(i->isEqual(item(5, 0, 0, 0)));
+  EXPECT_FALSE(i->isEqual(item(6, 10, 11, 12)));
+}
+
+TEST(CuckooHashTableDeathTest, BaseItemAndBadConfigAbort) {
+  EXPECT_DEATH(hashItemFactory()->getHash(0), "not implemented");
+  EXPECT_DEATH(Fixture({{4, 1}}, 1, 0).start(), "config\\(\\)->maxLoop\\(\\)");
+  EXPECT_DEATH(Fixture({{4, 1}}, 1, 1, 0).start(), "config\\(\\)->maxRetry\\(\\)");
+  EXPECT_DEATH(Fixture({{0, 1}}).start(), "tableDesc->tableSize\\(\\)");
+  EXPECT_DEATH(
+      {
+        Fixture f({{4, 1}});
+        f.config->tableDescListDel(0);
+        f.start();
+      },
+      "config\\(\\)->numTables\\(\\) == config\\(\\)->tableDescLists\\(\\)");
+  EXPECT_DEATH(
+      {
+        Fixture f({});
+        f.start();
+      },
+      "config\\(\\)->numTables\\(\\)");
+}
+
+// ---- placement ---------------------------------------------------------------
+
+TEST(CuckooHashTable, OccupancyCountsSlots) {
+  Fixture f({{10, 4}});
+  f.start();
+  for (U32 k = 0; k < 20; ++k) EXPECT_TRUE(f.table->insertItem(item(k, k, 0)));
+  EXPECT_FLOAT_EQ(0.5f, f.status->tableStat(0)->occupancy());
+  EXPECT_FLOAT_EQ(0.5f, f.status->occupancy());
+  Zum::TraceCapture trace;
+  f.status->occupancy();
+  EXPECT_TRUE(trace.contains("Table[( 0 )] numOfHashItems: 20 / 40, numOfEvicts: 0"));
+}
+
+TEST(CuckooHashTable, FreeSlotGivesOneCommandAndClearsLastEvicted) {
+  Fixture f({{8, 2}, {8, 1}});
+  f.start();
+  Zum::TraceCapture trace;
+  ASSERT_TRUE(f.table->insertItem(item(1, 3, 5)));
+  ASSERT_EQ(1u, f.cmds());
+  EXPECT_EQ((CuckooLocation{0, 0, 3}), f.cmd(0)->location());
+  ASSERT_TRUE(f.table->insertItem(item(2, 3, 5)));
+  EXPECT_EQ((CuckooLocation{0, 1, 3}), f.cmd(1)->location());  // next bin before next table
+  ASSERT_TRUE(f.table->insertItem(item(3, 3, 5)));
+  EXPECT_EQ((CuckooLocation{1, 0, 5}), f.cmd(2)->location());
+  EXPECT_EQ(TableId::null, f.table->lastEvictedTable().value());
+  EXPECT_TRUE(f.table->insertItem(item(3, 3, 5)));  // an equal item: already there
+  EXPECT_EQ(3u, f.cmds());
+  EXPECT_TRUE(trace.contains(" item already exists: "));
+  f.config->cmdReadCompletedInc();
+  EXPECT_EQ(0u, f.cmds());
+  EXPECT_EQ(3u, f.status->totalCmdReadCompleted());
+}
+
+TEST(CuckooHashTable, KEvictionsGiveKPlusOneCommandsFreeSlotFirst) {
+  for (U32 seed = 0; seed < 16; ++seed) {
+    const Shape shape = {{8, 1}, {8, 1}};
+    Fixture f(shape, seed);
+    f.start();
+    // T0[0]=A T0[1]=D T1[0]=B T1[1]=C, T0[2] and T1[3] free: X at (0, 0) must
+    // move two items whichever victim the walk picks first.
+    Item a = item(1, 0, 1), c = item(3, 2, 1), d = item(4, 1, 3), b = item(2, 1, 0), filler = item(9, 2, 5);
+    for (const Item& i : {a, filler, c}) ASSERT_TRUE(f.table->insertItem(i));
+    ASSERT_TRUE(f.table->deleteItem(filler));
+    for (const Item& i : {d, b}) ASSERT_TRUE(f.table->insertItem(i));
+    HardwareModel hw(shape);
+    for (size_t i = 0; i < f.cmds(); ++i) hw.write(*f.cmd(i));
+    f.config->cmdReadCompletedInc();
+
+    Item x = item(0, 0, 0);
+    ASSERT_TRUE(f.table->insertItem(x));
+    ASSERT_EQ(3u, f.cmds()) << seed;
+    EXPECT_EQ(2u, f.evicts());
+    EXPECT_TRUE(hw.empty(f.cmd(0)->location()));
+    EXPECT_EQ(x, f.cmd(2)->item());
+    for (size_t i = 0; i < 3; ++i) {
+      hw.write(*f.cmd(i));
+      for (const Item& i2 : {a, b, c, d}) EXPECT_TRUE(hw.found(i2)) << seed << " write " << i;
+    }
+    EXPECT_TRUE(hw.equals(*f.table));
+    EXPECT_TRUE(f.table->verifyCuckooCmdsHitless());
+  }
+}
+
+TEST(CuckooHashTable, SingleTableVictimWrapsToTableZero) {
+  Fixture f({{1, 1}}, 7, 5, 2);
+  f.start();
+  Item a = item(1, 0, 0);
+  ASSERT_TRUE(f.table->insertItem(a));
+  f.config->cmdReadCompletedInc();
+  EXPECT_FALSE(f.table->insertItem(item(2, 0, 0)));
+  EXPECT_EQ(0, f.table->lastEvictedTable().value());
+  EXPECT_EQ(a, f.table->itemShadow(CuckooLocation{0, 0, 0}));
+  EXPECT_EQ(2u, f.status->retryCount());
+  EXPECT_EQ(0u, f.cmds());
+}
+
+TEST(CuckooHashTable, MaxLoopOneOnFullTableRevertsEveryAttempt) {
+  Fixture f({{1, 1}, {1, 1}}, 3, 1, 4);
+  f.start();
+  Item a = item(1, 0, 0), b = item(2, 0, 0);
+  ASSERT_TRUE(f.table->insertItem(a));
+  ASSERT_TRUE(f.table->insertItem(b));
+  f.config->cmdReadCompletedInc();
+  Zum::TraceCapture trace;
+  EXPECT_FALSE(f.table->insertItem(item(3, 0, 0)));
+  EXPECT_EQ(4u, f.status->retryCount());
+  EXPECT_EQ(a, f.table->itemShadow(CuckooLocation{0, 0, 0}));
+  EXPECT_EQ(b, f.table->itemShadow(CuckooLocation{1, 0, 0}));
+  EXPECT_EQ(1u, f.status->tableStat(0)->numOfHashItems());
+  EXPECT_EQ(1u, f.status->tableStat(1)->numOfHashItems());
+  EXPECT_EQ(0u, f.cmds());
+  EXPECT_EQ(1u, f.status->pendingItemSets());
+  EXPECT_EQ(4u, f.status->firstFailLoadFactor().size());
+  EXPECT_FLOAT_EQ(1.0f, f.status->firstFailLoadFactor().front());
+  EXPECT_TRUE(trace.contains("Try[3] maxLoop reached - item: "));
+}
+
+TEST(CuckooHashTable, FailureRecordsSettleOneBeyondTheLimit) {
+  Fixture f({{1, 1}}, 3, 1, 1);
+  f.config->numFailureRecordsIs(2);
+  f.start();
+  f.table->insertItem(item(1, 0, 0));
+  for (U32 k = 2; k < 8; ++k) f.table->insertItem(item(k, 0, 0));
+  EXPECT_EQ(2u, f.status->firstFailLoadFactor().size());
+  EXPECT_EQ(3u, f.status->lastFailLoadFactor().size());
+}
+
+TEST(CuckooHashTable, RemoveAbsentNullAndPending) {
+  Fixture f({{1, 1}}, 3, 1, 1);
+  f.start();
+  Zum::TraceCapture trace;
+  EXPECT_FALSE(f.table->deleteItem(nullptr));
+  EXPECT_TRUE(trace.contains(" Invalid item."));
+  EXPECT_FALSE(f.table->deleteItem(item(1, 0, 0)));
+  EXPECT_TRUE(trace.contains(" Item does not exist."));
+  ASSERT_TRUE(f.table->insertItem(item(1, 0, 0)));
+  EXPECT_FALSE(f.table->insertItem(item(2, 0, 0)));
+  EXPECT_EQ(1u, f.clock->scheduledCount());
+  EXPECT_FALSE(f.table->deleteItem(item(2, 9, 9)));  // pending, equal by key
+  EXPECT_EQ(0u, f.status->pendingItemSets());
+  EXPECT_TRUE(f.table->deleteItem(item(1, 0, 0)));
+  ASSERT_EQ(2u, f.cmds());
+  EXPECT_FALSE(f.cmd(1)->item());
+  EXPECT_EQ(0u, f.status->tableStat(0)->numOfHashItems());
+}
+
+// ---- hitlessness against the hardware model -----------------------------------
+
+TEST(CuckooHashTable, RandomRunsStayHitlessOnEveryWrite) {
+  U32 cycles = 0, pendingSeen = 0;
+  for (size_t s = 0; s < shapes.size(); ++s) {
+    for (U32 seed = 1; seed <= 6; ++seed) {
+      for (U32 batch : {1u, 7u}) {
+        for (U32 maxLoop : {200u, 4u}) {
+          RandomRun run(shapes[s], seed * 101 + U32(s), maxLoop, true, batch);
+          const U32 keys = capacity(shapes[s]) * 5 / 4 + 2;
+          EXPECT_FALSE(run.go(400, keys)) << "shape " << s << " seed " << seed;
+          EXPECT_EQ(0u, run.segmentsWithRepeats());
+          cycles += run.fixture().status->cycleCount();
+          pendingSeen += run.fixture().status->retryCount() ? 1 : 0;
+        }
+      }
+    }
+  }
+  EXPECT_GT(cycles, 0u);       // walks that came back to a slot were exercised
+  EXPECT_GT(pendingSeen, 20u);  // and so were full tables
+}
+
+TEST(CuckooHashTable, WithoutHitlessSelfCheckAgreesWithHardwareModel) {
+  bool anyMiss = false;
+  for (size_t s = 0; s < shapes.size(); ++s) {
+    for (U32 seed = 1; seed <= 6; ++seed) {
+      RandomRun run(shapes[s], seed, 50, false, 1);
+      // go() asserts verify == !missed after every acknowledgement.
+      anyMiss |= run.go(300, capacity(shapes[s]) * 5 / 4 + 2);
+      EXPECT_EQ(0u, run.segmentsWithRepeats());  // each slot written once, latest value
+    }
+  }
+  EXPECT_TRUE(anyMiss);  // without cycle removal some lists do lose an item
+}
+
+TEST(CuckooHashTable, EqualSeedsGiveEqualPlacements) {
+  for (size_t s = 0; s < shapes.size(); ++s) {
+    RandomRun first(shapes[s], 42, 30, true, 3);
+    first.go(300, capacity(shapes[s]) + 3);
+    const auto expected = first.fixture().placement();
+    RandomRun second(shapes[s], 42, 30, true, 3);
+    second.go(300, capacity(shapes[s]) + 3);
+    EXPECT_EQ(expected, second.fixture().placement()) << "shape " << s;
+    RandomRun other(shapes[s], 43, 30, true, 3);
+    other.go(300, capacity(shapes[s]) + 3);
+  }
+}
+
+TEST(CuckooHashTable, RevisitedSlotWrittenOnce) {
+  // Find a walk that came back to a slot; its list must write each slot once.
+  bool seen = false;
+  for (U32 seed = 1; seed < 200 && !seen; ++seed) {
+    Fixture f({{2, 1}, {3, 1}}, seed, 30, 1);
+    f.start();
+    std::mt19937 rng(seed);
+    for (U32 k = 0; k < 5 && !seen; ++k) {
+      const U32 before = f.status->cycleCount();
+      const size_t start = f.cmds();
+      if (!f.table->insertItem(item(k, rng(), rng()))) continue;
+      if (f.status->cycleCount() == before) continue;
+      seen = true;
+      std::set<CuckooLocation> written;
+      for (size_t i = start; i < f.cmds(); ++i) EXPECT_TRUE(written.insert(f.cmd(i)->location()).second);
+      EXPECT_GE(f.status->longestCycle(), 1u);
+      EXPECT_TRUE(f.table->verifyCuckooCmdsHitless());
+    }
+  }
+  EXPECT_TRUE(seen);
+}
+
+// ---- pending items -----------------------------------------------------------
+
+namespace {
+
+// A full two-slot table holding `a` and `b`, with `n` items pending behind them.
+struct Backlog : Fixture {
+  Item a = item(1000, 0, 0), b = item(1001, 0, 0);
+  explicit Backlog(U32 n) : Fixture({{1, 1}, {1, 1}}, 5, 1, 1) {
+    start();
+    table->insertItem(a);
+    table->insertItem(b);
+    for (U32 k = 0; k < n; ++k) EXPECT_FALSE(table->insertItem(item(k, 0, 0)));
+  }
+};
+
+}  // namespace
+
+TEST(CuckooHashTable, ReviewRetriesAtMostTheQuantumOfItems) {
+  Backlog f(30);
+  EXPECT_EQ(30u, f.status->pendingItemSets());
+  f.table->deleteItem(f.a);
+  f.table->deleteItem(f.b);
+  const U32 retries = f.status->retryCount();
+  const U32 version = f.status->pendingItemVersion();
+  Zum::TraceCapture trace;
+  f.clock->advance(5.0);
+  EXPECT_EQ(retries + 23, f.status->retryCount());  // 25 tried: 2 placed, 23 failed
+  EXPECT_EQ(28u, f.status->pendingItemSets());
+  EXPECT_EQ(version + 1, f.status->pendingItemVersion());
+  EXPECT_TRUE(trace.contains("Number of pending items inserted: 2"));
+  // The oldest pending items went first.
+  EXPECT_EQ(0u, static_cast<const IntHashItem&>(*f.table->itemShadow(CuckooLocation{0, 0, 0})).key());
+  EXPECT_EQ(1010.0, f.clock->nextTime());  // the next review
+  f.clock->advance(5.0);
+  EXPECT_EQ(retries + 23 + 25, f.status->retryCount());
+  EXPECT_EQ(version + 1, f.status->pendingItemVersion());
+}
+
+TEST(CuckooHashTable, ReviewDisabledOnlyUnschedules) {
+  Backlog f(3);
+  f.table->deleteItem(f.a);
+  f.config->reviewPendingItemSupportIs(false);
+  Zum::TraceCapture trace;
+  f.clock->advance(5.0);
+  EXPECT_TRUE(trace.contains("Skip processing pending items, check reviewPendingItemSupport."));
+  EXPECT_EQ(3u, f.status->pendingItemSets());
+  EXPECT_EQ(0u, f.clock->scheduledCount());
+  EXPECT_FALSE(f.table->itemShadow(CuckooLocation{0, 0, 0}));
+}
+
+TEST(CuckooHashTable, PendingAlarmRaisedAndCleared) {
+  std::vector<String> logs;
+  auto old = Zum::logSinkIs([&](const Zum::LogRecord& r) { logs.push_back(r.text); });
+  {
+    Backlog f(2);
+    f.clock->advance(55.0);  // reviews at 5..55: pending since 1005
+    EXPECT_TRUE(logs.empty());
+    f.clock->advance(10.0);
+    ASSERT_EQ(1u, logs.size());
+    EXPECT_EQ("Syslog - Pending items existed for more than 60 secs.", logs[0]);
+    EXPECT_EQ(1u, f.status->pendingItemSyslogVersion());
+    f.clock->advance(30.0);
+    EXPECT_EQ(1u, logs.size());  // not again within the interval
+    f.table->deleteItem(f.a);
+    f.table->deleteItem(f.b);
+    f.clock->advance(5.0);
+    ASSERT_EQ(2u, logs.size());
+    EXPECT_EQ("Syslog - Pending items are empty", logs[1]);
+    EXPECT_EQ(2u, f.status->pendingItemSyslogVersion());
+    EXPECT_EQ(-Zum::endOfTime, f.table->pendingItemBeginTime());
+    EXPECT_EQ(0u, f.clock->scheduledCount());
+  }
+  {
+    Backlog f(2);
+    f.config->syslogIntervalForPendingItemsIs(Zum::endOfTime);
+    f.clock->advance(1000.0);
+    f.table->deleteItem(f.a);
+    f.table->deleteItem(f.b);
+    f.clock->advance(5.0);
+    EXPECT_EQ(0u, f.status->pendingItemSets());
+    EXPECT_EQ(0u, f.status->pendingItemSyslogVersion());
+  }
+  EXPECT_EQ(2u, logs.size());
+  Zum::logSinkIs(old);
+}
+
+TEST(CuckooHashTable, DumpsListCountsAndSlots) {
+  Fixture f({{8, 1}});
+  f.start();
+  f.table->insertItem(item(7, 3, 0));
+  std::ostringstream os;
+  f.table->displayItems(os, 2);
+  EXPECT_NE(String::npos, os.str().find("Table[( 0 )] numOfHashItems: 1 / 8"));
+  EXPECT_NE(String::npos, os.str().find("TableId/BinId/Index: ( 0, 0, 3 ) IntHashItem( 7; 3, 0, 0 )"));
+}
