@@ -92,7 +92,9 @@ double monotonicNow() {
 }
 
 [[noreturn]] void timedOut(const Options& o) {
-  fail(exitTimeout, o, "timed out after " + std::to_string(o.timeout) + " s");
+  char text[64];
+  snprintf(text, sizeof(text), "timed out after %g s", o.timeout);
+  fail(exitTimeout, o, text);
 }
 
 // Connects with the time-out bounding a connect that waits for the backlog.
