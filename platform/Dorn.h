@@ -506,6 +506,7 @@ class RootScheduler : public Scheduler {
   void printStats(std::ostream& os, const PrintOptions& options) const override;
 
   U32 taskGroupCount() const { return static_cast<U32>(groups_.size()); }
+  const std::vector<TaskGroup*>& groups() const { return groups_; }
   // Every task registered on this root and its groups.
   U32 totalRegisteredTaskCount() const;
 
