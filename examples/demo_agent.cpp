@@ -7,7 +7,7 @@
 // on its single event-loop thread. Talk to it with olkctl:
 //
 //   olkctl demo help          # the registered commands
-//   olkctl demo stats         # loop and workload statistics
+//   olkctl demo stats         # workload and scheduler statistics
 //   olkctl demo dump          # every component's state
 //   olkctl demo dump gz /tmp/demo.gz
 //   olkctl demo shutdown      # stops cleanly (so do SIGTERM and SIGINT)
@@ -39,7 +39,10 @@
 #include "Olk/HTimerWheel.h"
 #include "Olk/IdSet.h"
 #include "Olk/NumAllocator.h"
+#include "Olk/MallocTrimmerSm.h"
 #include "Olk/SimpleAgentSocketHandler.h"
+#include "Olk/Task.h"
+#include "Olk/TaskScheduler.h"
 #include "Olk/XactLib.h"
 #include "platform/ActivityManager.h"
 #include "platform/Clock.h"
@@ -53,6 +56,7 @@ namespace {
 struct DemoEnv {
   Ptr<Zum::ActivityManager> loop;
   Ptr<Zum::Clock> clock;
+  Ptr<TaskSchedulerZumActivity> scheduler;  // the agent scheduler "main"
   Ptr<SimpleAgentSocketHandler> commands;
 };
 
@@ -89,23 +93,26 @@ void dumpText(const Ptr<const DumpContext>& ctx, const String& text) {
   for (String line; std::getline(in, line);) objDumpPrintf(ctx, "%s\n", line.c_str());
 }
 
-// Calls `work` every `period` seconds on the loop's clock.
-class Periodic : private Zum::Clock::Notifiee {
+// Calls `work` every `period` seconds from a timer task on the agent
+// scheduler, so that each workload shows up in the scheduler's statistics.
+class Periodic : private Task::NotifieeConst {
  public:
-  Periodic(const Ptr<Zum::Clock>& clock, Seconds period, std::function<void()> work)
+  Periodic(DemoEnv& env, const String& name, Seconds period, std::function<void()> work)
       : period_(period), work_(std::move(work)) {
-    notifierIs(clock);
-    timeMinIs(clock->now() + period_);
+    task_ = timerTaskFactory(env.scheduler, TaskPriority::normal, name);
+    notifierIs(task_);
+    task_->scheduleTaskDelay(period_);
   }
 
  private:
-  void onTime() override {
-    timeMinIs(notifier()->now() + period_);
+  void onTaskRun() override {
+    task_->scheduleTaskDelay(period_);
     work_();
   }
 
   const Seconds period_;
   const std::function<void()> work_;
+  Ptr<TimerTask> task_;
 };
 
 // --- timer wheel: many self-rearming timers on one clock notifiee -----------
@@ -175,8 +182,8 @@ class CuckooModule : public DemoModule {
   explicit CuckooModule(DemoEnv& env)
       : config_(Cuckoo::configFactory("demo-cuckoo", 3)),
         status_(Cuckoo::statusFactory("demo-cuckoo")),
-        workload_(env.clock, 0.005, [this] { churn(); }),
-        hardwareWriter_(env.clock, 0.05, [this] { writeHardware(); }) {
+        workload_(env, "cuckoo-churn", 0.01, [this] { churn(); }),
+        hardwareWriter_(env, "cuckoo-hardware", 0.05, [this] { writeHardware(); }) {
     for (U32 t = 0; t < 3; ++t) config_->tableDescListIs(Cuckoo::TableId(t), tableSize, binSize);
     config_->pendingItemReviewQuantumIs(1.0);
     table_ = Cuckoo::hashTableFactory(config_, status_, env.clock);
@@ -215,6 +222,10 @@ class CuckooModule : public DemoModule {
   // Fills the table to its target load, then keeps it there with a mix of
   // deletes and inserts so that evictions keep happening.
   void churn() {
+    churnOnce();
+    churnOnce();
+  }
+  void churnOnce() {
     if (keys_.size() < targetItems || rand() % 2) {
       insert(static_cast<U32>(rand()) % 100000);
     } else {
@@ -299,7 +310,7 @@ class XactModule : public DemoModule {
       : clock_(env.clock),
         xacts_(xactDirFactory("demo-xacts")),
         aggregator_(xactAggregatorSmFactory("demo-aggregator", env.clock)),
-        workload_(env.clock, 0.25, [this] { startXacts(1); }) {
+        workload_(env, "xact-start", 0.25, [this] { startXacts(1); }) {
     aggregator_->timeoutIs(5.0);
     for (const char* name : {"executor-a", "executor-b", "executor-c"}) {
       auto configs = xactConfigDirFactory(name);
@@ -431,7 +442,7 @@ class AllocModule : public DemoModule {
                                     1.0)),
         activeIds_(labelCount, Id(0)),
         blocks_(bestFitAllocatorFactory(512, 0x1000, 32)),
-        workload_(env.clock, 0.05, [this] { churn(); }) {
+        workload_(env, "alloc-churn", 0.05, [this] { churn(); }) {
     env.commands->commandIs(
         "labels", "labels [allocate | release <label>]: the label allocator and its active set",
         [this](const CommandRequest& r) { return labelCommand(r); });
@@ -533,7 +544,10 @@ class DemoAgent {
   explicit DemoAgent(const String& name) {
     env_.loop = Zum::activityManager();
     env_.clock = env_.loop->clock();
+    env_.scheduler = TaskSchedulerZumActivity::findOrCreateAgentScheduler();
     env_.commands = simpleAgentSocketHandlerFactory(name);
+    trimmer_ = mallocTrimmerSmFactory(env_.scheduler);
+    trimmer_->taskDelayIntervalIs(5.0);
     modules_.push_back(std::make_unique<WheelModule>(env_));
     modules_.push_back(std::make_unique<CuckooModule>(env_));
     modules_.push_back(std::make_unique<XactModule>(env_));
@@ -546,8 +560,8 @@ class DemoAgent {
 
  private:
   void registerAgentCommands() {
-    env_.commands->commandIs("stats", "statistics of the loop and every workload",
-                             [this](const CommandRequest&) { return statsText(); });
+    env_.commands->commandIs("stats", "stats [all]: every workload, then the scheduler's task table",
+                             [this](const CommandRequest& r) { return stats(r); });
     env_.commands->commandIs(
         "dump", "dump [verbose] [gz <path>]: every component's state, here or to a gzip file",
         [this](const CommandRequest& r) { return dump(r); });
@@ -557,15 +571,23 @@ class DemoAgent {
     });
   }
 
-  String statsText() const {
+  // "all" adds tasks that never ran, dead tasks and the run history.
+  String stats(const CommandRequest& r) const {
+    const std::vector<String> w = words(r.args);
+    if (!w.empty() && (w.size() > 1 || w[0] != "all")) throw CommandError("usage: stats [all]");
+    const bool all = !w.empty();
     String text = Zum::format("loop: descriptors %zu\n", env_.loop->fileDescriptorCount());
     for (const auto& m : modules_) text += m->stats();
-    return text;
+    writeToClient(r.clientFd, text);
+    env_.scheduler->printStats(DumpContext::dumpContext(r.clientFd, dumpNormal, false), all, all, false, all);
+    return "";
   }
 
   void dumpAll(const Ptr<const DumpContext>& ctx) const {
     env_.commands->agentSocketHandlerSm()->dumpState(ctx, ctx->level());
     for (const auto& m : modules_) m->dump(ctx);
+    trimmer_->dumpState(ctx, ctx->level());
+    env_.scheduler->printStats(ctx, false, false, false, false);
   }
 
   String dump(const CommandRequest& r) const {
@@ -610,6 +632,7 @@ class DemoAgent {
   };
 
   DemoEnv env_;
+  Ptr<MallocTrimmerSm> trimmer_;
   std::vector<std::unique_ptr<DemoModule>> modules_;
   Ptr<Zum::FileDescriptor> signals_;
   SignalReactor signalReactor_;
