@@ -7,8 +7,7 @@
 set -e
 src=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD:-$src/build-demo}
-cmake -S "$src" -B "$build" -G Ninja -DOLK_BUILD_TESTS=OFF -DOLK_BUILD_BENCH=OFF \
-  -DOLK_BUILD_EXAMPLES=ON >/dev/null
+cmake -S "$src" -B "$build" -G Ninja -DOLK_BUILD_EXAMPLES=ON >/dev/null
 ninja -C "$build" -j2 olk demo_agent olkctl
 
 agent="$build/examples/demo_agent"
