@@ -19,6 +19,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -32,6 +33,7 @@
 #include <string>
 #include <vector>
 
+#include "Cell/Cell.h"
 #include "Olk/AgentSocketHandler.h"
 #include "Olk/BestFitAllocator.h"
 #include "Olk/CuckooHashTable.h"
@@ -39,6 +41,7 @@
 #include "Olk/HTimerWheel.h"
 #include "Olk/IdSet.h"
 #include "Olk/NumAllocator.h"
+#include "Olk/ProcSysUtils.h"
 #include "Olk/MallocTrimmerSm.h"
 #include "Olk/SimpleAgentSocketHandler.h"
 #include "Olk/Task.h"
@@ -539,6 +542,48 @@ class AllocModule : public DemoModule {
   std::vector<Ptr<BFA::Blk>> held_;
   Periodic workload_;
 };
+// --- system: the cell this agent runs on and kernel tunables ----------------
+
+class SystemModule : public DemoModule {
+ public:
+  explicit SystemModule(DemoEnv& env) {
+    env.commands->commandIs("system", "system [sysctl <name>]: cell identity, or read a /proc/sys tunable",
+                            [this](const CommandRequest& r) { return command(r); });
+  }
+  const char* name() const override { return "system"; }
+  String stats() const override { return ""; }
+  void dump(const Ptr<const DumpContext>& ctx) const override { dumpText(ctx, identity()); }
+
+ private:
+  // Looked up on demand: a malformed identity file is the operator's news,
+  // not a reason for the agent to fail.
+  static String identity() {
+    try {
+      return Zum::format("cell: id %u type %s product %s\n", static_cast<unsigned>(Cell::cellId()),
+                         Cell::cellType().c_str(), Cell::product().c_str());
+    } catch (const std::exception& e) {
+      return String("cell: unknown (") + e.what() + ")\n";
+    }
+  }
+
+  // "net.core.somaxconn" and "net/core/somaxconn" both name the same file.
+  static String sysctl(String name) {
+    if (name.find("..") != String::npos) throw CommandError("no '..' in tunable names");
+    std::replace(name.begin(), name.end(), '.', '/');
+    char buf[4096] = {};
+    const int err = readProcSys(("/proc/sys/" + name).c_str(), buf, sizeof(buf) - 1);
+    if (err != 0) throw CommandError(name + ": " + strerror(err));
+    return buf;
+  }
+
+  String command(const CommandRequest& r) {
+    const std::vector<String> w = words(r.args);
+    if (w.empty()) return identity();
+    if (w.size() == 2 && w[0] == "sysctl") return sysctl(w[1]);
+    throw CommandError("usage: system [sysctl <name>]");
+  }
+};
+
 class DemoAgent {
  public:
   explicit DemoAgent(const String& name) {
@@ -552,6 +597,7 @@ class DemoAgent {
     modules_.push_back(std::make_unique<CuckooModule>(env_));
     modules_.push_back(std::make_unique<XactModule>(env_));
     modules_.push_back(std::make_unique<AllocModule>(env_));
+    modules_.push_back(std::make_unique<SystemModule>(env_));
     registerAgentCommands();
     watchSignals();
   }
