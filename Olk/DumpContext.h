@@ -1,19 +1,16 @@
 // Dump contexts: where and how an object's textual state dump is written.
 //
-// An agent dumps its in-memory state on request. A `DumpContext` carries
-// what one dump needs: the sink (a gzip stream, else a write callback, else a
-// plain descriptor, in that order of preference), the detail level, optional
-// line numbers, de-duplication of objects already dumped (so a dumper prints
-// a back-reference to a line instead of dumping a shared object twice), a cap
-// on list lengths, and the policy for write errors. Every dumper writes
-// through `objDumpPrintf`, which keeps the line count.
-//
-// A context is used by one thread at a time; dumpers receive it as a
-// `Ptr<const DumpContext>` and the counters they must update are mutable.
-// Output of one `objDumpPrintf` call must fit the formatting buffer
-// (`dumpBufSize`); longer output is a programming error and aborts.
-// Write errors are ignored unless `exitOnWriteError` is set, in which case the
-// process ends at once (a dump that silently lost lines can mislead).
+// A `DumpContext` carries what one dump needs: the sink (a gzip stream, else
+// a write callback, else a plain descriptor, in that order of preference),
+// the detail level, optional line numbers, de-duplication of objects already
+// dumped (a dumper prints a back-reference to a line instead of dumping a
+// shared object twice), a cap on list lengths and the policy for write
+// errors. Every dumper writes through `objDumpPrintf`, which keeps the line
+// count. Dumpers receive a `Ptr<const DumpContext>`; the counters they update
+// are mutable. One call's output must fit `dumpBufSize`: longer output is a
+// programming error and aborts. Write errors are ignored unless
+// `exitOnWriteError` is set, and then end the process at once. A context
+// belongs to one thread at a time.
 #pragma once
 
 #include <zlib.h>

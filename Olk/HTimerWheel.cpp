@@ -78,6 +78,9 @@ BucketSize::BucketSize(U32 value) : value_(value) {
 class TimerWheel::SystemClockReactor : public Zum::Clock::Notifiee {
  public:
   explicit SystemClockReactor(TimerWheel* wheel) : wheel_(wheel) {}
+  // Detach while still a whole clock notifiee: the clock looks at its own
+  // part of us when we leave.
+  ~SystemClockReactor() override { notifierIs(nullptr); }
   void onTime() override {
     Ptr<TimerWheel> keep(wheel_);  // a timer may drop the last other reference
     wheel_->handleSystemClock();

@@ -2,23 +2,16 @@
 //
 // Each timer is a `TimerWheel::NotifieeConst` attached to the wheel with a
 // wake-up time `timeMin`. The wheel files it into a slot of a hierarchy of
-// wheels ("buckets"): bucket 0 has slots of one tick (`tickMsecs`), bucket k
-// slots of `defaultBucketSize^k` ticks. Filing, moving and removing a timer
-// touch one slot list and one counter, whatever the number of timers; the
-// system clock is kept set to the earliest occupied slot of bucket 0 (or to
-// the end of bucket 0 when only higher buckets hold timers, where they
-// cascade down). The wheel does not tick while nothing is due.
-//
-// Guarantees: a timer fires once per `timeMin` it was given, never before it
-// and at most one tick after the clock reaches it; timers due in the same
-// slot fire in the order they were filed. A time beyond the capacity
-// (`maxTicks`) is parked in the farthest slot and refiled from there, so it
-// still fires on time. Timers may be added, moved, removed or destroyed from
-// inside `onTime()`; a timer moved into the slot being fired fires in the
-// same pass. One clock callback fires for at most `processTimeLimit` seconds
-// (measured on the system clock); the rest follows on the next callback.
-//
-// Single-threaded: the wheel, its clock and its timers belong to one loop.
+// wheels ("buckets"; bucket k has slots of defaultBucketSize^k ticks) and
+// keeps the clock set to the earliest used slot of bucket 0 only: it does not
+// tick while nothing is due. Filing and removal cost the same at any number
+// of timers. A timer fires once per time given, never before it (to half a
+// millisecond) and at most one tick after; timers of one slot fire in the
+// order filed. Times beyond `maxTicks` are parked in the farthest slot and
+// refiled, so they too fire on time. onTime() may add, move, remove or
+// destroy timers; one moved into the slot being fired fires in the same pass.
+// A clock callback fires for at most `processTimeLimit` seconds of the system
+// clock's time. Single-threaded, like the clock and its loop.
 #pragma once
 
 #include <memory>
