@@ -435,6 +435,11 @@ Dorn::TimeStamp timerTaskGetExpiryTime(TaskSchedulerRoot* root, Dorn::TimerTask*
 }  // namespace Olk
 
 template <>
+struct std::hash<Olk::TaskKey> {
+  size_t operator()(const Olk::TaskKey& k) const noexcept { return std::hash<Zum::U64>()(k.value()); }
+};
+
+template <>
 struct Zum::EnumTraits<Olk::TaskPriority::PriorityEnum> {
   static constexpr std::string_view typeName = "Olk::TaskPriority";
   static constexpr std::array<std::string_view, 6> names = {"absolute", "high", "normal",

@@ -226,6 +226,8 @@ class Task {
   virtual void execute() = 0;
   // Called whenever scheduled() changes.
   virtual void onBusyChange() {}
+  // Called by unschedule() before scheduled() turns false.
+  virtual void onUnschedule() {}
 
  private:
   friend class RunQueue;
@@ -346,6 +348,8 @@ class FileDescriptorTask : public Task {
   class Watcher;
 
   void execute() final;
+  // Forgets pending runs and watches again what is watched.
+  void onUnschedule() override;
   void updateInterest();
 
   int fd_ = -1;
@@ -398,10 +402,11 @@ class Scheduler {
   Scheduler(String name, RootScheduler* root);
   static std::size_t index(Priority p) { return static_cast<std::size_t>(p); }
 
-  // A task of this scheduler was put on (or taken off) `queue_`.
-  virtual void onEnqueued(Task*) {}
-  // Runs `t` (just taken off a queue) and records the run.
-  void runOne(Task* t);
+  // A task of this scheduler was put on `queue_` at time `now`.
+  virtual void onEnqueued(Task*, TimeStamp /*now*/) {}
+  // Runs `t` (just taken off a queue), starting at `start`, and records the
+  // run; returns the time it ended.
+  TimeStamp runOne(Task* t, TimeStamp start);
   void printTaskLines(std::ostream& os, const PrintOptions& options) const;
 
   RunQueue queue_;
@@ -448,7 +453,7 @@ class TaskGroup : public Scheduler {
 
  private:
   class GroupTask;
-  void onEnqueued(Task* t) override;
+  void onEnqueued(Task* t, TimeStamp now) override;
   void runGroup();
   Priority parentPriority() const;
 
@@ -528,8 +533,8 @@ class RootScheduler : public Scheduler {
   friend class Task;
   friend class TaskGroup;
 
-  void onEnqueued(Task* t) override;
-  void requestRunIfIdle();
+  void onEnqueued(Task* t, TimeStamp now) override;
+  void requestRunIfIdle(TimeStamp now);
   void record(const Task& t, TimeStamp start, Duration runTime, Duration latency);
 
   Duration runDuration_;

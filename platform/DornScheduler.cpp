@@ -209,12 +209,11 @@ void Scheduler::clearStats() {
   deadCount_ = {};
 }
 
-void Scheduler::runOne(Task* t) {
+TimeStamp Scheduler::runOne(Task* t, TimeStamp start) {
   RootScheduler* r = root_;
   Task::LifeGuard guard(t);
   Task* outer = r->current_;
   r->current_ = t;
-  const TimeStamp start = r->now();
   const Duration latency = start - t->queuedAt_;
   t->runStart_ = start;
   t->yieldCalls_ = 0;
@@ -223,10 +222,11 @@ void Scheduler::runOne(Task* t) {
   if (guard.alive()) t->execute();
   const TimeStamp end = r->now();
   r->current_ = outer;
-  if (!guard.alive()) return;  // released while running: its record is already dead
+  if (!guard.alive()) return end;  // released while running: its record is already dead
   const Duration runTime = std::max<Duration>(end - start, 0);
   t->recordRun(latency, runTime);
   r->record(*t, start, runTime, latency);
+  return end;
 }
 
 // ---- TaskGroup --------------------------------------------------------------
@@ -272,7 +272,7 @@ Priority TaskGroup::parentPriority() const {
   return std::min(priority_, queue_.mostUrgent());
 }
 
-void TaskGroup::onEnqueued(Task*) {
+void TaskGroup::onEnqueued(Task*, TimeStamp) {
   task_->priorityIs(parentPriority());
   task_->schedule();
 }
@@ -289,9 +289,10 @@ void TaskGroup::runGroup() {
     pass.prependAll(queue_);
     source = &pass;
   }
+  TimeStamp now = start;
   while (Task* t = source->pop(priorityRunFactor)) {
-    runOne(t);
-    if (task_->forceYieldInTest() || r->now() - start >= limit) break;
+    now = runOne(t, now);
+    if (task_->forceYieldInTest() || now - start >= limit) break;
   }
   if (!multipleRuns_) queue_.prependAll(pass);
   if (queue_.empty()) return;
@@ -309,12 +310,12 @@ RootScheduler::RootScheduler(String name, Duration runDuration)
 
 RootScheduler::~RootScheduler() = default;
 
-void RootScheduler::onEnqueued(Task*) { requestRunIfIdle(); }
+void RootScheduler::onEnqueued(Task*, TimeStamp now) { requestRunIfIdle(now); }
 
-void RootScheduler::requestRunIfIdle() {
+void RootScheduler::requestRunIfIdle(TimeStamp now) {
   if (running_ || runRequested_ || suspended_) return;
   runRequested_ = true;
-  requestedAt_ = now();
+  requestedAt_ = now;
   requestSchedulerRun();
 }
 
@@ -325,21 +326,22 @@ void RootScheduler::updateSchedulerLatency() {
 void RootScheduler::run() {
   if (running_ || suspended_) return;
   const TimeStamp start = now();
-  updateSchedulerLatency();
+  if (runRequested_) maxSlip_ = std::max(maxSlip_, start - requestedAt_);
   runRequested_ = false;
   running_ = true;
   ++runs_;
-  while (Task* t = queue_.pop(priorityRunFactor)) {
-    runOne(t);
-    if (now() - start >= runDuration_) break;
+  TimeStamp t = start;
+  while (Task* task = queue_.pop(priorityRunFactor)) {
+    t = runOne(task, t);
+    if (t - start >= runDuration_) break;
   }
   running_ = false;
-  if (!queue_.empty()) requestRunIfIdle();
+  if (!queue_.empty()) requestRunIfIdle(t);
 }
 
 void RootScheduler::suspendedIs(bool s) {
   suspended_ = s;
-  if (!s && !queue_.empty()) requestRunIfIdle();
+  if (!s && !queue_.empty()) requestRunIfIdle(now());
 }
 
 bool RootScheduler::timerStart(TimerTask* t, Duration delay, bool force) {

@@ -107,7 +107,7 @@ void Task::scheduledIs(bool s) {
 void Task::enqueue() {
   queuedAt_ = root()->now();
   scheduler_->queue_.push(this);
-  scheduler_->onEnqueued(this);
+  scheduler_->onEnqueued(this, queuedAt_);
 }
 
 void Task::schedule() {
@@ -118,6 +118,7 @@ void Task::schedule() {
 
 void Task::unschedule() {
   if (!scheduled_) return;
+  onUnschedule();
   if (queue_) queue_->remove(this);
   scheduledIs(false);
 }
@@ -197,7 +198,7 @@ void Task::resetStats() {
 void Task::runAndRecordFromTest() {
   if (queue_) queue_->remove(this);
   queuedAt_ = root()->now();
-  scheduler_->runOne(this);
+  scheduler_->runOne(this, queuedAt_);
 }
 
 // ---- TimerTask --------------------------------------------------------------
@@ -308,6 +309,11 @@ void FileDescriptorTask::scheduleWritable() {
   pendingWritable_ = true;
   updateInterest();
   schedule();
+}
+
+void FileDescriptorTask::onUnschedule() {
+  pendingReadable_ = pendingWritable_ = false;
+  updateInterest();
 }
 
 void FileDescriptorTask::workCountReadableInc(U32 n) {

@@ -11,6 +11,7 @@
 
 #include "Olk/DumpContext.h"
 #include "Olk/Task.h"
+#include "platform/Trace.h"
 
 namespace {
 
@@ -226,6 +227,38 @@ TEST_F(SchedulerFixture, LowestDelayOnlyMovesTheExpiryEarlier) {
   EXPECT_EQ(r.runs, 0);
 }
 
+TEST_F(SchedulerFixture, TimerStartWithoutForceNeverMovesLater) {
+  Runner r;
+  auto t = timer("t", r);
+  auto* root = static_cast<Olk::TaskSchedulerRootWrapper*>(sched->dornRoot());
+  auto* dt = static_cast<Dorn::TimerTask*>(&t->dornTask());
+  EXPECT_TRUE(root->timerStart(dt, 2.0, false));
+  EXPECT_FALSE(root->timerStart(dt, 3.0, false));
+  EXPECT_EQ(t->currentExpirationTime(), 1002.0);
+  EXPECT_TRUE(root->timerStart(dt, 3.0, true));
+  EXPECT_EQ(t->currentExpirationTime(), 1003.0);
+  Dorn::Duration left = root->timerRemaining(dt);
+  EXPECT_GT(left, Dorn::toDuration(2.9));
+  EXPECT_LE(left, Dorn::toDuration(3.0));
+  root->timerDestroyed(dt);  // no notifiee: nothing starts
+  EXPECT_FALSE(root->timerStart(dt, 1.0, true));
+  EXPECT_EQ(root->timerExpiry(dt), Dorn::maxTimeStamp);
+}
+
+TEST_F(SchedulerFixture, TimerTaskMayDestroyItselfFromItsRun) {
+  Runner r;
+  auto t = timer("short-lived", r);
+  r.fn = [&](Olk::Task&) {
+    r.notifierIs(nullptr);
+    t = nullptr;
+  };
+  t->scheduleTaskDelay(0.1);
+  clock->advance(1.0);
+  EXPECT_EQ(t, nullptr);
+  EXPECT_EQ(sched->totalRegisteredTaskCount(), 0u);
+  EXPECT_TRUE(sched->deadTaskStatForTest("short-lived").isClear());
+}
+
 TEST_F(SchedulerFixture, JitterStaysWithinItsPercentage) {
   Runner r;
   auto t = timer("t", r);
@@ -317,6 +350,11 @@ TEST_F(SchedulerFixture, DescriptorTaskRunsWhenItsSocketIsWritable) {
   EXPECT_TRUE(t->taskScheduledReadable());
   pump(*clock);
   EXPECT_EQ(r.reads, 1);
+  t->scheduleTaskReadable();
+  t->unscheduleTask();
+  EXPECT_FALSE(t->taskScheduledReadable());
+  pump(*clock);
+  EXPECT_EQ(r.reads, 1);
   t->taskWatchWritableIs(true);
   pump(*clock);
   EXPECT_EQ(r.writes, 1);
@@ -362,6 +400,15 @@ TEST_F(SchedulerFixture, PrintStatsWritesIntoTheDumpDescriptor) {
   EXPECT_NE(text.find("Root scheduler test"), std::string::npos) << text;
   EXPECT_NE(text.find("printed-task ["), std::string::npos) << text;
   EXPECT_NE(text.find("History of test: last 1 of 1 runs"), std::string::npos) << text;
+}
+
+TEST(TaskSchedulerTrace, CreationIsTraced) {
+  Zum::TraceCapture capture;
+  auto s = Olk::taskSchedulerZumActivityFactory("traced", Zum::manualClockFactory());
+  EXPECT_TRUE(capture.contains("traced Scheduler created"));
+  EXPECT_EQ(s->timerWheel()->tickMsecs(), 10u);
+  EXPECT_EQ(s->timerWheel()->initialMaxTicks(), 8640000u);
+  EXPECT_EQ(s->timerWheel()->defaultBucketSize(), 1024u);
 }
 
 TEST(TaskSchedulerValues, TextFormsAndKeys) {
