@@ -37,7 +37,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <ostream>
-#include <sstream>
 #include <unordered_set>
 
 #include "platform/ActivityManager.h"
@@ -76,7 +75,8 @@ void refuseReshape(const Ptr<TableDescriptor const>& old, U32 tableSize, U32 bin
   if (old->binSize() != binSize) throw Zum::RangeException(Zum::format(text, "_binSize", unsigned(old->binSize()), binSize));
 }
 
-// Stores a descriptor in `slot` unless an equal one is there; answers whether it changed.
+// Stores a descriptor in `slot` unless an equal one is there; answers whether
+// it changed. The new one is built first so a bad bin count is refused either way.
 bool storeDescriptor(Ptr<TableDescriptor const>& slot, TableId tableId, U32 tableSize, U32 binSize) {
   Ptr<TableDescriptor const> fresh = tableDescriptorFactory(tableId, tableSize, binSize);
   if (!slot) {
@@ -663,11 +663,15 @@ void HashTable::logPendingState() {
 
 bool HashTable::verifyCuckooCmdsHitless() const {
   const Ptr<CuckooCmds>& cmds = status()->cuckooCmds();
-  if (cmds->itemSeqs() != cmdPriorItems_.size()) {
+  // An agent may dequeue writes as it applies them: the list then lost its
+  // head, and the records of those writes are skipped.
+  if (cmds->itemSeqs() > cmdPriorItems_.size()) {
     ZUM_TRACE(tr, 3) << "Command list changed outside the table: " << cmds->itemSeqs() << " commands, "
                      << cmdPriorItems_.size() << " known";
     return false;
   }
+  const size_t applied = cmdPriorItems_.size() - cmds->itemSeqs();
+  auto priorItem = [&](size_t i) { return cmdPriorItems_[applied + i]; };
   // Rebuild the hardware state the list starts from: the shadow with the
   // list's writes undone, latest first.
   std::unordered_map<CuckooLocation, Ptr<HashItem const>> hwTable(itemShadow_.begin(), itemShadow_.end());
@@ -680,8 +684,8 @@ bool HashTable::verifyCuckooCmdsHitless() const {
                        << cuckooItem->location() << " found " << present;
       return false;
     }
-    if (cmdPriorItems_[i]) {
-      hwTable[cuckooItem->location()] = cmdPriorItems_[i];
+    if (priorItem(i)) {
+      hwTable[cuckooItem->location()] = priorItem(i);
     } else {
       hwTable.erase(cuckooItem->location());
     }
@@ -692,7 +696,7 @@ bool HashTable::verifyCuckooCmdsHitless() const {
   for (const auto& kv : hwTable) ++itemToLoc[kv.second];
   for (size_t i = 0; i < cmds->itemSeqs(); ++i) {
     const Ptr<CuckooItem const>& cuckooItem = cmds->itemSeq(i);
-    const Ptr<HashItem const> prevItem = cmdPriorItems_[i];
+    const Ptr<HashItem const> prevItem = priorItem(i);
     if (cuckooItem->item()) ++itemToLoc[cuckooItem->item()];  // first, in case it rewrites prevItem
     if (prevItem) {
       ZUM_ASSERT(hwTable.count( cuckooItem->location() ));
@@ -727,26 +731,50 @@ bool HashTable::verifyCuckooCmdsHitless() const {
 
 // ---- HashTable: dumps ------------------------------------------------------
 
-void HashTable::currentSnapshot(std::ostream& os) const {
-  os << "HashTable " << name() << " occupancy: " << status()->occupancy()
-     << " pendingItems: " << status()->pendingItemSets() << " commands: " << status()->cuckooCmds()->itemSeqs()
-     << " cycleCount: " << status()->cycleCount() << " longestCycle: " << status()->longestCycle()
-     << " retryCount: " << status()->retryCount() << "\n";
+void HashTable::currentSnapshot(const Ptr<const DumpContext>& dumpCtx) const {
+  objDumpPrintf(dumpCtx,
+                "HashTable %s occupancy: %.3f pendingItems: %zu commands: %zu cycleCount: %u longestCycle: %u "
+                "retryCount: %u totalCmdReadCompleted: %u\n",
+                name().c_str(), double(status()->occupancy()), status()->pendingItemSets(),
+                status()->cuckooCmds()->itemSeqs(), status()->cycleCount(), status()->longestCycle(),
+                status()->retryCount(), status()->totalCmdReadCompleted());
   for (const auto& [tableId, stat] : status()->tableStat()) {
-    os << "  Table[" << tableId << "] numOfHashItems: " << stat->numOfHashItems() << " / "
-       << (stat->tableDesc() ? stat->tableDesc()->capacity() : 0) << ", numOfEvicts: " << stat->numOfEvicts()
-       << "\n";
+    objDumpPrintf(dumpCtx, "  Table[%s] numOfHashItems: %u / %u, numOfEvicts: %u\n", valueToStrep(tableId).c_str(),
+                  stat->numOfHashItems(), stat->tableDesc() ? stat->tableDesc()->capacity() : 0u, stat->numOfEvicts());
   }
 }
 
-void HashTable::displayItems(std::ostream& os, U32 verbosity) const {
-  currentSnapshot(os);
+namespace {
+
+// Prints one line per entry, stopping at the context's cap.
+template <class Items, class Line>
+void dumpList(const Ptr<const DumpContext>& dumpCtx, const Items& items, Line line) {
+  const U32 cap = dumpCtx ? dumpCtx->maxListEntriesDumped() : DumpContext::defaultMaxListEntriesDumped;
+  U32 n = 0;
+  for (const auto& entry : items) {
+    if (n++ == cap) {
+      if (dumpCtx) dumpCtx->truncatedIs(true);
+      objDumpPrintf(dumpCtx, "  ... truncated at %u entries\n", cap);
+      return;
+    }
+    line(entry);
+  }
+}
+
+}  // namespace
+
+void HashTable::displayItems(U32 verbosity, const Ptr<const DumpContext>& dumpCtx) const {
+  currentSnapshot(dumpCtx);
   if (verbosity >= 1) {
-    for (const Ptr<HashItem const>& item : status()->pendingItemSet()) os << "  pending " << item << "\n";
+    dumpList(dumpCtx, status()->pendingItemSet(), [&](const Ptr<HashItem const>& item) {
+      objDumpPrintf(dumpCtx, "  pending %s\n", item->toStrep().c_str());
+    });
   }
   if (verbosity >= 2) {
-    std::map<CuckooLocation, Ptr<HashItem const>> ordered(itemShadow_.begin(), itemShadow_.end());
-    for (const auto& [location, item] : ordered) os << "  " << location << " " << item << "\n";
+    const std::map<CuckooLocation, Ptr<HashItem const>> ordered(itemShadow_.begin(), itemShadow_.end());
+    dumpList(dumpCtx, ordered, [&](const auto& slot) {
+      objDumpPrintf(dumpCtx, "  %s %s\n", valueToStrep(slot.first).c_str(), slot.second->toStrep().c_str());
+    });
   }
 }
 

@@ -23,6 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Olk/DumpContext.h"
 #include "platform/Clock.h"
 #include "platform/Collection.h"
 #include "platform/Entity.h"
@@ -493,13 +494,17 @@ class HashTable : public Zum::Entity {
   // stay pending; runs from the clock.
   void reviewPendingItems();
   // Replays status.cuckooCmds on a copy of the hardware state and answers
-  // whether no write loses the last copy of an item. Changes nothing.
+  // whether no write loses the last copy of an item. Writes the agent already
+  // dequeued count as applied. Changes nothing.
   bool verifyCuckooCmdsHitless() const;
 
-  // Operator dumps: per-table counts and occupied slots; change nothing.
-  void currentSnapshot(std::ostream& os) const;
-  // verbosity 0: counts only; 1: also the pending items; 2: also every slot.
-  void displayItems(std::ostream& os, U32 verbosity) const;
+  // Operator dumps through `dumpCtx` (standard output when null); they change
+  // nothing in the table. The snapshot gives the totals and per-table counts.
+  void currentSnapshot(const Ptr<const DumpContext>& dumpCtx = nullptr) const;
+  // verbosity 0: the snapshot; 1: also the pending items; 2: also every
+  // occupied slot in location order. Lists stop at the context's
+  // maxListEntriesDumped and then mark it truncated.
+  void displayItems(U32 verbosity, const Ptr<const DumpContext>& dumpCtx = nullptr) const;
 
  protected:
   void handleInitialized() override;
@@ -520,6 +525,9 @@ class HashTable : public Zum::Entity {
   class ReviewReactor : public Zum::Clock::Notifiee {
    public:
     explicit ReviewReactor(HashTable* table) : table_(table) {}
+    // Detach while still a Clock::Notifiee: the clock's bookkeeping treats
+    // whatever it unregisters as one.
+    ~ReviewReactor() override { notifierIs(nullptr); }
     void onTime() override { table_->reviewPendingItems(); }
 
    protected:
