@@ -272,6 +272,9 @@ class XactAggregatorSm::ZumXactStatusDir : public Zum::PtrInterface, public Xact
 class XactAggregatorSm::ZumClock : public Zum::PtrInterface, public Zum::Clock::Notifiee {
  public:
   explicit ZumClock(XactAggregatorSm* sm) : sm_(sm) {}
+  // The clock looks at a leaving notifiee as a Clock::Notifiee, so leave
+  // while still whole rather than from the base destructor.
+  ~ZumClock() override { notifierIs(nullptr); }
   void onTime() override {
     Ptr<ZumClock> self(this);
     Ptr<XactAggregatorSm> keep(sm_);
@@ -284,6 +287,16 @@ class XactAggregatorSm::ZumClock : public Zum::PtrInterface, public Zum::Clock::
 
 // ---------------------------------------------------------------------------
 // Aggregator
+
+template <class F>
+void XactAggregatorSm::forEachConfigDir(F&& f) {
+  // Executors may answer, and the agent react, inside each call: walk a
+  // snapshot so that a directory detached meanwhile cannot upset the walk.
+  std::vector<Ptr<XactConfigDir>> dirs;
+  dirs.reserve(xactConfigDir_.size());
+  for (const auto& entry : xactConfigDir_) dirs.push_back(entry.second);
+  for (const Ptr<XactConfigDir>& dir : dirs) f(*dir);
+}
 
 XactAggregatorSm::XactAggregatorSm(const Zum::Name& name, const Ptr<Zum::Clock>& clock) : Entity(name) {
   clockIs(clock);
@@ -304,16 +317,6 @@ void XactAggregatorSm::handleDel() {
   ZUM_TRACE(tr, 8) << "void Olk::XactAggregatorSm::handleDel() " << name();
   clockTimeMinIs(Zum::endOfTime);
   forEachConfigDir([](XactConfigDir& dir) { dir.xactConfigDelAll(); });
-}
-
-template <class F>
-void XactAggregatorSm::forEachConfigDir(F&& f) {
-  // Executors may answer, and the agent react, inside each call: walk a
-  // snapshot so that a directory detached meanwhile cannot upset the walk.
-  std::vector<Ptr<XactConfigDir>> dirs;
-  dirs.reserve(xactConfigDir_.size());
-  for (const auto& entry : xactConfigDir_) dirs.push_back(entry.second);
-  for (const Ptr<XactConfigDir>& dir : dirs) f(*dir);
 }
 
 Seconds XactAggregatorSm::now() const { return clock_ ? clock_->notifier()->now() : wallNow(); }
@@ -608,6 +611,9 @@ class XactExecutorSm::ZumXactConfigDir : public Zum::PtrInterface, public XactCo
 class XactExecutorSm::ZumClock : public Zum::PtrInterface, public Zum::Clock::Notifiee {
  public:
   explicit ZumClock(XactExecutorSm* sm) : sm_(sm) {}
+  // The clock looks at a leaving notifiee as a Clock::Notifiee, so leave
+  // while still whole rather than from the base destructor.
+  ~ZumClock() override { notifierIs(nullptr); }
   void onTime() override {
     Ptr<ZumClock> self(this);
     Ptr<XactExecutorSm> keep(sm_);

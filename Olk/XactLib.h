@@ -1,22 +1,17 @@
-// Transactions: one coordinating agent hands units of configuration work to
+// Transactions: a coordinating agent hands units of configuration work to
 // several executing agents and collects their answers.
 //
-// The records: an `Xact` lives in the coordinator's `XactDir`; when it starts,
-// the `XactAggregatorSm` raises its `configVersion` and writes an
-// `XactConfig{id, configVersion}` into every attached `XactConfigDir`. Each
-// executor (`XactExecutorSm`, subclassed by the agent for `doExecute`) answers
-// with an `XactStatus` carrying the same version in its own `XactStatusDir`.
-// A run is finished exactly when `configVersion == statusVersion`; its outcome
-// is then `result`. Restarting raises the version again, so stale answers of
-// an earlier run never count.
-//
-// The aggregator also orders transactions (`blockingXact`), limits how many
-// run at once (`maxAllowedInProgressXacts`) and fails silent runs after
-// `timeout`. The executor, given a clock, works through a burst of
-// configurations in slices of about `backlogQuantum` seconds.
-//
-// Everything runs on the agent's event-loop thread; nothing here locks.
-// Traces go to the handle "XactLib": flow at level 8, status dumps at 9.
+// An `Xact` lives in the coordinator's `XactDir`. To start it, the
+// `XactAggregatorSm` raises its `configVersion` and writes `XactConfig{id,
+// configVersion}` into every attached `XactConfigDir`; each executor (an
+// `XactExecutorSm` subclass supplying `doExecute`) answers with an
+// `XactStatus` of the same version in its own `XactStatusDir`. A run is
+// finished exactly when `configVersion == statusVersion`; restarting raises
+// the version again, so answers of an earlier run never count. The aggregator
+// also orders transactions (`blockingXact`), caps how many run at once and
+// fails silent runs after `timeout`; a clocked executor works off bursts in
+// slices of about `backlogQuantum`. Checking a status costs O(directories).
+// One event-loop thread; traces under "XactLib" (flow 8, status dumps 9).
 #pragma once
 
 #include <array>
