@@ -1,3 +1,12 @@
+// Design note.
+//
+// The hold-down is evaluated lazily: a held-down number carries its release
+// time, and allocate() compares the oldest one with now - holdDownTime. No
+// timer runs and nothing moves between pools when a hold-down ends, so an
+// allocator with many released numbers costs nothing while idle, and a change
+// of holdDownTime applies at once to everything already held down. Held-down
+// numbers stay in their own pool until handed out, which is what makes
+// "oldest first" possible: the free pool only knows "lowest first".
 #include "Olk/NumAllocator.h"
 
 #include <algorithm>

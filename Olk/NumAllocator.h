@@ -15,8 +15,9 @@
 // time of 0 sends released numbers straight back to the free pool.
 // Running out is not an error: allocate() returns std::nullopt and traces
 // (handle "NumAllocator", level 7). Operations cost O(log n) in the number of
-// ranges in the pools; a release adds one time-stamp bucket per distinct
-// clock reading. Time comes from the injected clock; nothing is scheduled on
+// ranges in the pools, except that taking a held-down number out of turn
+// (allocate(n), reserve) walks the time-stamp buckets, one per distinct
+// release time. Time comes from the injected clock; nothing is scheduled on
 // it. Event-loop thread only.
 #pragma once
 

@@ -3,14 +3,26 @@
 // A pool is a std::map from each range's max to the range. Keying by max
 // (not min) makes the one lookup every operation needs a single
 // lower_bound: the range at or after x is the first whose max >= x, and x is
-// a member exactly when that range's min <= x. Adding and deleting follow a
-// fixed order of steps: swallow or drop the ranges lying wholly inside the
-// argument, then deal with the (at most two) ranges that straddle its ends.
-// Numbers 0 and 4294967295 have no neighbour below/above, so the merge steps
-// skip them instead of wrapping around.
+// a member exactly when that range's min <= x.
 //
-// Notifiees are told of every changed key, one call per poolIs/poolDel; they
-// must not change the pool from inside onPool.
+// addRange(R) and delRange(R) run in a fixed order of steps, and notifiees
+// see their changes in that order:
+//   1. if one range already holds (add) or covers (delete) all of R, finish
+//      with it at once;
+//   2. walking up from the first range ending at or after R.min(), remove
+//      every range lying wholly inside R;
+//   3. merge with (add) or trim (delete) the range reaching below R.min();
+//   4. merge with (add) or trim (delete) the range reaching above R.max();
+//   5. (add) store the grown R.
+// The range "at or after R.min() - 1" (add) or "at or after R.min()"
+// (delete) found by the single lookup is the step-1 candidate and the
+// step-3 neighbour, and the walk of step 2 stops on the step-4 neighbour, so
+// each operation costs one O(log n) search plus O(1) per range it touches;
+// new entries go in with a position hint. Numbers 0 and 4294967295 have no
+// neighbour below/above, so the merge steps skip them instead of wrapping.
+//
+// Notifiees are told of every changed key, one call per entry removed or
+// stored; they must not change the pool from inside onPool.
 //
 // The timed pool keeps one plain pool per time stamp plus the union of all
 // of them, so membership and size are answered by the union in O(log n) and
@@ -98,80 +110,85 @@ void NumberPool::poolIs(const Range& r) {
 
 void NumberPool::poolDel(U32 max) {
   auto it = pool_.find(max);
-  if (it == pool_.end()) return;
-  size_ -= it->second.size();
-  pool_.erase(it);
-  notify(&Notifiee::onPool, max);
+  if (it != pool_.end()) eraseAt(it);
 }
 
 void NumberPool::poolDelAll() {
-  while (!pool_.empty()) poolDel(pool_.begin()->first);
+  while (!pool_.empty()) eraseAt(pool_.begin());
 }
 
-void NumberPool::delRangesInside(const Range& R) {
-  // The first range may begin below R.min(); it is left to the caller's
-  // end-trimming step. Every later one begins inside R.
-  for (auto it = rangeAtOrAfter(R.min()); it != pool_.end() && it->second.max() <= R.max();) {
+NumberPool::PoolIter NumberPool::eraseAt(PoolIter it) {
+  const U32 max = it->first;
+  size_ -= it->second.size();
+  it = pool_.erase(it);
+  notify(&Notifiee::onPool, max);
+  return it;
+}
+
+void NumberPool::storeBefore(PoolIter next, const Range& r) {
+  pool_.emplace_hint(next, r.max(), r);
+  size_ += r.size();
+  notify(&Notifiee::onPool, r.max());
+}
+
+NumberPool::PoolIter NumberPool::delRangesInside(PoolIter it, const Range& R) {
+  while (it != pool_.end() && it->second.max() <= R.max()) {
     const Range I = it->second;
-    ++it;
-    if (!R.inRange(I.min())) continue;
+    if (!R.inRange(I.min())) {  // begins below R: trimmed or merged by the caller
+      ++it;
+      continue;
+    }
     ZUM_ASSERT( R.inRange( I.min() ) && R.inRange( I.max() ) );
-    poolDel(I.max());
+    it = eraseAt(it);
   }
+  return it;
 }
 
 void NumberPool::addRange(Range R) {
-  auto it = rangeAtOrAfter(R.max());
-  if (it != pool_.end() && it->second.inRange(R.min()) && it->second.inRange(R.max())) return;
-  delRangesInside(R);
-  if (R.min() != 0) {
-    it = rangeAtOrAfter(R.min() - 1);
-    if (it != pool_.end() && it->second.inRange(R.min() - 1)) {
-      const Range I = it->second;
-      poolDel(I.max());
-      R = Range(I.min(), R.max());
-    }
+  // One lookup: the first range ending at or after R.min() - 1 is the left
+  // neighbour when it reaches R.min() - 1; the walk starts at the first one
+  // ending at or after R.min().
+  PoolIter it = pool_.lower_bound(R.min() == 0 ? 0 : R.min() - 1);
+  PoolIter left = pool_.end();
+  if (R.min() != 0 && it != pool_.end() && it->second.inRange(R.min() - 1)) {
+    left = it;
+    if (it->second.max() == R.min() - 1) ++it;
   }
-  if (R.max() != numberMax) {
-    it = rangeAtOrAfter(R.max() + 1);
-    if (it != pool_.end() && it->second.inRange(R.max() + 1)) {
-      const Range I = it->second;
-      poolDel(I.max());
-      R = Range(R.min(), I.max());
-    }
+  if (it != pool_.end() && it->second.inRange(R.min()) && it->second.max() >= R.max()) return;  // already held
+  PoolIter right = delRangesInside(it, R);
+  if (left != pool_.end()) {
+    R = Range(left->second.min(), R.max());
+    eraseAt(left);
   }
-  poolIs(R);
+  if (R.max() != numberMax && right != pool_.end() && right->second.inRange(R.max() + 1)) {
+    R = Range(R.min(), right->second.max());
+    right = eraseAt(right);
+  }
+  storeBefore(right, R);
 }
 
 void NumberPool::delRange(Range R) {
-  auto it = rangeAtOrAfter(R.max());
-  if (it != pool_.end() && it->second.inRange(R.min()) && it->second.inRange(R.max())) {
+  PoolIter it = pool_.lower_bound(R.min());
+  if (it == pool_.end()) return;
+  if (it->second.inRange(R.min()) && it->second.max() >= R.max()) {
     const Range I = it->second;
-    poolDel(I.max());
-    if (I.min() < R.min()) poolIs(Range(I.min(), R.min() - 1));
-    if (R.max() < I.max()) poolIs(Range(R.max() + 1, I.max()));
+    PoolIter next = eraseAt(it);
+    if (I.min() < R.min()) storeBefore(next, Range(I.min(), R.min() - 1));
+    if (R.max() < I.max()) storeBefore(next, Range(R.max() + 1, I.max()));
     return;
   }
-  delRangesInside(R);
-  it = rangeAtOrAfter(R.min());
-  if (it != pool_.end() && it->second.inRange(R.min())) {
-    const Range I = it->second;
+  const PoolIter left = it->second.min() < R.min() ? it : pool_.end();
+  PoolIter right = delRangesInside(it, R);
+  if (left != pool_.end()) {
+    const Range I = left->second;
     ZUM_ASSERT( R.min() > I.min() );
-    poolDel(I.max());
-    poolIs(Range(I.min(), R.min() - 1));
+    storeBefore(eraseAt(left), Range(I.min(), R.min() - 1));
   }
-  it = rangeAtOrAfter(R.max());
-  if (it != pool_.end() && it->second.inRange(R.max())) {
-    const Range I = it->second;
+  if (right != pool_.end() && right->second.inRange(R.max())) {
+    const Range I = right->second;
     ZUM_ASSERT( R.max() < I.max() );
-    poolDel(I.max());
-    poolIs(Range(R.max() + 1, I.max()));
+    storeBefore(eraseAt(right), Range(R.max() + 1, I.max()));
   }
-}
-
-bool NumberPool::isMember(U32 n) const {
-  auto it = rangeAtOrAfter(n);
-  return it != pool_.end() && it->second.inRange(n);
 }
 
 bool NumberPool::overlaps(const Range& r) const {

@@ -103,7 +103,10 @@ class NumberPool : public Zum::Entity, public Zum::Notifier {
   void delRange(Range R);
   void delNumber(U32 n) { delRange(Range(n, n)); }
 
-  bool isMember(U32 n) const;
+  bool isMember(U32 n) const {
+    auto it = rangeAtOrAfter(n);
+    return it != pool_.end() && it->second.inRange(n);
+  }
   // Whether some / every number of r is in the pool.
   bool overlaps(const Range& r) const;
   bool covers(const Range& r) const;
@@ -120,10 +123,16 @@ class NumberPool : public Zum::Entity, public Zum::Notifier {
   explicit NumberPool(Zum::Name name) : Entity(std::move(name)) {}
 
  private:
+  using PoolIter = PoolMap::iterator;
   // The range with the smallest max >= x, or end().
   PoolMap::const_iterator rangeAtOrAfter(U32 x) const { return pool_.lower_bound(x); }
-  // Removes the ranges lying wholly inside R, walking up from R.min().
-  void delRangesInside(const Range& R);
+  // Removes the entry at `it` (notifying); returns the entry after it.
+  PoolIter eraseAt(PoolIter it);
+  // Stores r, whose max is not a key, right before `next` (notifying).
+  void storeBefore(PoolIter next, const Range& r);
+  // From `it` up, removes the ranges lying wholly inside R, skipping one
+  // that begins below R; returns the first range ending after R.max().
+  PoolIter delRangesInside(PoolIter it, const Range& R);
 
   PoolMap pool_;   // invariant after addRange/delRange: disjoint, non-adjacent
   U64 size_ = 0;   // invariant: sum of the sizes of pool_'s ranges
