@@ -74,21 +74,6 @@ void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, Id* out) {
   out->valueIs(v);
 }
 
-template <class SetT>
-Id BasicIdIterator<SetT>::key() const {
-  ZUM_ASSERT(curId_ != Id::null());
-  return curId_;
-}
-
-template <class SetT>
-void BasicIdIterator<SetT>::next() {
-  ZUM_ASSERT(curId_ != Id::null());
-  curId_ = set_->idAtOrAbove(Id(static_cast<U16>(curId_.value() + 1)));
-}
-
-template class BasicIdIterator<IdSet>;
-template class BasicIdIterator<const IdSet>;
-
 IdSet::IdSet(U16 size, Id initialId) : size_(size), initialId_(initialId) { handleInitialized(); }
 
 void IdSet::handleInitialized() {
@@ -146,22 +131,39 @@ Id IdSet::nextId(Id bitPos) const {
   return idAtOrAbove(Id(static_cast<U16>(bitPos.value() + 1)));
 }
 
-Id IdSet::idAtOrAbove(Id from) const {
+Id IdSet::idAtOrAbove(Id from, std::size_t* hint) const {
   U32 start = from.value();
   if ((start >> 6) > 0xff) return Id::null();
-  auto it = bucketAtOrAbove(BucketId(static_cast<U8>(start >> 6)));
-  if (it == bucket_.end()) return Id::null();
-  if (it->id.value() == start >> 6) {
-    U64 rest = it->word & (allBits << (start & 63));
-    if (rest) return idOf(it->id.value(), rest);
-    if (++it == bucket_.end()) return Id::null();
+  BucketId want(static_cast<U8>(start >> 6));
+  std::size_t i = hint ? bucketIndexAtOrAbove(want, *hint)
+                      : static_cast<std::size_t>(bucketAtOrAbove(want) - bucket_.begin());
+  if (i < bucket_.size() && bucket_[i].id == want) {
+    U64 rest = bucket_[i].word & (allBits << (start & 63));
+    if (rest) {
+      if (hint) *hint = i;
+      return idOf(want.value(), rest);
+    }
+    ++i;
   }
-  return idOf(it->id.value(), it->word);
+  if (i == bucket_.size()) return Id::null();
+  if (hint) *hint = i;
+  return idOf(bucket_[i].id.value(), bucket_[i].word);
 }
 
 IdSet::Buckets::const_iterator IdSet::bucketAtOrAbove(BucketId b) const {
   return std::lower_bound(bucket_.begin(), bucket_.end(), b,
                           [](const Bucket& x, BucketId key) { return x.id < key; });
+}
+
+std::size_t IdSet::bucketIndexAtOrAbove(BucketId b, std::size_t hint) const {
+  // A walk asks for the id after the last one, which lies in the hinted
+  // bucket or the one after it; the binary search is only the fallback.
+  std::size_t n = bucket_.size();
+  if (hint < n && bucket_[hint].id <= b) {
+    if (bucket_[hint].id == b) return hint;
+    if (hint + 1 == n || b <= bucket_[hint + 1].id) return hint + 1;
+  }
+  return static_cast<std::size_t>(bucketAtOrAbove(b) - bucket_.begin());
 }
 
 U64 IdSet::bucketValue(BucketId b) const {

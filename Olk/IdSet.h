@@ -9,7 +9,8 @@
 // kept as it is.
 //
 // Cost: membership and single-id updates are O(log b) for b stored buckets;
-// algebra is one merge walk, O(b1 + b2); `nextId` is O(log b).
+// algebra is one merge walk, O(b1 + b2); `nextId` is O(log b), while an
+// iterator remembers its bucket and steps in O(1) amortised.
 // The complement is deliberately not masked to `size`: bits above the limit
 // in the last bucket come out set. `operator!` aborts for any set whose size
 // is not 0. Combining sets of different sizes is a broken invariant.
@@ -17,10 +18,12 @@
 // A plain value: copy it freely; not shared between threads.
 #pragma once
 
+#include <cstddef>
 #include <iosfwd>
 #include <iterator>
 #include <vector>
 
+#include "platform/Exception.h"
 #include "platform/Strep.h"
 #include "platform/Types.h"
 
@@ -72,7 +75,7 @@ class IdSet;
 template <class SetT>
 class BasicIdIterator {
  public:
-  BasicIdIterator(SetT* set, Id curId) : set_(set), curId_(curId) {}
+  BasicIdIterator(SetT* set, Id from) : set_(set), curId_(set->idAtOrAbove(from, &hint_)) {}
 
   Id key() const;
   void next();
@@ -89,11 +92,10 @@ class BasicIdIterator {
 
  private:
   SetT* set_;
-  Id curId_;  // Id::null() once the walk is over
+  std::size_t hint_ = 0;  // where curId_'s bucket was last seen; checked before use
+  Id curId_;              // Id::null() once the walk is over
 };
 
-extern template class BasicIdIterator<IdSet>;
-extern template class BasicIdIterator<const IdSet>;
 using IdIterator = BasicIdIterator<IdSet>;
 using IdIteratorConst = BasicIdIterator<const IdSet>;
 
@@ -134,10 +136,10 @@ class IdSet {
   Id nextId(Id bitPos) const;
 
   // Iteration from the lowest id, or from `from` (inclusive) on.
-  IdIterator idIterator() { return IdIterator(this, firstId()); }
-  IdIterator idIterator(Id from) { return IdIterator(this, idAtOrAbove(from)); }
-  IdIteratorConst idIteratorConst() const { return IdIteratorConst(this, firstId()); }
-  IdIteratorConst idIteratorConst(Id from) const { return IdIteratorConst(this, idAtOrAbove(from)); }
+  IdIterator idIterator() { return IdIterator(this, 0); }
+  IdIterator idIterator(Id from) { return IdIterator(this, from); }
+  IdIteratorConst idIteratorConst() const { return IdIteratorConst(this, 0); }
+  IdIteratorConst idIteratorConst(Id from) const { return IdIteratorConst(this, from); }
   IdIteratorConst begin() const { return idIteratorConst(); }
   std::default_sentinel_t end() const { return {}; }
 
@@ -187,8 +189,12 @@ class IdSet {
   // Stores a non-zero word, removes the bucket for a zero word.
   void updateBucket(BucketId b, U64 word);
   Buckets::const_iterator bucketAtOrAbove(BucketId b) const;
+  // The index of the first bucket numbered b or more, trying `hint` first.
+  std::size_t bucketIndexAtOrAbove(BucketId b, std::size_t hint) const;
   // The lowest id at or above `from`, with no limit check; null when none.
-  Id idAtOrAbove(Id from) const;
+  // `hint`, when given, is the index where from's bucket may be, tried before
+  // searching, and is left at the index of the answer's bucket.
+  Id idAtOrAbove(Id from, std::size_t* hint = nullptr) const;
   // Replaces the buckets by op(mine, theirs) over the union of bucket numbers.
   template <class Op>
   IdSet& combine(const IdSet& other, Op op);
@@ -200,6 +206,18 @@ class IdSet {
   template <class SetT>
   friend class BasicIdIterator;
 };
+
+template <class SetT>
+Id BasicIdIterator<SetT>::key() const {
+  ZUM_ASSERT(curId_ != Id::null());
+  return curId_;
+}
+
+template <class SetT>
+void BasicIdIterator<SetT>::next() {
+  ZUM_ASSERT(curId_ != Id::null());
+  curId_ = set_->idAtOrAbove(Id(static_cast<U16>(curId_.value() + 1)), &hint_);
+}
 
 String valueToStrep(const IdSet& set);
 // Adds the ids written in `(...)` at `cur` to *out, whose size limits them.

@@ -133,18 +133,6 @@ TEST(IdSet, BadInputFailsWithItsCheck) {
   s.sizeIs(64);
 }
 
-TEST(IdSet, NextIdWalksUpAndStopsAtTheTop) {
-  IdSet s(300, Id::null());
-  for (U16 v : {0, 63, 64, 200, 299}) s.idIs(v, true);
-  EXPECT_EQ(s.nextId(Id::null()), Id(0));
-  EXPECT_EQ(s.nextId(0), Id(63));
-  EXPECT_EQ(s.nextId(63), Id(64));
-  EXPECT_EQ(s.nextId(64), Id(200));
-  EXPECT_EQ(s.nextId(100), Id(200));
-  EXPECT_EQ(s.nextId(200), Id(299));
-  EXPECT_EQ(s.nextId(299), Id::null());
-}
-
 TEST(IdSet, IteratorsStartWhereAskedAndAbortPastTheEnd) {
   IdSet s(100, Id::null());
   for (U16 v : {2, 3, 50, 99}) s.idIs(v, true);
