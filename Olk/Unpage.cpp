@@ -1,6 +1,7 @@
 #include "Olk/Unpage.h"
 
 #include <dirent.h>
+#include <stdint.h>
 #include <sys/mman.h>
 
 #include <cstdio>

@@ -158,17 +158,6 @@ TEST_F(CellTest, FlagsAcceptExactlyTrueOrFalse) {
   EXPECT_FALSE(s->cpuBmcModeInitialized());
 }
 
-TEST_F(CellTest, SettersFillTheCacheOfAConstStatus) {
-  Zum::Ptr<const Cell::Status> s = freshStatus();
-  s->cellIdIs(9);
-  s->cellTypeIs("x");
-  s->cpuBmcModeIs(true);
-  fileIs("/etc/cellid", "bad");
-  EXPECT_EQ(s->cellId(), 9);
-  EXPECT_EQ(s->cellType(), "x");
-  EXPECT_TRUE(s->cpuBmcMode());
-}
-
 TEST_F(CellTest, PathsDefaultToOwnCell) {
   setenv("CELLID", "1", 1);
   EXPECT_EQ(Cell::path("x", 0), "cell/1/x");

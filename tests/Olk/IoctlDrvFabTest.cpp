@@ -65,14 +65,6 @@ TEST(IoctlDrvFab, PassesSizeAsRequestAndTracesResult) {
   EXPECT_FALSE(capture.contains("failed to open"));
 }
 
-TEST(IoctlDrvFab, TracesAtCallersLevel) {
-  auto drv = Zum::create<TestDrvFab>("/dev/null");
-  char buf[16] = "quiet";
-  Zum::TraceCapture capture(4);
-  drv->ioctl(buf, sizeof buf, 5, false, false);
-  EXPECT_FALSE(capture.contains("quiet"));
-}
-
 TEST(IoctlDrvFabDeathTest, BaseInterfaceRefusesToRun) {
   class Bare : public IoctlDrvInterface {
    public:

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/Trace.h"
 
 using namespace Olk;
 
@@ -112,13 +111,6 @@ TEST(IoctlDrvMock, MockedCallUsesPerFunctionDefaults) {
   EXPECT_EQ(mock->mockedCall("open", "open x"), 0);
   mock->defaultValueIs("open", 4);
   EXPECT_EQ(mock->mockedCall("open", "open x"), 4);
-}
-
-TEST(IoctlDrvMock, TracesEachCall) {
-  auto mock = ioctlDrvMockFactory();
-  Zum::TraceCapture capture;
-  mock->testIoctl("probe", 8);
-  EXPECT_TRUE(capture.contains("ioctl \"probe\" 8"));
 }
 
 TEST(IoctlDrvMock, ValuesPrintAndParseInTextForm) {

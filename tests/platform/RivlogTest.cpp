@@ -1,0 +1,115 @@
+#include "platform/Rivlog.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Olk/DumpContext.h"
+
+namespace {
+
+class CollectingCallback : public Olk::DumpWriteCallbackBase {
+ public:
+  int write(const void* buffer, Zum::U32 length) override {
+    text.append(static_cast<const char*>(buffer), length);
+    return static_cast<int>(length);
+  }
+  std::string text;
+};
+
+// The process's ring, emptied and sized for the test, restored afterwards.
+class RivlogTest : public testing::Test {
+ protected:
+  RivlogTest() { Rivlog::ring().capacityIs(4); }
+  ~RivlogTest() override { Rivlog::ring().capacityIs(Rivlog::Ring::defaultCapacity); }
+
+  std::vector<std::string> texts() const {
+    std::vector<std::string> out;
+    for (const Rivlog::Record& r : Rivlog::ring().records()) out.push_back(r.text);
+    return out;
+  }
+  std::string dumpText(Zum::U32 maxEntries = 20000) {
+    auto ctx = Olk::DumpContext::dumpContext(-1, Olk::dumpNormal, false);
+    CollectingCallback cb;
+    ctx->writeCallbackIs(&cb);
+    ctx->maxListEntriesDumpedIs(maxEntries);
+    Rivlog::dump(ctx);
+    truncated_ = ctx->truncated();
+    return cb.text;
+  }
+
+  Rivlog::Handle& h = Rivlog::handle("RivlogTest");
+  bool truncated_ = false;
+};
+
+}  // namespace
+
+TEST_F(RivlogTest, KeepsNewestRecordsInOrderWhenFull) {
+  Zum::U64 first = Rivlog::ring().written();
+  for (int i = 0; i < 6; ++i) RIVLOG(h, 1, "event %d", i);
+  EXPECT_EQ(texts(), (std::vector<std::string>{"event 2", "event 3", "event 4", "event 5"}));
+  std::vector<Rivlog::Record> records = Rivlog::ring().records();
+  EXPECT_EQ(records.front().seq, first + 2);
+  EXPECT_EQ(records.back().seq, first + 5);
+  EXPECT_EQ(records.back().handle, &h);
+  EXPECT_EQ(records.back().level, 1);
+  EXPECT_LE(records.front().timeNs, records.back().timeNs);
+  EXPECT_EQ(Rivlog::ring().written(), first + 6);
+}
+
+TEST_F(RivlogTest, ClearForgetsRecordsButKeepsNumbering) {
+  RIVLOG(h, 1, "old");
+  Zum::U64 written = Rivlog::ring().written();
+  Rivlog::ring().clear();
+  EXPECT_EQ(Rivlog::ring().size(), 0u);
+  RIVLOG(h, 1, "new");
+  EXPECT_EQ(texts(), std::vector<std::string>{"new"});
+  EXPECT_EQ(Rivlog::ring().records().front().seq, written);
+}
+
+TEST_F(RivlogTest, LevelFiltersAndSkipsArgumentEvaluation) {
+  Rivlog::Handle& quiet = Rivlog::handle("RivlogTestQuiet");
+  EXPECT_EQ(&quiet, &Rivlog::handle("RivlogTestQuiet"));
+  quiet.levelIs(2);
+  int evaluated = 0;
+  RIVLOG(quiet, 3, "dropped %d", ++evaluated);
+  RIVLOG(quiet, 2, "kept %d", ++evaluated);
+  Rivlog::write(quiet, 5, "dropped too");
+  EXPECT_EQ(evaluated, 1);
+  EXPECT_EQ(texts(), std::vector<std::string>{"kept 1"});
+}
+
+TEST_F(RivlogTest, CutsLongTextToRecordSize) {
+  std::string longText(300, 'x');
+  RIVLOG(h, 0, "%s", longText.c_str());
+  EXPECT_EQ(texts().front(), std::string(Rivlog::textCapacity - 1, 'x'));
+}
+
+TEST_F(RivlogTest, RecordTextNamesNumberHandleAndLevel) {
+  RIVLOG(h, 3, "hello %s", "ring");
+  std::string text = Rivlog::recordText(Rivlog::ring().records().front());
+  std::string seq = std::to_string(Rivlog::ring().written() - 1);
+  EXPECT_EQ(text.rfind(seq + " ", 0), 0u) << text;
+  EXPECT_NE(text.find(" RivlogTest/3 hello ring"), std::string::npos) << text;
+  EXPECT_EQ(text.size(), seq.size() + std::string(" hh:mm:ss.uuuuuu RivlogTest/3 hello ring").size());
+}
+
+TEST_F(RivlogTest, DumpsThroughDumpContext) {
+  RIVLOG(h, 1, "alpha");
+  RIVLOG(h, 1, "beta");
+  std::string text = dumpText();
+  EXPECT_EQ(text.rfind("Rivlog ring: 2 records kept of ", 0), 0u) << text;
+  EXPECT_NE(text.find(", capacity 4\n"), std::string::npos);
+  EXPECT_LT(text.find("RivlogTest/1 alpha\n"), text.find("RivlogTest/1 beta\n"));
+  EXPECT_FALSE(truncated_);
+}
+
+TEST_F(RivlogTest, DumpKeepsNewestWithinListCap) {
+  for (const char* t : {"one", "two", "three"}) RIVLOG(h, 1, "%s", t);
+  std::string text = dumpText(2);
+  EXPECT_TRUE(truncated_);
+  EXPECT_NE(text.find("  (1 older records not dumped)\n"), std::string::npos) << text;
+  EXPECT_EQ(text.find(" one\n"), std::string::npos);
+  EXPECT_NE(text.find(" three\n"), std::string::npos);
+}
