@@ -205,9 +205,7 @@ class CuckooModule : public DemoModule {
         static_cast<unsigned long long>(violations_));
   }
   void dump(const Ptr<const DumpContext>& ctx) const override {
-    std::ostringstream os;
-    table_->displayItems(os, ctx->level() == dumpVerbose ? 2 : 0);
-    dumpText(ctx, os.str());
+    table_->displayItems(ctx->level() == dumpVerbose ? 2 : 0, ctx);
   }
 
  private:
@@ -269,14 +267,14 @@ class CuckooModule : public DemoModule {
   String command(const CommandRequest& r) {
     const std::vector<String> w = words(r.args);
     if (w.empty()) {
-      std::ostringstream os;
-      table_->currentSnapshot(os);
-      return stats() + os.str();
+      writeToClient(r.clientFd, stats());
+      table_->currentSnapshot(DumpContext::dumpContext(r.clientFd, dumpNormal, false));
+      return "";
     }
     if (w[0] == "items" && w.size() <= 2) {
-      std::ostringstream os;
-      table_->displayItems(os, w.size() == 2 ? parseNumber(w[1], 0, 2) : 1);
-      return os.str();
+      const U32 verbosity = w.size() == 2 ? parseNumber(w[1], 0, 2) : 1;
+      table_->displayItems(verbosity, DumpContext::dumpContext(r.clientFd, dumpNormal, false));
+      return "";
     }
     if ((w[0] != "insert" && w[0] != "delete") || w.size() != 2) {
       throw CommandError("usage: cuckoo [insert <key> | delete <key> | items [0-2]]");

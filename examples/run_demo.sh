@@ -13,6 +13,7 @@ ninja -C "$build" -j2 olk demo_agent olkctl
 agent="$build/examples/demo_agent"
 ctl="$build/examples/olkctl"
 name="demo-$$"
+rm -f "$build/demo-dump.gz"  # dumps append to an existing file
 "$agent" --name "$name" &
 pid=$!
 trap 'kill "$pid" 2>/dev/null || true' EXIT
