@@ -143,8 +143,10 @@ void ClientSm::IdleTimer::onTime() {
 }
 
 void ClientSm::handleDataFromClient() {
-  Ptr<ClientSm> self(this);  // closing the connection drops the handler's reference
-  AgentSocketHandlerSm* handler = agentSocketHandlerSm_;
+  // Closing the connection drops the handler's reference to this client, and
+  // a callback may drop the agent's last reference to the handler.
+  Ptr<ClientSm> self(this);
+  Ptr<AgentSocketHandlerSm> handler(agentSocketHandlerSm_);
   const int fd = clientFd_->fd();
   char buf[AgentSocketHandlerSm::maxCommandBytes + 1];
   errno = 0;

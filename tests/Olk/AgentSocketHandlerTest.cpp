@@ -406,3 +406,33 @@ TEST(AgentSocketHandlerDump, ShowsSocketClientsAndVerboseCommands) {
   EXPECT_EQ(text.find("command: echo (recorder)\n"), text.rfind("command: echo (recorder)\n"));
   EXPECT_NE(String::npos, text.find("command: echo (recorder)\n"));
 }
+
+namespace {
+
+// Drops the agent's only reference to the handler from inside a command.
+class DropHandlerCallback : public AgentSocketCallback {
+ public:
+  Ptr<AgentSocketHandlerSm>* holder = nullptr;
+  void handleCommand(U32 clientFd, const String&) override {
+    *holder = nullptr;
+    writeToClient(static_cast<int>(clientFd), "bye\n");
+  }
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  DropHandlerCallback() : AgentSocketCallback("drop", "drop") {}
+};
+
+}  // namespace
+
+TEST_F(AgentSocketHandlerTest, CallbackMayDropLastReferenceToHandler) {
+  auto drop = Zum::create<DropHandlerCallback>();
+  drop->holder = &handler;
+  handler->agentSocketCallbackIs(drop);
+  Zum::TraceCapture trace(9);
+  EXPECT_EQ("bye\n", roundTrip(name, "drop"));
+  EXPECT_EQ(nullptr, handler);
+  EXPECT_TRUE(trace.contains("Socket deleted"));
+  EXPECT_EQ("<no agent>", sendCommand(name, "echo"));
+}
