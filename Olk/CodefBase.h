@@ -84,6 +84,8 @@ class CodefBase : public CodefBaseInternal {
   class ZumClock : public Zum::Clock::Notifiee {
    public:
     explicit ZumClock(CodefBase* owner) : owner_(owner) {}
+    // Leaves the clock while still whole: the clock looks at what leaves.
+    ~ZumClock() override { notifierIs(nullptr); }
     void onTime() override;
     void ownerDel() { owner_ = nullptr; }
 

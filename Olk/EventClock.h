@@ -41,6 +41,8 @@ class EventClock : public Zum::Entity, public Zum::Notifier {
   class ZumClock : public Zum::Clock::Notifiee {
    public:
     explicit ZumClock(EventClock* owner) : owner_(owner) {}
+    // Leaves the clock while still whole: the clock looks at what leaves.
+    ~ZumClock() override { notifierIs(nullptr); }
     void onTime() override { owner_->handleClock(); }
 
    private:

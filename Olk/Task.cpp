@@ -49,10 +49,10 @@ void TaskBase::taskTestYieldRatioIs(U8 n) { dornTask().testYieldRatioIs(n); }
 bool TaskBase::taskShouldYield() const { return dornTask().shouldYield(); }
 bool TaskBase::taskOnSchedulerRunQueue() const { return dornTask().onRunQueue(); }
 bool TaskBase::taskCurrentlyRunning() const { return dornTask().currentlyRunning(); }
-void TaskBase::taskWorkCountInc(U32 n) { dornTask().workCountInc(n); }
+void TaskBase::taskWorkCountInc(U32 n) const { dornTask().workCountInc(n); }
 U32 TaskBase::taskWorkPending() const { return dornTask().workPending(); }
-void TaskBase::taskWorkPendingIs(U32 n) { dornTask().workPendingIs(n); }
-void TaskBase::unscheduleTask() { dornTask().unschedule(); }
+void TaskBase::taskWorkPendingIs(U32 n) const { dornTask().workPendingIs(n); }
+void TaskBase::unscheduleTask() const { dornTask().unschedule(); }
 TaskStat TaskBase::getStats() const { return taskTaskStat2olkTaskStat(dornTask().stat()); }
 void TaskBase::handleResetStats() { dornTask().resetStats(); }
 
@@ -97,19 +97,19 @@ void TimerTask::handleTimerTaskInitialized() {
   taskWrapperIs(std::move(wrapper));
 }
 
-void TimerTask::scheduleTaskDelay(Seconds delay) { dornTimer().scheduleDelay(Dorn::toDuration(delay)); }
+void TimerTask::scheduleTaskDelay(Seconds delay) const { dornTimer().scheduleDelay(Dorn::toDuration(delay)); }
 
-void TimerTask::scheduleTaskJitterUp(Seconds delay, U8 maxJitterPercentage) {
+void TimerTask::scheduleTaskJitterUp(Seconds delay, U8 maxJitterPercentage) const {
   dornTimer().scheduleJitterUp(Dorn::toDuration(delay), maxJitterPercentage);
 }
 
-void TimerTask::scheduleTaskJitterDown(Seconds delay, U8 maxJitterPercentage) {
+void TimerTask::scheduleTaskJitterDown(Seconds delay, U8 maxJitterPercentage) const {
   dornTimer().scheduleJitterDown(Dorn::toDuration(delay), maxJitterPercentage);
 }
 
-void TimerTask::scheduleTaskLowestDelay(Seconds delay) { dornTimer().scheduleLowestDelay(Dorn::toDuration(delay)); }
+void TimerTask::scheduleTaskLowestDelay(Seconds delay) const { dornTimer().scheduleLowestDelay(Dorn::toDuration(delay)); }
 
-void TimerTask::stopTimerTask() { dornTimer().stop(); }
+void TimerTask::stopTimerTask() const { dornTimer().stop(); }
 
 Seconds TimerTask::currentExpirationTime() const {
   auto* wrapper = static_cast<TaskSchedulerRootWrapper*>(dornTimer().root());
@@ -163,10 +163,10 @@ bool FileDescriptorTask::taskWatchWritable() const { return dornFd().watchWritab
 void FileDescriptorTask::taskWatchWritableIs(bool b) { dornFd().watchWritableIs(b); }
 bool FileDescriptorTask::taskScheduledReadable() const { return dornFd().scheduledReadable(); }
 bool FileDescriptorTask::taskScheduledWritable() const { return dornFd().scheduledWritable(); }
-void FileDescriptorTask::scheduleTaskReadable() { dornFd().scheduleReadable(); }
-void FileDescriptorTask::scheduleTaskWritable() { dornFd().scheduleWritable(); }
-void FileDescriptorTask::taskWorkCountReadableInc(U32 n) { dornFd().workCountReadableInc(n); }
-void FileDescriptorTask::taskWorkCountWritableInc(U32 n) { dornFd().workCountWritableInc(n); }
+void FileDescriptorTask::scheduleTaskReadable() const { dornFd().scheduleReadable(); }
+void FileDescriptorTask::scheduleTaskWritable() const { dornFd().scheduleWritable(); }
+void FileDescriptorTask::taskWorkCountReadableInc(U32 n) const { dornFd().workCountReadableInc(n); }
+void FileDescriptorTask::taskWorkCountWritableInc(U32 n) const { dornFd().workCountWritableInc(n); }
 U64 FileDescriptorTask::taskWorkCountReadableTotal() const { return dornFd().workCountReadableTotal(); }
 U64 FileDescriptorTask::taskWorkCountWritableTotal() const { return dornFd().workCountWritableTotal(); }
 float FileDescriptorTask::taskWorkCountReadableDecayAvg() const { return dornFd().workCountReadableDecayAvg(); }

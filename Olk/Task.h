@@ -49,12 +49,15 @@ class TaskBase : public Zum::Entity, public Zum::Notifier {
   bool taskShouldYield() const;
   bool taskOnSchedulerRunQueue() const;
   bool taskCurrentlyRunning() const;
-  void taskWorkCountInc(U32 n);
+  void taskWorkCountInc(U32 n) const;
   U32 taskWorkPending() const;
-  void taskWorkPendingIs(U32 n);
+  void taskWorkPendingIs(U32 n) const;
+
+  // Scheduling and work accounting change the runtime's state, not this
+  // entity's attributes, so reactors may call them on the const task they get.
 
   // Unschedules; nothing when not scheduled.
-  void unscheduleTask();
+  void unscheduleTask() const;
   TaskStat getStats() const;
   virtual void handleResetStats();
   // The runtime task; valid from initialisation to destruction.
@@ -99,7 +102,7 @@ class Task : public TaskBase {
   virtual void taskRunIs(U32 n);
 
   // Puts the task on the run queue; nothing while already scheduled.
-  void scheduleTask() { dornTask().schedule(); }
+  void scheduleTask() const { dornTask().schedule(); }
   // Runs the reactors now, without statistics.
   void taskRunFromTest() { dornTask().runFromTest(); }
   // Runs the task now as the scheduler would, recording statistics.
@@ -136,15 +139,15 @@ class TimerTask : public Task {
   using Notifiee = Task::NotifieeConst;
 
   // Runs once after `delayIntoFuture` seconds, replacing any earlier expiry.
-  void scheduleTaskDelay(Seconds delayIntoFuture);
+  void scheduleTaskDelay(Seconds delayIntoFuture) const;
   // As scheduleTaskDelay, lengthened by up to `maxJitterPercentage` percent.
-  void scheduleTaskJitterUp(Seconds delayIntoFuture, U8 maxJitterPercentage);
+  void scheduleTaskJitterUp(Seconds delayIntoFuture, U8 maxJitterPercentage) const;
   // As scheduleTaskDelay, shortened by up to `maxJitterPercentage` percent.
-  void scheduleTaskJitterDown(Seconds delayIntoFuture, U8 maxJitterPercentage);
+  void scheduleTaskJitterDown(Seconds delayIntoFuture, U8 maxJitterPercentage) const;
   // Runs after the delay unless an earlier expiry is already set.
-  void scheduleTaskLowestDelay(Seconds delayIntoFuture);
+  void scheduleTaskLowestDelay(Seconds delayIntoFuture) const;
   // Cancels the timer; a run already queued still happens.
-  void stopTimerTask();
+  void stopTimerTask() const;
   // The expiry in the scheduler clock's seconds; +infinity when none.
   Seconds currentExpirationTime() const;
 
@@ -185,10 +188,10 @@ class FileDescriptorTask : public TaskBase {
   bool taskScheduledWritable() const;
 
   // Runs the readable (or writable) reactions soon, watched or not.
-  void scheduleTaskReadable();
-  void scheduleTaskWritable();
-  void taskWorkCountReadableInc(U32 n);
-  void taskWorkCountWritableInc(U32 n);
+  void scheduleTaskReadable() const;
+  void scheduleTaskWritable() const;
+  void taskWorkCountReadableInc(U32 n) const;
+  void taskWorkCountWritableInc(U32 n) const;
   U64 taskWorkCountReadableTotal() const;
   U64 taskWorkCountWritableTotal() const;
   float taskWorkCountReadableDecayAvg() const;

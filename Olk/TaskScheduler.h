@@ -245,6 +245,7 @@ class TaskSchedulerRootWrapper;
 class TaskSchedulerRoot : public TaskScheduler {
  public:
   const Ptr<TimerWheel>& timerWheel() const { return timerWheel_; }
+  // Timer tasks created afterwards use `w`; existing ones keep their wheel.
   void timerWheelIs(const Ptr<TimerWheel>& w) { timerWheel_ = w; }
   // The clock that measures run times, latencies and quanta; the steady
   // clock when null (the default). Tests set a manual clock.
@@ -365,6 +366,8 @@ class TaskSchedulerZumActivity : public TaskSchedulerRootZum {
   class ZumClock : public Zum::Clock::Notifiee {
    public:
     explicit ZumClock(TaskSchedulerZumActivity* owner) : owner_(owner) {}
+    // Leaves the clock while still whole: the clock looks at what leaves.
+    ~ZumClock() override { notifierIs(nullptr); }
     void onTime() override { owner_->handleSchedulerRun(); }
 
    private:

@@ -137,10 +137,14 @@ class RunQueue {
   static std::size_t index(Priority p) { return static_cast<std::size_t>(p); }
   Priority lessUrgentThan(Priority p) const;
 
+  // The first priority at or after `from` whose bit is in nonEmpty_.
+  Priority firstFrom(std::size_t from) const;
+
   std::array<List, priorityCount> lists_;
   // Runs of each priority in a row while a less urgent one was waiting.
   std::array<U32, priorityCount> streak_{};
   U32 size_ = 0;
+  U32 nonEmpty_ = 0;  // bit p set exactly when lists_[p] is not empty
 };
 
 class Task {
@@ -501,6 +505,7 @@ class RootScheduler : public Scheduler {
   Duration maxSchedulerSlip() const { return maxSlip_; }
   U64 runs() const { return runs_; }
 
+  // The history ring holds the last 32 runs unless resized.
   U32 historyEntryCount() const { return static_cast<U32>(history_.size()); }
   // Resizes the ring (0 turns history off) and clears it.
   void historyEntryCountIs(U32 n);

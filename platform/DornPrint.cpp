@@ -57,7 +57,7 @@ void Scheduler::printTaskLines(std::ostream& os, const PrintOptions& options) co
 
 void Scheduler::printStats(std::ostream& os, const PrintOptions& options) const {
   os << "Scheduler " << name_ << ": " << tasks_.size() << " tasks, " << queue_.size() << " runnable, "
-     << dead_.size() << " dead names, default quantum " << millis(defaultQuantum_) << " ms\n";
+     << dead_.size() << " dead-task records, default quantum " << millis(defaultQuantum_) << " ms\n";
   os << Zum::format("  %-9s %9s %9s %9s %12s\n", "priority", "runnable", "idle", "dead", "runs");
   for (const auto& [p, s] : queueStats()) {
     os << Zum::format("  %-9s %9u %9u %9u %12llu\n", priorityName(p), s.runnableTasks, s.idleTasks, s.deadTasks,

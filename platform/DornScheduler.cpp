@@ -37,6 +37,7 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <bit>
 
 #include "platform/Dorn.h"
 #include "platform/Exception.h"
@@ -54,6 +55,7 @@ void RunQueue::push(Task* t) {
   l.tail = t;
   ++l.size;
   ++size_;
+  nonEmpty_ |= 1u << index(t->priority_);
   t->queue_ = this;
 }
 
@@ -64,23 +66,18 @@ void RunQueue::remove(Task* t) {
   (t->next_ ? t->next_->prev_ : l.tail) = t->prev_;
   t->prev_ = t->next_ = nullptr;
   t->queue_ = nullptr;
-  --l.size;
   --size_;
+  if (--l.size == 0) nonEmpty_ &= ~(1u << index(t->priority_));
 }
 
-Priority RunQueue::mostUrgent() const {
-  for (std::size_t i = 0; i < priorityCount; ++i) {
-    if (lists_[i].head) return static_cast<Priority>(i);
-  }
-  return Priority::oneBeyondLast;
+Priority RunQueue::firstFrom(std::size_t from) const {
+  const U32 bits = nonEmpty_ >> from;
+  return bits ? static_cast<Priority>(from + std::countr_zero(bits)) : Priority::oneBeyondLast;
 }
 
-Priority RunQueue::lessUrgentThan(Priority p) const {
-  for (std::size_t i = index(p) + 1; i < priorityCount; ++i) {
-    if (lists_[i].head) return static_cast<Priority>(i);
-  }
-  return Priority::oneBeyondLast;
-}
+Priority RunQueue::mostUrgent() const { return firstFrom(0); }
+
+Priority RunQueue::lessUrgentThan(Priority p) const { return firstFrom(index(p) + 1); }
 
 Task* RunQueue::pop(U32 priorityRunFactor) {
   Priority p = mostUrgent();
@@ -111,9 +108,11 @@ void RunQueue::prependAll(RunQueue& other) {
     to.head = from.head;
     to.size += from.size;
     size_ += from.size;
+    nonEmpty_ |= 1u << i;
     from = List{};
   }
   other.size_ = 0;
+  other.nonEmpty_ = 0;
 }
 
 // ---- Scheduler --------------------------------------------------------------

@@ -14,6 +14,7 @@ struct ReviewFixture : ::testing::Test {
     reactor.notifierIs(clock);
     timer = Olk::reviewTimerFactory(&reactor, 1.0f, 4, 0.5f, 8.0f);
   }
+  void TearDown() override { reactor.notifierIs(nullptr); }
   // Plans a review and lets it come due, returning the delay used.
   double planAndFire() {
     timer->doUpdateNextReview();

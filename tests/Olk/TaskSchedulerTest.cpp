@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Olk/DumpContext.h"
@@ -22,12 +23,12 @@ using Zum::U32;
 
 // Runs a function on each run of the task it is attached to.
 struct Runner : Olk::Task::NotifieeConst {
-  std::function<void(Olk::Task&)> fn;
+  std::function<void(const Olk::Task&)> fn;
   int runs = 0;
   int busyChanges = 0;
   void onTaskRun() override {
     ++runs;
-    if (fn) fn(const_cast<Olk::Task&>(*notifier()));
+    if (fn) fn(*notifier());
   }
   void onTaskBusy() override { ++busyChanges; }
 };
@@ -40,7 +41,7 @@ struct SchedulerFixture : ::testing::Test {
   // A task that appends `tag` to `order` on each run.
   Ptr<Olk::Task> logged(TaskPriority p, const std::string& tag, Runner& r) {
     Ptr<Olk::Task> t = Olk::taskFactory(sched, p, tag);
-    r.fn = [this, tag](Olk::Task&) { order += tag; };
+    r.fn = [this, tag](const Olk::Task&) { order += tag; };
     r.notifierIs(t);
     return t;
   }
@@ -76,7 +77,7 @@ TEST_F(SchedulerFixture, ReactorYieldsAtTheQuantumAndRunsAgain) {
   Runner r;
   int units = 0;
   auto t = Olk::taskFactory(sched, TaskPriority::normal, "worker");
-  r.fn = [&](Olk::Task& self) {
+  r.fn = [&](const Olk::Task& self) {
     while (units < 10 && !self.taskShouldYield()) {
       clock->advance(0.005);
       ++units;
@@ -102,7 +103,7 @@ TEST_F(SchedulerFixture, LatencyIsTheWaitBehindOtherTasks) {
   Runner ra, rb;
   auto a = Olk::taskFactory(sched, TaskPriority::high, "a");
   auto b = Olk::taskFactory(sched, TaskPriority::low, "b");
-  ra.fn = [&](Olk::Task&) { clock->advance(0.003); };
+  ra.fn = [&](const Olk::Task&) { clock->advance(0.003); };
   ra.notifierIs(a);
   rb.notifierIs(b);
   a->scheduleTask();
@@ -119,7 +120,7 @@ TEST_F(SchedulerFixture, InfiniteQuantumNeverExpires) {
   auto t = Olk::taskFactory(sched, TaskPriority::normal, "t");
   t->taskQuantumIs(Zum::endOfTime);
   EXPECT_EQ(t->taskQuantum(), Zum::endOfTime);
-  r.fn = [&](Olk::Task& self) {
+  r.fn = [&](const Olk::Task& self) {
     clock->advance(1e6);
     yielded = self.taskShouldYield();
   };
@@ -145,7 +146,7 @@ TEST_F(SchedulerFixture, TaskRunNotifiesOnlyOnChange) {
 TEST_F(SchedulerFixture, TaskMayDropItsLastReferenceWhileRunning) {
   Runner r;
   auto t = Olk::taskFactory(sched, TaskPriority::normal, "gone");
-  r.fn = [&](Olk::Task&) {
+  r.fn = [&](const Olk::Task&) {
     r.notifierIs(nullptr);  // the reactor holds the task too
     t = nullptr;
   };
@@ -248,7 +249,7 @@ TEST_F(SchedulerFixture, TimerStartWithoutForceNeverMovesLater) {
 TEST_F(SchedulerFixture, TimerTaskMayDestroyItselfFromItsRun) {
   Runner r;
   auto t = timer("short-lived", r);
-  r.fn = [&](Olk::Task&) {
+  r.fn = [&](const Olk::Task&) {
     r.notifierIs(nullptr);
     t = nullptr;
   };
@@ -283,7 +284,7 @@ TEST_F(SchedulerFixture, JitterStaysWithinItsPercentage) {
 TEST_F(SchedulerFixture, TimerTaskMayRestartItselfFromItsRun) {
   Runner r;
   auto t = timer("periodic", r);
-  r.fn = [&](Olk::Task&) {
+  r.fn = [&](const Olk::Task&) {
     if (r.runs < 3) t->scheduleTaskDelay(0.5);
   };
   t->scheduleTaskDelay(0.5);
@@ -371,7 +372,7 @@ TEST_F(SchedulerFixture, GroupRunsItsTasksThroughItsParent) {
   EXPECT_TRUE(g->validScheduler());
   Runner rg, rn;
   auto inGroup = Olk::taskFactory(g, TaskPriority::high, "g");
-  rg.fn = [&](Olk::Task&) { order += "g"; };
+  rg.fn = [&](const Olk::Task&) { order += "g"; };
   rg.notifierIs(inGroup);
   auto top = logged(TaskPriority::normal, "n", rn);
   inGroup->scheduleTask();
@@ -459,18 +460,21 @@ TEST(TaskSchedulerEndToEnd, AgentSchedulerRunsMixedWork) {
   EXPECT_EQ(sched, Olk::TaskSchedulerZumActivity::findOrCreateAgentScheduler());
   EXPECT_EQ(sched->schedulerName(), "main");
   EXPECT_EQ(Dorn::perThreadScheduler(), sched->dornRoot());
+  Dorn::RootScheduler* otherThreads = sched->dornRoot();
+  std::thread([&] { otherThreads = Dorn::perThreadScheduler(); }).join();
+  EXPECT_EQ(otherThreads, nullptr);
   std::string order;
   std::vector<Ptr<Olk::Task>> tasks;
   std::vector<std::unique_ptr<Runner>> runners;
   for (auto [p, tag] : {std::pair{TaskPriority::low, "L"}, {TaskPriority::high, "H"}, {TaskPriority::normal, "N"}}) {
     tasks.push_back(Olk::taskFactory(sched, p, std::string("e2e-") + tag));
     runners.push_back(std::make_unique<Runner>());
-    runners.back()->fn = [&order, tag = std::string(tag)](Olk::Task&) { order += tag; };
+    runners.back()->fn = [&order, tag = std::string(tag)](const Olk::Task&) { order += tag; };
     runners.back()->notifierIs(tasks.back());
   }
   Runner timerRunner;
   auto tt = Olk::timerTaskFactory(sched, TaskPriority::normal, "e2e-timer");
-  timerRunner.fn = [&](Olk::Task&) { order += "T"; };
+  timerRunner.fn = [&](const Olk::Task&) { order += "T"; };
   timerRunner.notifierIs(tt);
   int fds[2];
   ASSERT_EQ(::pipe(fds), 0);

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -313,6 +314,49 @@ TEST(Dorn, PrintStatsNamesEveryTaskAndPriority) {
   EXPECT_NE(os.str().find("Root scheduler fake"), std::string::npos) << os.str();
   EXPECT_NE(os.str().find("high"), std::string::npos);
   EXPECT_NE(os.str().find(" a\n"), std::string::npos);
+}
+
+// Random scheduling operations against a model of which tasks must run:
+// the per-priority runnable counts must agree after every step, and one run
+// must execute exactly the model's tasks, each once.
+TEST(Dorn, RandomOperationsKeepTheQueuesConsistent) {
+  Fixture f;
+  constexpr int taskCount = 24;
+  std::vector<std::unique_ptr<FnTask>> tasks;
+  std::vector<int> ran(taskCount, 0);
+  for (int i = 0; i < taskCount; ++i) {
+    tasks.push_back(std::make_unique<FnTask>(&f.root, static_cast<Priority>(i % 5), "t",
+                                             [&ran, i](FnTask&) { ++ran[i]; }));
+  }
+  struct Model {
+    bool scheduled = false;
+    bool suspended = false;
+  };
+  std::vector<Model> model(taskCount);
+  std::mt19937 rng(12345);
+  for (int step = 0; step < 5000; ++step) {
+    const int i = static_cast<int>(rng() % taskCount);
+    FnTask& t = *tasks[i];
+    switch (rng() % 5) {
+      case 0: t.schedule(); model[i].scheduled = true; break;
+      case 1: t.unschedule(); model[i].scheduled = false; break;
+      case 2: t.suspendedIs(true); model[i].suspended = true; break;
+      case 3: t.suspendedIs(false); model[i].suspended = false; break;
+      case 4: t.priorityIs(static_cast<Priority>(rng() % 5)); break;
+    }
+    for (std::size_t p = 0; p < Dorn::priorityCount; ++p) {
+      U32 expect = 0;
+      for (int k = 0; k < taskCount; ++k) {
+        expect += model[k].scheduled && !model[k].suspended && tasks[k]->priority() == static_cast<Priority>(p);
+      }
+      ASSERT_EQ(f.root.runnableTaskCount(static_cast<Priority>(p)), expect) << "step " << step;
+    }
+  }
+  f.root.run();
+  for (int k = 0; k < taskCount; ++k) {
+    EXPECT_EQ(ran[k], model[k].scheduled && !model[k].suspended ? 1 : 0) << "task " << k;
+    EXPECT_EQ(tasks[k]->scheduled(), model[k].scheduled && model[k].suspended);
+  }
 }
 
 TEST(Dorn, ConversionsKeepInfinity) {
