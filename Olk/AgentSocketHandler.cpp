@@ -38,6 +38,7 @@
 #include <ostream>
 #include <typeinfo>
 
+#include "Olk/DumpContext.h"
 #include "platform/Exception.h"
 #include "platform/Format.h"
 #include "platform/Log.h"
@@ -142,8 +143,10 @@ void ClientSm::IdleTimer::onTime() {
 }
 
 void ClientSm::handleDataFromClient() {
-  Ptr<ClientSm> self(this);  // closing the connection drops the handler's reference
-  AgentSocketHandlerSm* handler = agentSocketHandlerSm_;
+  // Closing the connection drops the handler's reference to this client, and
+  // a callback may drop the agent's last reference to the handler.
+  Ptr<ClientSm> self(this);
+  Ptr<AgentSocketHandlerSm> handler(agentSocketHandlerSm_);
   const int fd = clientFd_->fd();
   char buf[AgentSocketHandlerSm::maxCommandBytes + 1];
   errno = 0;
@@ -323,6 +326,20 @@ void AgentSocketHandlerSm::doCloseClientConnection(const Ptr<ClientSm>& client) 
   if (clientFd->fd() >= 0) close(clientFd->release());
   fdDel(name);
   clientDel(name);
+}
+
+void AgentSocketHandlerSm::dumpState(const Ptr<const DumpContext>& dumpContext, U32 level) const {
+  objDumpPrintf(dumpContext, "AgentSocketHandlerSm socket: s%s initialized: %d\n", socketName_.c_str(),
+                initialized_);
+  objDumpPrintf(dumpContext,
+                "  peerCredentialCheck: %d maxClients: %u idleTimeout: %g clients: %u commands: %u\n",
+                peerCredentialCheck_, maxClients_, idleTimeout_, static_cast<unsigned>(client_.size()),
+                static_cast<unsigned>(agentSocketCallback_.size()));
+  for (const auto& [name, client] : client_) objDumpPrintf(dumpContext, "  client: %s\n", name.c_str());
+  if (level < dumpVerbose) return;
+  for (const auto& [word, callback] : agentSocketCallback_) {
+    objDumpPrintf(dumpContext, "  command: %s (%s)\n", word.c_str(), callback->name().c_str());
+  }
 }
 
 void AgentSocketHandlerSm::fdIs(const Ptr<Zum::FileDescriptor>& fd) {

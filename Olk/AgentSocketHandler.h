@@ -115,6 +115,8 @@ class ClientSm : public Zum::Entity {
   class IdleTimer : public Zum::Clock::Notifiee {
    public:
     explicit IdleTimer(ClientSm* owner) : owner_(owner) {}
+    // Leaves the clock while still whole: the clock unschedules by our type.
+    ~IdleTimer() override { notifierIs(nullptr); }
     void onTime() override;
 
    private:
@@ -204,6 +206,9 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   void handleClientConnection();
   // Closes the client's descriptor at once and forgets the client.
   void doCloseClientConnection(const Ptr<ClientSm>& client);
+
+  // Socket name, guards, clients and (verbose) the registered command words.
+  void dumpState(const Ptr<const DumpContext>& dumpContext, U32 level) const override;
 
  protected:
   template <class T, class... A>

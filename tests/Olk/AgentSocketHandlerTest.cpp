@@ -1,0 +1,438 @@
+#include "Olk/AgentSocketHandler.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "Olk/AgentSocketTestClient.h"
+#include "Olk/DumpContext.h"
+#include "platform/Exception.h"
+#include "platform/Log.h"
+#include "platform/Trace.h"
+
+using namespace Olk;
+using OlkTest::pumpUntil;
+using OlkTest::sendCommand;
+
+namespace {
+
+// Records every command it serves and answers with a fixed reply.
+class RecordingCallback : public AgentSocketCallback {
+ public:
+  std::vector<String> args;
+  String reply = "ok\n";
+
+  void handleCommand(U32 clientFd, const String& commandArgs) override {
+    args.push_back(commandArgs);
+    writeToClient(static_cast<int>(clientFd), reply);
+  }
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  explicit RecordingCallback(const String& word) : AgentSocketCallback("recorder", word) {}
+};
+
+class ClientCounter : public AgentSocketHandlerSm::Notifiee {
+ public:
+  int changes = 0;
+  void onClient(const String&) override { ++changes; }
+};
+
+// Runs `command` against the agent on a client thread while the loop runs.
+String roundTrip(const String& name, const String& command) {
+  String reply;
+  std::atomic<bool> done{false};
+  std::thread client([&] {
+    reply = sendCommand(name, command);
+    done = true;
+  });
+  pumpUntil([&] { return done.load(); });
+  client.join();
+  return reply;
+}
+
+class AgentSocketHandlerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    handler = agentSocketHandlerSmFactory(name);
+    recorder = Zum::create<RecordingCallback>("echo");
+    handler->agentSocketCallbackIs(recorder);
+    Zum::logSinkIs([this](const Zum::LogRecord& r) { logs.push_back(r.key); });
+  }
+  void TearDown() override { Zum::logSinkIs(nullptr); }
+
+  const String name = OlkTest::uniqueSocketName("ash");
+  Ptr<AgentSocketHandlerSm> handler;
+  Ptr<RecordingCallback> recorder;
+  std::vector<String> logs;
+};
+
+}  // namespace
+
+TEST_F(AgentSocketHandlerTest, ListensOnAbstractNameWithoutTerminator) {
+  EXPECT_TRUE(handler->initialized());
+  // The bound name must be exactly "s<name>": a client that appends the NUL
+  // addresses a different socket.
+  int sock = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  String path = "s" + name;
+  memcpy(addr.sun_path + 1, path.c_str(), path.size() + 1);
+  socklen_t withNul = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 2 + path.size());
+  EXPECT_NE(0, connect(sock, reinterpret_cast<sockaddr*>(&addr), withNul));
+  close(sock);
+  EXPECT_EQ("ok\n", roundTrip(name, "echo"));
+}
+
+TEST_F(AgentSocketHandlerTest, SplitsAtFirstBlankOnly) {
+  Zum::TraceCapture trace(9);
+  EXPECT_EQ("ok\n", roundTrip(name, "echo"));
+  EXPECT_EQ("ok\n", roundTrip(name, "echo  two  blanks "));
+  EXPECT_EQ("ok\n", roundTrip(name, "echo a b"));
+  ASSERT_EQ(3u, recorder->args.size());
+  EXPECT_EQ("", recorder->args[0]);
+  EXPECT_EQ(" two  blanks ", recorder->args[1]);
+  EXPECT_EQ("a b", recorder->args[2]);
+  EXPECT_TRUE(trace.contains("Received command: echo arg:  two  blanks "));
+  EXPECT_TRUE(trace.contains("Closing: clientFd:"));
+  EXPECT_EQ(0u, handler->clientCount());
+  EXPECT_EQ(0u, handler->fdCount());
+}
+
+TEST_F(AgentSocketHandlerTest, LongCommandIsCutAt1027Bytes) {
+  String command = "echo " + String(4995, 'a');
+  ASSERT_EQ(5000u, command.size());
+  EXPECT_EQ("ok\n", roundTrip(name, command));
+  ASSERT_EQ(1u, recorder->args.size());
+  EXPECT_EQ(String(1027 - 5, 'a'), recorder->args[0]);
+}
+
+TEST_F(AgentSocketHandlerTest, UnknownCommandGetsFixedReplyThenEnd) {
+  EXPECT_EQ(String("Unknown Command \n", 17), roundTrip(name, "nosuch arg"));
+  // Matching is exact: a trailing newline makes another word.
+  EXPECT_EQ("Unknown Command \n", roundTrip(name, "echo\n"));
+  EXPECT_TRUE(recorder->args.empty());
+}
+
+TEST_F(AgentSocketHandlerTest, ConnectAndCloseRemovesClient) {
+  ClientCounter counter;
+  counter.notifierIs(handler);
+  int sock = OlkTest::connectToAgent(name);
+  ASSERT_GE(sock, 0);
+  ASSERT_TRUE(pumpUntil([&] { return handler->clientCount() == 1; }));
+  close(sock);
+  ASSERT_TRUE(pumpUntil([&] { return handler->clientCount() == 0; }));
+  EXPECT_EQ(2, counter.changes);
+  EXPECT_EQ(0u, handler->fdCount());
+  EXPECT_TRUE(recorder->args.empty());
+}
+
+TEST_F(AgentSocketHandlerTest, ManyConcurrentClientsAllAnsweredDespiteSilentOnes) {
+  constexpr int talkers = 40;
+  constexpr int silent = 10;
+  std::vector<int> silentSocks;
+  for (size_t i = 1; i <= silent; ++i) {  // one at a time: the backlog holds only a few
+    silentSocks.push_back(OlkTest::connectToAgent(name));
+    ASSERT_TRUE(pumpUntil([&] { return handler->clientCount() == i; }));
+  }
+
+  std::atomic<int> answered{0};
+  std::vector<std::thread> clients;
+  for (int i = 0; i < talkers; ++i) {
+    clients.emplace_back([&, i] {
+      if (sendCommand(name, "echo " + std::to_string(i)) == "ok\n") ++answered;
+    });
+  }
+  EXPECT_TRUE(pumpUntil([&] { return answered == talkers; }));
+  for (auto& t : clients) t.join();
+  EXPECT_EQ(talkers, answered.load());
+  std::vector<String> seen = recorder->args;
+  std::sort(seen.begin(), seen.end());
+  EXPECT_EQ(talkers, std::unique(seen.begin(), seen.end()) - seen.begin());
+  EXPECT_EQ(size_t(silent), handler->clientCount());
+  for (int s : silentSocks) close(s);
+  EXPECT_TRUE(pumpUntil([&] { return handler->clientCount() == 0; }));
+}
+
+TEST_F(AgentSocketHandlerTest, IdleClientsClosedAtTimeout) {
+  auto clock = Zum::manualClockFactory(100.0);
+  handler->clockIs(clock);
+  handler->idleTimeoutIs(2.0);
+  Zum::TraceCapture trace(3);
+  int idle = OlkTest::connectToAgent(name);
+  ASSERT_TRUE(pumpUntil([&] { return handler->clientCount() == 1; }));
+  clock->advance(1.0);
+  int late = OlkTest::connectToAgent(name);
+  ASSERT_TRUE(pumpUntil([&] { return handler->clientCount() == 2; }));
+
+  clock->advance(1.0);  // the first is due, the second has a second left
+  EXPECT_EQ(1u, handler->clientCount());
+  EXPECT_EQ("", OlkTest::readToEnd(idle));
+  EXPECT_TRUE(trace.contains("Idle client closed: clientFd:"));
+  EXPECT_EQ(std::vector<String>{"AGENT_SOCKET_IDLE_CLIENT"}, logs);
+
+  // A client that speaks before its time-out is served and not closed twice.
+  send(late, "echo", 4, 0);
+  ASSERT_TRUE(pumpUntil([&] { return handler->clientCount() == 0; }));
+  EXPECT_EQ("ok\n", OlkTest::readToEnd(late));
+  clock->advance(10.0);
+  EXPECT_EQ(1u, logs.size());
+  close(idle);
+  close(late);
+}
+
+TEST_F(AgentSocketHandlerTest, ConnectionsBeyondCapRefusedWithoutHarm) {
+  handler->maxClientsIs(3);
+  std::vector<int> held;
+  for (int i = 0; i < 3; ++i) held.push_back(OlkTest::connectToAgent(name));
+  ASSERT_TRUE(pumpUntil([&] { return handler->clientCount() == 3; }));
+
+  EXPECT_EQ("Too many clients connected, try again later\n", roundTrip(name, "echo"));
+  EXPECT_EQ(std::vector<String>{"AGENT_SOCKET_CLIENT_LIMIT"}, logs);
+  EXPECT_EQ(3u, handler->clientCount());
+
+  for (int s : held) send(s, "echo", 4, 0);
+  ASSERT_TRUE(pumpUntil([&] { return handler->clientCount() == 0; }));
+  for (int s : held) {
+    EXPECT_EQ("ok\n", OlkTest::readToEnd(s));
+    close(s);
+  }
+  EXPECT_EQ(3u, recorder->args.size());
+}
+
+namespace {
+
+int pipeSignals = 0;
+void countPipeSignal(int) { ++pipeSignals; }
+
+// Writes a 1 MiB reply with plain write(), as a careless callback would.
+class BigReplyCallback : public AgentSocketCallback {
+ public:
+  void (*dispositionDuringCommand)(int) = nullptr;
+  ssize_t lastWrite = 0;
+
+  void handleCommand(U32 clientFd, const String&) override {
+    struct sigaction now {};
+    sigaction(SIGPIPE, nullptr, &now);
+    dispositionDuringCommand = now.sa_handler;
+    String reply(1 << 20, 'x');
+    for (int i = 0; i < 4; ++i) lastWrite = write(static_cast<int>(clientFd), reply.data(), reply.size());
+  }
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  BigReplyCallback() : AgentSocketCallback("big", "big") {}
+};
+
+}  // namespace
+
+TEST_F(AgentSocketHandlerTest, VanishedClientDuringLargeReplyDoesNotKillAgent) {
+  struct sigaction mine {}, saved {};
+  mine.sa_handler = countPipeSignal;
+  sigemptyset(&mine.sa_mask);
+  sigaction(SIGPIPE, &mine, &saved);
+  auto big = Zum::create<BigReplyCallback>();
+  handler->agentSocketCallbackIs(big);
+
+  int sock = OlkTest::connectToAgent(name);
+  send(sock, "big", 3, 0);
+  close(sock);  // gone before the agent even reads the command
+  ASSERT_TRUE(pumpUntil([&] { return big->dispositionDuringCommand != nullptr; }));
+
+  EXPECT_EQ(SIG_IGN, big->dispositionDuringCommand);
+  EXPECT_EQ(-1, big->lastWrite);
+  EXPECT_EQ(0, pipeSignals);
+  struct sigaction after {};
+  sigaction(SIGPIPE, nullptr, &after);
+  EXPECT_EQ(&countPipeSignal, after.sa_handler);
+  sigaction(SIGPIPE, &saved, nullptr);
+  EXPECT_EQ("ok\n", roundTrip(name, "echo"));
+}
+
+TEST_F(AgentSocketHandlerTest, LargeReplyToPatientClientArrivesWhole) {
+  recorder->reply = String(1 << 20, 'r');
+  EXPECT_EQ(recorder->reply, roundTrip(name, "echo"));
+}
+
+namespace {
+
+constexpr uid_t nobody = 65534;
+
+// Connects as `uid` from a forked child and reports whether the reply matched.
+pid_t commandAsUid(const String& name, uid_t uid, const String& expected) {
+  pid_t pid = fork();
+  if (pid != 0) return pid;
+  if (setuid(uid) != 0) _exit(2);
+  _exit(sendCommand(name, "echo") == expected ? 0 : 1);
+}
+
+int waitExit(pid_t pid) {
+  int status = -1;
+  pumpUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; });
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+TEST_F(AgentSocketHandlerTest, PeerCredentialCheckRefusesOtherUids) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client under another uid";
+  EXPECT_FALSE(handler->peerCredentialCheck());
+  EXPECT_EQ(0, waitExit(commandAsUid(name, nobody, "ok\n")));  // off by default
+
+  handler->peerCredentialCheckIs(true);
+  EXPECT_EQ(0, waitExit(commandAsUid(
+                   name, nobody, "Permission denied: uid 65534 may not send commands to this agent\n")));
+  EXPECT_EQ(std::vector<String>{"AGENT_SOCKET_PEER_REFUSED"}, logs);
+  EXPECT_EQ("ok\n", roundTrip(name, "echo"));  // the agent's own uid
+
+  handler->allowedUidIs(nobody);
+  EXPECT_EQ(0, waitExit(commandAsUid(name, nobody, "ok\n")));
+  EXPECT_EQ(3u, recorder->args.size());
+}
+
+TEST_F(AgentSocketHandlerTest, MutatorsRefuseNull) {
+  try {
+    handler->agentSocketCallbackIs(nullptr);
+    FAIL();
+  } catch (const Zum::RangeException& e) {
+    EXPECT_STREQ("null _agentSocketCallback parameter to mutator for "
+                 "Olk::AgentSocketHandlerSm::agentSocketCallback not allowed\"",
+                 e.what());
+  }
+  try {
+    handler->fdIs(nullptr);
+    FAIL();
+  } catch (const Zum::RangeException& e) {
+    EXPECT_STREQ("null _fd parameter to mutator for Olk::AgentSocketHandlerSm::fd not allowed\"",
+                 e.what());
+  }
+}
+
+TEST_F(AgentSocketHandlerTest, ClientConstructorAttributesCannotChange) {
+  int pair[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+  auto fd = Zum::activityManager()->fileDescriptorNew(pair[0]);
+  auto client = handler->clientIs(fd, handler.ptr());
+  EXPECT_EQ(client, handler->clientIs(fd, handler.ptr()));
+  EXPECT_EQ(client, handler->client(clientFdName(pair[0])));
+  auto other = agentSocketHandlerSmFactory(OlkTest::uniqueSocketName("other"));
+  EXPECT_THROW(handler->clientIs(fd, other.ptr()), Zum::RangeException);
+  handler->clientDel(clientFdName(pair[0]));
+  EXPECT_EQ(0u, handler->clientCount());
+  close(pair[1]);
+}
+
+TEST_F(AgentSocketHandlerTest, CallbacksReplacedAndRemovedByCommandWord) {
+  auto second = Zum::create<RecordingCallback>("echo");
+  second->reply = "second\n";
+  handler->agentSocketCallbackIs(second);
+  EXPECT_EQ("second\n", roundTrip(name, "echo"));
+  handler->agentSocketCallbackDel("echo");
+  EXPECT_EQ("Unknown Command \n", roundTrip(name, "echo"));
+  handler->agentSocketCallbackIs(recorder);
+  handler->agentSocketCallbackDelAll();
+  EXPECT_TRUE(handler->agentSocketCallbacks().empty());
+}
+
+TEST_F(AgentSocketHandlerTest, DeletingHandlerStopsListening) {
+  Zum::TraceCapture trace(9);
+  handler = nullptr;
+  EXPECT_TRUE(trace.contains("handleDeletion"));
+  EXPECT_TRUE(trace.contains("Socket deleted"));
+  EXPECT_EQ("<no agent>", sendCommand(name, "echo"));
+}
+
+TEST(AgentSocketHandlerDeathTest, SecondListenerOnSameNameIsFatal) {
+  String name = OlkTest::uniqueSocketName("dup");
+  auto first = agentSocketHandlerSmFactory(name);
+  EXPECT_DEATH(agentSocketHandlerSmFactory(name), "0 && \"socket bind failure\"");
+}
+
+TEST(AgentSocketHandlerDeathTest, RunCommandWithoutAgentIsFatal) {
+  EXPECT_DEATH(runCommand(OlkTest::uniqueSocketName("none"), "help", 1.0),
+               "Failed\\(0\\) connect failed(.|\n)*!\"0\"");
+}
+
+TEST(AgentSocketHandlerRunCommand, DeliversCommandText) {
+  String name = OlkTest::uniqueSocketName("run");
+  auto handler = agentSocketHandlerSmFactory(name);
+  auto recorder = Zum::create<RecordingCallback>("echo");
+  handler->agentSocketCallbackIs(recorder);
+  testing::internal::CaptureStdout();
+  runCommand(name, "echo hello world", 1.0);
+  String out = testing::internal::GetCapturedStdout();
+  ASSERT_TRUE(pumpUntil([&] { return !recorder->args.empty(); }));
+  EXPECT_EQ("hello world", recorder->args[0]);
+  EXPECT_NE(String::npos, out.find(name));
+  EXPECT_NE(String::npos, out.find("16"));
+}
+
+namespace {
+class ProbeSm : public BaseOutputSm {};
+}  // namespace
+
+TEST(BaseOutputSm, StreamsDerivedTypeName) {
+  auto probe = Zum::create<ProbeSm>();
+  std::ostringstream s;
+  s << *probe;
+  EXPECT_NE(String::npos, s.str().find("ProbeSm"));
+  auto handler = agentSocketHandlerSmFactory(OlkTest::uniqueSocketName("type"));
+  std::ostringstream h;
+  h << *handler;
+  EXPECT_EQ("Olk::AgentSocketHandlerSm", h.str());
+}
+
+TEST(AgentSocketHandlerDump, ShowsSocketClientsAndVerboseCommands) {
+  String name = OlkTest::uniqueSocketName("dump");
+  auto handler = agentSocketHandlerSmFactory(name);
+  handler->agentSocketCallbackIs(Zum::create<RecordingCallback>("echo"));
+  int pair[2];
+  ASSERT_EQ(0, pipe(pair));
+  handler->dumpState(DumpContext::dumpContext(pair[1], dumpNormal, false), dumpNormal);
+  handler->dumpState(DumpContext::dumpContext(pair[1], dumpVerbose, false), dumpVerbose);
+  close(pair[1]);
+  char buf[4096];
+  String text(buf, static_cast<size_t>(std::max<ssize_t>(0, read(pair[0], buf, sizeof(buf)))));
+  close(pair[0]);
+  const String header = "AgentSocketHandlerSm socket: s" + name + " initialized: 1\n";
+  ASSERT_NE(String::npos, text.find(header));
+  EXPECT_NE(text.find(header), text.rfind(header));  // one per dump
+  EXPECT_EQ(text.find("command: echo (recorder)\n"), text.rfind("command: echo (recorder)\n"));
+  EXPECT_NE(String::npos, text.find("command: echo (recorder)\n"));
+}
+
+namespace {
+
+// Drops the agent's only reference to the handler from inside a command.
+class DropHandlerCallback : public AgentSocketCallback {
+ public:
+  Ptr<AgentSocketHandlerSm>* holder = nullptr;
+  void handleCommand(U32 clientFd, const String&) override {
+    *holder = nullptr;
+    writeToClient(static_cast<int>(clientFd), "bye\n");
+  }
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  DropHandlerCallback() : AgentSocketCallback("drop", "drop") {}
+};
+
+}  // namespace
+
+TEST_F(AgentSocketHandlerTest, CallbackMayDropLastReferenceToHandler) {
+  auto drop = Zum::create<DropHandlerCallback>();
+  drop->holder = &handler;
+  handler->agentSocketCallbackIs(drop);
+  Zum::TraceCapture trace(9);
+  EXPECT_EQ("bye\n", roundTrip(name, "drop"));
+  EXPECT_EQ(nullptr, handler);
+  EXPECT_TRUE(trace.contains("Socket deleted"));
+  EXPECT_EQ("<no agent>", sendCommand(name, "echo"));
+}

@@ -1,0 +1,80 @@
+// Blocking clients of the agent command socket for tests. They run on their
+// own threads while the test thread drives the agent's loop, as an operator's
+// client would run in its own process.
+#pragma once
+
+#include <errno.h>
+#include <stddef.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+
+#include "platform/ActivityManager.h"
+
+namespace OlkTest {
+
+// Connects to "\0s<name>"; returns the socket or -1. Receives time out after
+// five seconds so that a broken server fails a test instead of hanging it.
+inline int connectToAgent(const std::string& name) {
+  int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  timeval tv{5, 0};
+  setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::string path = "s" + name;
+  memcpy(addr.sun_path + 1, path.data(), path.size());
+  socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size());
+  if (connect(sock, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+    close(sock);
+    return -1;
+  }
+  return sock;
+}
+
+// Reads until the server closes; a reset after the reply counts as the end.
+inline std::string readToEnd(int sock) {
+  std::string reply;
+  char buf[65536];
+  for (;;) {
+    ssize_t n = recv(sock, buf, sizeof(buf), 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return reply;
+    reply.append(buf, static_cast<size_t>(n));
+  }
+}
+
+// Sends `command` in one send and returns the whole reply, or "<no agent>".
+inline std::string sendCommand(const std::string& name, const std::string& command) {
+  int sock = connectToAgent(name);
+  if (sock < 0) return "<no agent>";
+  send(sock, command.data(), command.size(), MSG_NOSIGNAL);
+  std::string reply = readToEnd(sock);
+  close(sock);
+  return reply;
+}
+
+// A socket name no other test process uses.
+inline std::string uniqueSocketName(const char* tag) {
+  static int counter = 0;
+  return std::string("olktest-") + tag + "-" + std::to_string(getpid()) + "-" +
+         std::to_string(++counter);
+}
+
+// Runs the loop in short steps until `done` or ten seconds; answers done().
+inline bool pumpUntil(const std::function<bool()>& done) {
+  auto loop = Zum::activityManager();
+  const Zum::Seconds deadline = loop->clock()->now() + 10.0;
+  while (!done()) {
+    if (loop->clock()->now() > deadline) return false;
+    loop->runOnce(0.005);
+  }
+  return true;
+}
+
+}  // namespace OlkTest

@@ -1,0 +1,92 @@
+#include "Olk/SimpleAgentSocketHandler.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "Olk/AgentSocketTestClient.h"
+#include "platform/Exception.h"
+#include "platform/Log.h"
+
+using namespace Olk;
+
+namespace {
+
+class SimpleAgentSocketHandlerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Zum::logSinkIs([this](const Zum::LogRecord& r) { logs.push_back(r.text); });
+  }
+  void TearDown() override { Zum::logSinkIs(nullptr); }
+
+  String ask(const String& command) {
+    String reply;
+    std::atomic<bool> done{false};
+    std::thread client([&] {
+      reply = OlkTest::sendCommand(name, command);
+      done = true;
+    });
+    OlkTest::pumpUntil([&] { return done.load(); });
+    client.join();
+    return reply;
+  }
+
+  const String name = OlkTest::uniqueSocketName("simple");
+  Ptr<SimpleAgentSocketHandler> commands = simpleAgentSocketHandlerFactory(name);
+  std::vector<String> logs;
+};
+
+}  // namespace
+
+TEST_F(SimpleAgentSocketHandlerTest, HelpListsCommandsSortedWithUsage) {
+  commands->commandIs("stats", "shows statistics", [](const CommandRequest&) { return ""; });
+  commands->commandIs("add", "add <a> <b>: sums", [](const CommandRequest&) { return ""; });
+  EXPECT_EQ("add - add <a> <b>: sums\nhelp - lists the commands\nstats - shows statistics\n",
+            ask("help"));
+  commands->commandDel("stats");
+  EXPECT_FALSE(commands->command("stats"));
+  EXPECT_EQ("Unknown Command \n", ask("stats"));
+  EXPECT_EQ(2u, commands->commandCount());
+}
+
+TEST_F(SimpleAgentSocketHandlerTest, FunctionGetsArgumentsAndRepliesOnce) {
+  std::vector<String> seen;
+  commands->commandIs("echo", "echo <text>", [&](const CommandRequest& r) {
+    seen.push_back(r.args);
+    return "[" + r.args + "]\n";
+  });
+  EXPECT_EQ("[a  b]\n", ask("echo a  b"));
+  EXPECT_EQ("[]\n", ask("echo"));
+  EXPECT_EQ((std::vector<String>{"a  b", ""}), seen);
+}
+
+TEST_F(SimpleAgentSocketHandlerTest, FunctionMayWriteToClientDirectly) {
+  commands->commandIs("raw", "raw", [](const CommandRequest& r) {
+    writeToClient(r.clientFd, "direct ");
+    return String("returned\n");
+  });
+  EXPECT_EQ("direct returned\n", ask("raw"));
+}
+
+TEST_F(SimpleAgentSocketHandlerTest, ThrowingFunctionGetsErrorReplyAndLog) {
+  commands->commandIs("bad", "bad", [](const CommandRequest&) -> String {
+    throw CommandError("usage: bad <n>");
+  });
+  EXPECT_EQ("error: usage: bad <n>\n", ask("bad"));
+  ASSERT_EQ(1u, logs.size());
+  EXPECT_EQ("Command bad failed: usage: bad <n>", logs[0]);
+  EXPECT_EQ(0u, commands->agentSocketHandlerSm()->clientCount());
+}
+
+TEST_F(SimpleAgentSocketHandlerTest, EmptyFunctionRefused) {
+  EXPECT_THROW(commands->commandIs("x", "x", nullptr), Zum::RangeException);
+  EXPECT_FALSE(commands->command("x"));
+}
+
+TEST_F(SimpleAgentSocketHandlerTest, DroppingTableTakesCommandsOffSocket) {
+  Ptr<AgentSocketHandlerSm> socket = commands->agentSocketHandlerSm();
+  commands = nullptr;
+  EXPECT_TRUE(socket->agentSocketCallbacks().empty());
+  EXPECT_EQ("Unknown Command \n", ask("help"));
+}
