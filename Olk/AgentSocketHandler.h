@@ -115,8 +115,6 @@ class ClientSm : public Zum::Entity {
   class IdleTimer : public Zum::Clock::Notifiee {
    public:
     explicit IdleTimer(ClientSm* owner) : owner_(owner) {}
-    // Leaves the clock while still whole: the clock unschedules by our type.
-    ~IdleTimer() override { notifierIs(nullptr); }
     void onTime() override;
 
    private:
