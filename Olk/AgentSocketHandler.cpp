@@ -6,9 +6,8 @@
 // most 1027 bytes; a longer command is cut and the rest never read). The
 // reply is written synchronously by the callback into a send buffer forced
 // to 1 MiB, so the loop never waits on a slow reader; a reply larger than
-// the buffer is cut rather than blocking the agent. Without CAP_NET_ADMIN
-// the forced size is refused, and the ordinary SO_SNDBUF request (bounded by
-// net.core.wmem_max) is used instead so that unprivileged agents still serve.
+// the buffer is cut rather than blocking the agent (see sendBufferBytes for
+// agents that may not force the size).
 //
 // SIGPIPE is process-wide state; it is ignored only for the span of one
 // command and the previous action is restored afterwards, so an agent that

@@ -142,6 +142,12 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   };
 
   static constexpr U32 maxCommandBytes = 1027;
+  // Every client socket's send buffer is forced to this size before its
+  // command runs, so that a reply this large never blocks the loop. Forcing
+  // needs CAP_NET_ADMIN; without it the same size is asked for the ordinary
+  // way (SO_SNDBUF, capped by net.core.wmem_max) instead of failing, so that
+  // an unprivileged agent still serves commands rather than closing every
+  // connection unanswered. Its long replies may then be cut.
   static constexpr int sendBufferBytes = 1048576;
   static constexpr U32 maxClientsDefault = 128;
   static constexpr Seconds idleTimeoutDefault = 60.0;

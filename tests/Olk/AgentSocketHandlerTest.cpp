@@ -10,6 +10,7 @@
 
 #include "Olk/AgentSocketTestClient.h"
 #include "Olk/DumpContext.h"
+#include "TestSupport.h"
 #include "platform/Exception.h"
 #include "platform/Log.h"
 #include "platform/Trace.h"
@@ -294,6 +295,24 @@ TEST_F(AgentSocketHandlerTest, PeerCredentialCheckRefusesOtherUids) {
   handler->allowedUidIs(nobody);
   EXPECT_EQ(0, waitExit(commandAsUid(name, nobody, "ok\n")));
   EXPECT_EQ(3u, recorder->args.size());
+}
+
+TEST(AgentSocketHandlerUnprivileged, AgentThatMayNotForceSendBufferStillServes) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to drop to another uid";
+  EXPECT_EQ(0, OlkTest::inChild([] {
+    if (setuid(nobody) != 0) return 2;  // drops CAP_NET_ADMIN
+    // A new thread gets its own loop: the inherited one shares its epoll set
+    // with the parent.
+    int result = 1;
+    std::thread agent([&] {
+      const String name = OlkTest::uniqueSocketName("unpriv");
+      auto handler = agentSocketHandlerSmFactory(name);
+      handler->agentSocketCallbackIs(Zum::create<RecordingCallback>("echo"));
+      if (roundTrip(name, "echo") == "ok\n") result = 0;
+    });
+    agent.join();
+    return result;
+  }));
 }
 
 TEST_F(AgentSocketHandlerTest, MutatorsRefuseNull) {
