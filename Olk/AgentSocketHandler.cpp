@@ -33,6 +33,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <ostream>
 #include <typeinfo>
@@ -198,12 +199,7 @@ void ClientSm::dispatch(const String& command, const String& args) {
   sigemptyset(&ignore.sa_mask);
   sigaction(SIGPIPE, &ignore, nullptr);
 
-  const int fd = clientFd_->fd();
-  if (Ptr<AgentSocketCallback> callback = agentSocketHandlerSm_->agentSocketCallback(command)) {
-    callback->handleCommand(static_cast<U32>(fd), args);
-  } else {
-    writeToClient(fd, unknownCommandReply);
-  }
+  serve(command, args);
   agentSocketHandlerSm_->doCloseClientConnection(this);
 
   if (sigaction(SIGPIPE, &saved, nullptr) != 0) {
@@ -211,6 +207,21 @@ void ClientSm::dispatch(const String& command, const String& args) {
     perror("restoring SIGPIPE signal");
     commandError.log(strerror(err));
     ZUM_TRACE(tr, 3) << "Error in restoring current signal action, err= " << err;
+  }
+}
+
+void ClientSm::serve(const String& command, const String& args) {
+  const int fd = clientFd_->fd();
+  Ptr<AgentSocketCallback> callback = agentSocketHandlerSm_->agentSocketCallback(command);
+  if (!callback) {
+    writeToClient(fd, unknownCommandReply);
+    return;
+  }
+  try {
+    callback->handleCommand(static_cast<U32>(fd), args);
+  } catch (const std::exception& e) {
+    ZUM_TRACE(tr, 3) << "Command " << command << " failed: " << e.what();
+    commandError.log(e.what());
   }
 }
 

@@ -68,7 +68,9 @@ class AgentSocketCallback : public Zum::Entity {
   // Called with the client's descriptor (non-blocking, SIGPIPE ignored) and
   // the text after the first blank (empty when there was none). Whatever is
   // written to `clientFd` before returning is the reply; the connection is
-  // closed afterwards. The base only traces.
+  // closed afterwards. A std::exception thrown here ends the command only:
+  // it is logged as AGENT_SOCKET_COMMAND_ERROR and the connection is closed
+  // as usual. The base only traces.
   virtual void handleCommand(U32 clientFd, const String& commandArgs);
 
  protected:
@@ -123,6 +125,8 @@ class ClientSm : public Zum::Entity {
 
   bool prepareReply();
   void dispatch(const String& command, const String& args);
+  // Runs the callback for `command`, or answers an unknown one.
+  void serve(const String& command, const String& args);
 
   const Ptr<Zum::FileDescriptor> clientFd_;
   AgentSocketHandlerSm* const agentSocketHandlerSm_;

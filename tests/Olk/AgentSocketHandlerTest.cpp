@@ -63,7 +63,10 @@ class AgentSocketHandlerTest : public ::testing::Test {
     handler = agentSocketHandlerSmFactory(name);
     recorder = Zum::create<RecordingCallback>("echo");
     handler->agentSocketCallbackIs(recorder);
-    Zum::logSinkIs([this](const Zum::LogRecord& r) { logs.push_back(r.key); });
+    Zum::logSinkIs([this](const Zum::LogRecord& r) {
+      logs.push_back(r.key);
+      logTexts.push_back(r.text);
+    });
   }
   void TearDown() override { Zum::logSinkIs(nullptr); }
 
@@ -71,6 +74,7 @@ class AgentSocketHandlerTest : public ::testing::Test {
   Ptr<AgentSocketHandlerSm> handler;
   Ptr<RecordingCallback> recorder;
   std::vector<String> logs;
+  std::vector<String> logTexts;
 };
 
 }  // namespace
@@ -250,6 +254,39 @@ TEST_F(AgentSocketHandlerTest, VanishedClientDuringLargeReplyDoesNotKillAgent) {
   EXPECT_EQ(-1, big->lastWrite);
   EXPECT_EQ(0, pipeSignals);
   struct sigaction after {};
+  sigaction(SIGPIPE, nullptr, &after);
+  EXPECT_EQ(&countPipeSignal, after.sa_handler);
+  sigaction(SIGPIPE, &saved, nullptr);
+  EXPECT_EQ("ok\n", roundTrip(name, "echo"));
+}
+
+namespace {
+
+class ThrowingCallback : public AgentSocketCallback {
+ public:
+  void handleCommand(U32 clientFd, const String&) override {
+    writeToClient(static_cast<int>(clientFd), "partial\n");
+    throw Zum::RangeException("boom");
+  }
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  ThrowingCallback() : AgentSocketCallback("thrower", "throw") {}
+};
+
+}  // namespace
+
+TEST_F(AgentSocketHandlerTest, ThrowingCallbackEndsOnlyItsCommand) {
+  struct sigaction mine {}, saved {}, after {};
+  mine.sa_handler = countPipeSignal;
+  sigemptyset(&mine.sa_mask);
+  sigaction(SIGPIPE, &mine, &saved);
+  handler->agentSocketCallbackIs(Zum::create<ThrowingCallback>());
+
+  EXPECT_EQ("partial\n", roundTrip(name, "throw"));
+  EXPECT_EQ(std::vector<String>{"Error (boom) on command execution"}, logTexts);
+  EXPECT_EQ(0u, handler->clientCount());
   sigaction(SIGPIPE, nullptr, &after);
   EXPECT_EQ(&countPipeSignal, after.sa_handler);
   sigaction(SIGPIPE, &saved, nullptr);
