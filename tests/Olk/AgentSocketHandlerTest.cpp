@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <sstream>
@@ -378,6 +379,18 @@ TEST(AgentSocketHandlerDeathTest, SecondListenerOnSameNameIsFatal) {
   String name = OlkTest::uniqueSocketName("dup");
   auto first = agentSocketHandlerSmFactory(name);
   EXPECT_DEATH(agentSocketHandlerSmFactory(name), "0 && \"socket bind failure\"");
+}
+
+TEST(AgentSocketHandlerDeathTest, NoDescriptorForTheSocketIsFatal) {
+  String name = OlkTest::uniqueSocketName("nofd");
+  auto listenWithoutDescriptors = [&] {
+    Zum::activityManager();
+    const rlimit none{0, 0};
+    setrlimit(RLIMIT_NOFILE, &none);
+    agentSocketHandlerSmFactory(name);
+  };
+  EXPECT_DEATH(listenWithoutDescriptors(),
+               "Creating unix socket: Too many open files(.|\n)*0 && \"socket failed\"");
 }
 
 TEST(AgentSocketHandlerDeathTest, RunCommandWithoutAgentIsFatal) {
