@@ -369,6 +369,7 @@ void AgentSocketHandlerSm::fdDelAll() {
 Ptr<ClientSm> AgentSocketHandlerSm::clientIs(const Ptr<Zum::FileDescriptor>& clientFd,
                                              AgentSocketHandlerSm* handler) {
   Zum::requireNonNull(clientFd, handlerClass, "client");
+  Zum::requireNonNull(handler, handlerClass, "client");
   const String name = clientFdName(clientFd->fd());
   if (Ptr<ClientSm> existing = client_.get(name)) {
     if (existing->clientFd() != clientFd) {

@@ -172,7 +172,8 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   Ptr<ClientSm> client(const String& name) const { return client_.get(name); }
   size_t clientCount() const { return client_.size(); }
   // The ClientSm for `clientFd`, created on first call. Asking again with
-  // another descriptor entity or handler under the same name is refused.
+  // another descriptor entity or handler under the same name is refused, as
+  // is a null descriptor or handler.
   Ptr<ClientSm> clientIs(const Ptr<Zum::FileDescriptor>& clientFd, AgentSocketHandlerSm* handler);
   void clientDel(const String& name);
   void clientDelAll();

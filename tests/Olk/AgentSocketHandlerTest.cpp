@@ -347,6 +347,13 @@ TEST_F(AgentSocketHandlerTest, MutatorsRefuseNull) {
                             "Olk::AgentSocketHandlerSm::agentSocketCallback not allowed\"");
   OlkTest::expectRangeError([&] { handler->fdIs(nullptr); },
                             "null _fd parameter to mutator for Olk::AgentSocketHandlerSm::fd not allowed\"");
+  int pair[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+  auto fd = Zum::activityManager()->fileDescriptorNew(pair[0]);
+  OlkTest::expectRangeError([&] { handler->clientIs(fd, nullptr); },
+                            "null _client parameter to mutator for Olk::AgentSocketHandlerSm::client not allowed\"");
+  EXPECT_EQ(0u, handler->clientCount());
+  close(pair[1]);
 }
 
 TEST_F(AgentSocketHandlerTest, ClientConstructorAttributesCannotChange) {
