@@ -1,25 +1,18 @@
 // The agent command socket: operators and scripts talk to a running agent.
 //
-// An agent listens on a stream socket in the Linux abstract namespace, at the
-// address "\0s<name>". Each connection carries exactly one command: the
-// handler reads one receive of at most 1027 bytes, splits it at the first
-// blank into the command word and its argument text, hands both to the
-// `AgentSocketCallback` registered for the word, and closes the connection.
-// The reply is whatever the callback writes to the client descriptor before
-// it returns (the send buffer is forced to 1 MiB so that it fits without
-// blocking); an unregistered word gets "Unknown Command \n".
+// An agent listens on the abstract stream socket "\0s<name>". Each connection
+// carries one command: one receive of at most 1027 bytes, split at the first
+// blank into the command word and its arguments, handed to the
+// `AgentSocketCallback` registered for the word; then the connection closes.
+// The reply is what the callback writes to the client descriptor before it
+// returns; an unregistered word gets "Unknown Command \n".
 //
-// Everything runs on the calling thread's activity loop through readability
-// notifications: a client that connects and never sends costs one descriptor
-// and nothing else. Abstract sockets carry no file permissions, so three
-// guards bound who may connect and how many may linger: an optional
-// peer-credential check (off by default), a cap on concurrent clients
-// (default 128) and an idle time-out (default 60 s) after which a silent
-// client is closed. The defaults never disturb a client that connects and
-// sends its one command, even one typed by hand.
-//
-// `BaseOutputSm` is the common root of the library's state machines that can
-// write their state into a dump.
+// Everything runs on the calling thread's activity loop; a client that never
+// sends costs one descriptor and nothing else. Abstract sockets carry no file
+// permissions, so three guards bound who may connect and how many may linger:
+// an optional peer-credential check (off by default), a cap on concurrent
+// clients (default 128) and an idle time-out (default 60 s). The defaults
+// never disturb a client that sends its one command, even one typed by hand.
 #pragma once
 
 #include <sys/types.h>
@@ -41,8 +34,8 @@ namespace Olk {
 
 class DumpContext;
 
-// Root of the output state machines: anything that can describe itself in a
-// dump and name its most-derived type in traces.
+// Root of the library's output state machines: anything that can describe
+// itself in a dump and name its most-derived type in traces.
 class BaseOutputSm : public Zum::Entity {
  public:
   // Writes this machine's state into `dumpContext` at detail `level`; the
