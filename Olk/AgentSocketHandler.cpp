@@ -6,9 +6,8 @@
 // most 1027 bytes; a longer command is cut and the rest never read). The
 // reply is written synchronously by the callback into a send buffer forced
 // to 1 MiB, so the loop never waits on a slow reader; a reply larger than
-// the buffer is cut rather than blocking the agent. Without CAP_NET_ADMIN
-// the forced size is refused, and the ordinary SO_SNDBUF request (bounded by
-// net.core.wmem_max) is used instead so that unprivileged agents still serve.
+// the buffer is cut rather than blocking the agent (see sendBufferBytes for
+// agents that may not force the size).
 //
 // SIGPIPE is process-wide state; it is ignored only for the span of one
 // command and the previous action is restored afterwards, so an agent that
@@ -34,6 +33,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <ostream>
 #include <typeinfo>
@@ -199,12 +199,7 @@ void ClientSm::dispatch(const String& command, const String& args) {
   sigemptyset(&ignore.sa_mask);
   sigaction(SIGPIPE, &ignore, nullptr);
 
-  const int fd = clientFd_->fd();
-  if (Ptr<AgentSocketCallback> callback = agentSocketHandlerSm_->agentSocketCallback(command)) {
-    callback->handleCommand(static_cast<U32>(fd), args);
-  } else {
-    writeToClient(fd, unknownCommandReply);
-  }
+  serve(command, args);
   agentSocketHandlerSm_->doCloseClientConnection(this);
 
   if (sigaction(SIGPIPE, &saved, nullptr) != 0) {
@@ -212,6 +207,21 @@ void ClientSm::dispatch(const String& command, const String& args) {
     perror("restoring SIGPIPE signal");
     commandError.log(strerror(err));
     ZUM_TRACE(tr, 3) << "Error in restoring current signal action, err= " << err;
+  }
+}
+
+void ClientSm::serve(const String& command, const String& args) {
+  const int fd = clientFd_->fd();
+  Ptr<AgentSocketCallback> callback = agentSocketHandlerSm_->agentSocketCallback(command);
+  if (!callback) {
+    writeToClient(fd, unknownCommandReply);
+    return;
+  }
+  try {
+    callback->handleCommand(static_cast<U32>(fd), args);
+  } catch (const std::exception& e) {
+    ZUM_TRACE(tr, 3) << "Command " << command << " failed: " << e.what();
+    commandError.log(e.what());
   }
 }
 
@@ -359,6 +369,7 @@ void AgentSocketHandlerSm::fdDelAll() {
 Ptr<ClientSm> AgentSocketHandlerSm::clientIs(const Ptr<Zum::FileDescriptor>& clientFd,
                                              AgentSocketHandlerSm* handler) {
   Zum::requireNonNull(clientFd, handlerClass, "client");
+  Zum::requireNonNull(handler, handlerClass, "client");
   const String name = clientFdName(clientFd->fd());
   if (Ptr<ClientSm> existing = client_.get(name)) {
     if (existing->clientFd() != clientFd) {

@@ -1,25 +1,18 @@
 // The agent command socket: operators and scripts talk to a running agent.
 //
-// An agent listens on a stream socket in the Linux abstract namespace, at the
-// address "\0s<name>". Each connection carries exactly one command: the
-// handler reads one receive of at most 1027 bytes, splits it at the first
-// blank into the command word and its argument text, hands both to the
-// `AgentSocketCallback` registered for the word, and closes the connection.
-// The reply is whatever the callback writes to the client descriptor before
-// it returns (the send buffer is forced to 1 MiB so that it fits without
-// blocking); an unregistered word gets "Unknown Command \n".
+// An agent listens on the abstract stream socket "\0s<name>". Each connection
+// carries one command: one receive of at most 1027 bytes, split at the first
+// blank into the command word and its arguments, handed to the
+// `AgentSocketCallback` registered for the word; then the connection closes.
+// The reply is what the callback writes to the client descriptor before it
+// returns; an unregistered word gets "Unknown Command \n".
 //
-// Everything runs on the calling thread's activity loop through readability
-// notifications: a client that connects and never sends costs one descriptor
-// and nothing else. Abstract sockets carry no file permissions, so three
-// guards bound who may connect and how many may linger: an optional
-// peer-credential check (off by default), a cap on concurrent clients
-// (default 128) and an idle time-out (default 60 s) after which a silent
-// client is closed. The defaults never disturb a client that connects and
-// sends its one command, even one typed by hand.
-//
-// `BaseOutputSm` is the common root of the library's state machines that can
-// write their state into a dump.
+// Everything runs on the calling thread's activity loop; a client that never
+// sends costs one descriptor and nothing else. Abstract sockets carry no file
+// permissions, so three guards bound who may connect and how many may linger:
+// an optional peer-credential check (off by default), a cap on concurrent
+// clients (default 128) and an idle time-out (default 60 s). The defaults
+// never disturb a client that sends its one command, even one typed by hand.
 #pragma once
 
 #include <sys/types.h>
@@ -41,8 +34,8 @@ namespace Olk {
 
 class DumpContext;
 
-// Root of the output state machines: anything that can describe itself in a
-// dump and name its most-derived type in traces.
+// Root of the library's output state machines: anything that can describe
+// itself in a dump and name its most-derived type in traces.
 class BaseOutputSm : public Zum::Entity {
  public:
   // Writes this machine's state into `dumpContext` at detail `level`; the
@@ -68,7 +61,9 @@ class AgentSocketCallback : public Zum::Entity {
   // Called with the client's descriptor (non-blocking, SIGPIPE ignored) and
   // the text after the first blank (empty when there was none). Whatever is
   // written to `clientFd` before returning is the reply; the connection is
-  // closed afterwards. The base only traces.
+  // closed afterwards. A std::exception thrown here ends the command only:
+  // it is logged as AGENT_SOCKET_COMMAND_ERROR and the connection is closed
+  // as usual. The base only traces.
   virtual void handleCommand(U32 clientFd, const String& commandArgs);
 
  protected:
@@ -115,8 +110,6 @@ class ClientSm : public Zum::Entity {
   class IdleTimer : public Zum::Clock::Notifiee {
    public:
     explicit IdleTimer(ClientSm* owner) : owner_(owner) {}
-    // Leaves the clock while still whole: the clock unschedules by our type.
-    ~IdleTimer() override { notifierIs(nullptr); }
     void onTime() override;
 
    private:
@@ -125,6 +118,8 @@ class ClientSm : public Zum::Entity {
 
   bool prepareReply();
   void dispatch(const String& command, const String& args);
+  // Runs the callback for `command`, or answers an unknown one.
+  void serve(const String& command, const String& args);
 
   const Ptr<Zum::FileDescriptor> clientFd_;
   AgentSocketHandlerSm* const agentSocketHandlerSm_;
@@ -144,6 +139,12 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   };
 
   static constexpr U32 maxCommandBytes = 1027;
+  // Every client socket's send buffer is forced to this size before its
+  // command runs, so that a reply this large never blocks the loop. Forcing
+  // needs CAP_NET_ADMIN; without it the same size is asked for the ordinary
+  // way (SO_SNDBUF, capped by net.core.wmem_max) instead of failing, so that
+  // an unprivileged agent still serves commands rather than closing every
+  // connection unanswered. Its long replies may then be cut.
   static constexpr int sendBufferBytes = 1048576;
   static constexpr U32 maxClientsDefault = 128;
   static constexpr Seconds idleTimeoutDefault = 60.0;
@@ -164,7 +165,8 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   Ptr<ClientSm> client(const String& name) const { return client_.get(name); }
   size_t clientCount() const { return client_.size(); }
   // The ClientSm for `clientFd`, created on first call. Asking again with
-  // another descriptor entity or handler under the same name is refused.
+  // another descriptor entity or handler under the same name is refused, as
+  // is a null descriptor or handler.
   Ptr<ClientSm> clientIs(const Ptr<Zum::FileDescriptor>& clientFd, AgentSocketHandlerSm* handler);
   void clientDel(const String& name);
   void clientDelAll();

@@ -12,8 +12,7 @@
 // also write straight to `request.clientFd`, as a dump does). A function that
 // throws has its error text sent back as "error: <what>\n" and logged; it
 // never reaches the loop. "help" is built in and lists every command with its
-// usage, in command order. Words that are not registered still get the
-// socket's "Unknown Command \n". Runs on the activity loop like the socket.
+// usage, in command order; unregistered words get "Unknown Command \n".
 #pragma once
 
 #include <functional>

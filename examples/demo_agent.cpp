@@ -17,6 +17,7 @@
 // the demo means adding one module and one line in `DemoAgent::DemoAgent`.
 #include <signal.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -646,6 +647,11 @@ class DemoAgent {
       return "";
     }
     if (w.size() != 2 || w[0] != "gz") throw CommandError("usage: dump [verbose] [gz <path>]");
+    // A pipe or a device could stall the loop for as long as nobody reads it.
+    struct stat st;
+    if (stat(w[1].c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+      throw CommandError(w[1] + " is not a regular file");
+    }
     gzFile gz = openCompressedDumpFile(w[1].c_str());
     if (!gz) throw CommandError("cannot open " + w[1]);
     dumpAll(dumpContextFactory(0, gz, level));

@@ -8,7 +8,8 @@
 // would send (no newline), then copies the reply to standard output byte for
 // byte until the agent closes the connection.
 //
-// Exit status: 0 reply received; 1 bad usage; 2 no agent listens on that
+// Exit status: 0 reply received; 1 bad usage (also an empty command or one
+// longer than the 1027 bytes an agent reads); 2 no agent listens on that
 // name; 3 the time-out (default 5 s) struck; 4 any other socket error.
 #include <errno.h>
 #include <poll.h>
@@ -34,7 +35,8 @@ const char* const usageText =
     "\n"
     "Sends one command to the agent listening on the abstract Unix socket\n"
     "\"\\0s<agent>\" and prints its reply until the agent closes the connection.\n"
-    "The command and its arguments are sent joined by single blanks.\n"
+    "The command and its arguments are sent joined by single blanks, at most\n"
+    "1027 bytes in all.\n"
     "\n"
     "options:\n"
     "  -t, --timeout SECONDS  give up after this long (default 5)\n"
@@ -51,8 +53,12 @@ struct Options {
   std::string command;
 };
 
-[[noreturn]] void usageError(const char* why) {
-  fprintf(stderr, "olkctl: %s\n%s", why, usageText);
+// An agent takes what one receive of this many bytes returns: the rest of a
+// longer command would be lost without a word.
+constexpr size_t maxCommandBytes = 1027;
+
+[[noreturn]] void usageError(const std::string& why) {
+  fprintf(stderr, "olkctl: %s\nTry 'olkctl --help' for more information.\n", why.c_str());
   exit(exitUsage);
 }
 
@@ -65,7 +71,7 @@ Options parse(int argc, char** argv) {
       fputs(usageText, stdout);
       exit(exitOk);
     }
-    if (opt != "-t" && opt != "--timeout") usageError(("unknown option " + opt).c_str());
+    if (opt != "-t" && opt != "--timeout") usageError("unknown option " + opt);
     if (++i == argc) usageError("--timeout needs a value");
     char* end = nullptr;
     o.timeout = strtod(argv[i], &end);
@@ -77,6 +83,12 @@ Options parse(int argc, char** argv) {
   o.agent = argv[i++];
   o.command = argv[i++];
   for (; i < argc; ++i) o.command += std::string(" ") + argv[i];
+  // An empty command sends nothing, and the agent would wait for one.
+  if (o.command.empty()) usageError("the command must not be empty");
+  if (o.command.size() > maxCommandBytes) {
+    usageError("the command has " + std::to_string(o.command.size()) + " bytes; an agent reads at most " +
+               std::to_string(maxCommandBytes));
+  }
   return o;
 }
 

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "platform/ActivityManager.h"
 
@@ -75,6 +76,20 @@ inline bool pumpUntil(const std::function<bool()>& done) {
     loop->runOnce(0.005);
   }
   return true;
+}
+
+// Runs `command` against the agent on a client thread while this thread
+// drives the loop, and returns the reply.
+inline std::string roundTrip(const std::string& name, const std::string& command) {
+  std::string reply;
+  std::atomic<bool> done{false};
+  std::thread client([&] {
+    reply = sendCommand(name, command);
+    done = true;
+  });
+  pumpUntil([&] { return done.load(); });
+  client.join();
+  return reply;
 }
 
 }  // namespace OlkTest

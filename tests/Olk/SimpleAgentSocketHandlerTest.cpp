@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
-
 #include "Olk/AgentSocketTestClient.h"
 #include "platform/Exception.h"
 #include "platform/Log.h"
@@ -20,17 +17,7 @@ class SimpleAgentSocketHandlerTest : public ::testing::Test {
   }
   void TearDown() override { Zum::logSinkIs(nullptr); }
 
-  String ask(const String& command) {
-    String reply;
-    std::atomic<bool> done{false};
-    std::thread client([&] {
-      reply = OlkTest::sendCommand(name, command);
-      done = true;
-    });
-    OlkTest::pumpUntil([&] { return done.load(); });
-    client.join();
-    return reply;
-  }
+  String ask(const String& command) { return OlkTest::roundTrip(name, command); }
 
   const String name = OlkTest::uniqueSocketName("simple");
   Ptr<SimpleAgentSocketHandler> commands = simpleAgentSocketHandlerFactory(name);
