@@ -184,7 +184,8 @@ class CuckooModule : public DemoModule {
   static constexpr size_t targetItems = 3 * tableSize * binSize * 85 / 100;
 
   explicit CuckooModule(DemoEnv& env)
-      : config_(Cuckoo::configFactory("demo-cuckoo", 3)),
+      : clock_(env.clock),
+        config_(Cuckoo::configFactory("demo-cuckoo", 3)),
         status_(Cuckoo::statusFactory("demo-cuckoo")),
         workload_(env, "cuckoo-churn", 0.01, [this] { churn(); }),
         hardwareWriter_(env, "cuckoo-hardware", 0.05, [this] { writeHardware(); }) {
@@ -192,7 +193,9 @@ class CuckooModule : public DemoModule {
     config_->pendingItemReviewQuantumIs(1.0);
     table_ = Cuckoo::hashTableFactory(config_, status_, env.clock);
     env.commands->commandIs(
-        "cuckoo", "cuckoo [insert <key> | delete <key> | items [0-2]]: the cuckoo table",
+        "cuckoo",
+        "cuckoo [insert <key> | delete <key> | items [0-2] | fill <n>]: the cuckoo table; fill loads n "
+        "items into a fresh 4-table one",
         [this](const CommandRequest& r) { return command(r); });
   }
   const char* name() const override { return "cuckoo"; }
@@ -277,8 +280,9 @@ class CuckooModule : public DemoModule {
       table_->displayItems(verbosity, DumpContext::dumpContext(r.clientFd, dumpNormal, false));
       return "";
     }
+    if (w[0] == "fill" && w.size() == 2) return fill(parseNumber(w[1], 1, 16384));
     if ((w[0] != "insert" && w[0] != "delete") || w.size() != 2) {
-      throw CommandError("usage: cuckoo [insert <key> | delete <key> | items [0-2]]");
+      throw CommandError("usage: cuckoo [insert <key> | delete <key> | items [0-2] | fill <n>]");
     }
     const U32 key = parseNumber(w[1], 0, 0xffffffffu);
     const size_t first = status_->cuckooCmds()->itemSeqs();
@@ -292,6 +296,42 @@ class CuckooModule : public DemoModule {
     return text + listFrom(first);
   }
 
+  // Inserts n items into a fresh table of four 1024 x 4 tables, writing and
+  // acknowledging every command list as an agent would, and reports how the
+  // table filled. At most the table's 16384 slots: past them every insert
+  // walks to its limit and retries, and the loop would be held for seconds.
+  // (The churn workload checks each of its lists hitless; that check copies
+  // the shadow, too costly to run on every insert here.)
+  String fill(U32 n) {
+    constexpr U32 tables = 4;
+    Ptr<Cuckoo::Config> config = Cuckoo::configFactory("demo-fill", tables);
+    for (U32 t = 0; t < tables; ++t) config->tableDescListIs(Cuckoo::TableId(t), 1024, 4);
+    Ptr<Cuckoo::Status> status = Cuckoo::statusFactory("demo-fill");
+    Ptr<Cuckoo::HashTable> table = Cuckoo::hashTableFactory(config, status, clock_);
+    U64 writes = 0, lists = 0;
+    for (U32 key = 0; key < n; ++key) {
+      table->insertItem(item(key * 2654435761u));
+      const size_t cmds = status->cuckooCmds()->itemSeqs();
+      if (cmds == 0) continue;
+      writes += cmds;
+      ++lists;
+      config->cmdReadCompletedInc();
+    }
+    String out = Zum::format(
+        "fill %u: occupancy %.3f pending %zu hardware writes %llu in %llu lists cycles %u longest %u "
+        "retries %u\n",
+        n, status->occupancy(), status->pendingItemSets(), static_cast<unsigned long long>(writes),
+        static_cast<unsigned long long>(lists),
+        status->cycleCount(), status->longestCycle(), status->retryCount());
+    for (U32 t = 0; t < tables; ++t) {
+      const Ptr<Cuckoo::TableStat> stat = status->tableStat(Cuckoo::TableId(t));
+      out += Zum::format("  table %u: items %u evictions %u\n", t, stat->numOfHashItems(),
+                         stat->numOfEvicts());
+    }
+    return out;
+  }
+
+  Ptr<Zum::Clock> clock_;
   Ptr<Cuckoo::Config> config_;
   Ptr<Cuckoo::Status> status_;
   Ptr<Cuckoo::HashTable> table_;

@@ -27,7 +27,7 @@ until "$ctl" --timeout 1 "$name" help >/dev/null 2>&1; do
 done
 sleep 2
 
-for cmd in "help" "stats" "cuckoo insert 4242" "xact start 2" "xact" "labels" "blocks defrag" \
+for cmd in "help" "stats" "cuckoo insert 4242" "cuckoo fill 16000" "xact start 2" "xact" "labels" "blocks defrag" \
            "dump" "dump gz $build/demo-dump.gz" "no-such-command"; do
   echo "\$ olkctl $name $cmd"
   # shellcheck disable=SC2086 # the command's words are meant to split
