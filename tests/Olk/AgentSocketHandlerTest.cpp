@@ -389,6 +389,11 @@ TEST(AgentSocketHandlerDeathTest, SecondListenerOnSameNameIsFatal) {
 }
 
 TEST(AgentSocketHandlerDeathTest, NoDescriptorForTheSocketIsFatal) {
+#ifdef __SANITIZE_ADDRESS__
+  // The sanitizers' own memory checks need a pipe, so without descriptors
+  // they fail before the code under test does.
+  GTEST_SKIP() << "needs free descriptors under the sanitizers";
+#endif
   String name = OlkTest::uniqueSocketName("nofd");
   auto listenWithoutDescriptors = [&] {
     Zum::activityManager();
