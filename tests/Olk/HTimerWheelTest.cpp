@@ -142,6 +142,7 @@ TEST_F(TimerWheelTest, TicksRoundUpAndFireNeverEarly) {
   EXPECT_TRUE(t.fired.empty());
   clock->nowIs(1000.1);
   ASSERT_EQ(t.fired.size(), 1u);
+  EXPECT_DOUBLE_EQ(t.fired[0], 1000.03);
   EXPECT_EQ(t.bucketIndex(), InvalidBucketIndex);
   expectIdle();
 }
