@@ -196,20 +196,6 @@ TEST(BestFitAllocator, DefragmentMovesTheBlockAfterTheHoleDown) {
   EXPECT_EQ(a->numFreeEntries(), 8u);
 }
 
-TEST(BestFitAllocator, ResizeGrowsIntoTheTailAndShrinksFromIt) {
-  auto a = bestFitAllocatorFactory(10, 0, 4);
-  auto b = a->alloc(4);
-  EXPECT_FALSE(a->resizeMemory(16));
-  EXPECT_EQ(freeBlocks(*a), (Blocks{{4, 12}}));
-  EXPECT_EQ(a->numFreeEntries(), 12u);
-  EXPECT_FALSE(a->resizeMemory(6));
-  EXPECT_EQ(freeBlocks(*a), (Blocks{{4, 2}}));
-  EXPECT_FALSE(a->resizeMemory(4));
-  EXPECT_FALSE(a->resizeMemory(2));  // no free entries: ignored
-  EXPECT_EQ(a->memSz(), 4u);
-  checkInvariants(*a);
-}
-
 // Deliberate: the memory never shrinks below its used entries.
 TEST(BestFitAllocator, ShrinkBelowUsedEntriesDefragmentsAndIsClamped) {
   auto a = bestFitAllocatorFactory(20, 0, 5);

@@ -71,10 +71,6 @@ Ptr<DumpContext> callbackContext(CollectingCallback& cb) {
 
 TEST(DumpContext, DefaultsOfPlainDescriptorContext) {
   Ptr<DumpContext> ctx = DumpContext::dumpContext(7, dumpVerbose, true);
-  EXPECT_EQ(ctx->fd(), 7);
-  EXPECT_EQ(ctx->gzFileHandle(), nullptr);
-  EXPECT_EQ(ctx->level(), dumpVerbose);
-  EXPECT_EQ(ctx->writeCallback(), nullptr);
   EXPECT_FALSE(ctx->yieldingEnabled());
   EXPECT_EQ(ctx->maxListEntriesDumped(), 20000u);
   EXPECT_FALSE(ctx->truncated());

