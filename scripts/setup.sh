@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what a Debian 12 machine lacks to build and test libOlk.
+# Installs what a Debian 12 machine lacks to build and test libOlk (iproute2
+# and python3 serve tests: network namespaces and a tokenizer cross-check).
 # Idempotent: when everything is present it installs nothing and prints nothing.
 set -euo pipefail
 
@@ -7,6 +8,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   zlib1g-dev libboost-filesystem-dev libboost-system-dev libboost-iostreams-dev
   libgtest-dev libgmock-dev libbenchmark-dev libroaring-dev libcuckoo-dev
+  iproute2 python3
 )
 
 missing=()
