@@ -116,7 +116,7 @@ class RandomRun {
         EXPECT_TRUE(f_.table->deleteItem(item(v.key(), v.hashIndex0(), v.hashIndex1(), v.hashIndex2())));
       } else {
         const U32 key = rng_() % keySpace;
-        Item fresh = item(key, rng_(), rng_(), rng_());
+        Item fresh = constantHash_ ? item(key, 5, 5, 5) : item(key, rng_(), rng_(), rng_());
         if (!live.count(key)) f_.table->insertItem(fresh);
       }
       Segment segment{f_.cmds(), {}, !review};
@@ -131,6 +131,9 @@ class RandomRun {
   }
   Fixture& fixture() { return f_; }
   U32 segmentsWithRepeats() const { return repeats_; }
+  // Every new item gets the same hash in every table: all of them compete
+  // for one bucket per table, the worst case for walks and cycles.
+  void constantHashIs(bool on) { constantHash_ = on; }
 
  private:
   void acknowledge() {
@@ -168,6 +171,7 @@ class RandomRun {
   U32 sinceAck_ = 0;
   U32 repeats_ = 0;
   bool missed_ = false;
+  bool constantHash_ = false;
   std::vector<Segment> segments_;
 };
 
@@ -419,6 +423,20 @@ TEST(CuckooHashTable, RandomRunsStayHitlessOnEveryWrite) {
   }
   EXPECT_GT(cycles, 0u);       // walks that came back to a slot were exercised
   EXPECT_GT(pendingSeen, 20u);  // and so were full tables
+}
+
+TEST(CuckooHashTable, ConstantHashRunsStayHitlessAndFillOnlyOneBucketPerTable) {
+  for (size_t s = 0; s < shapes.size(); ++s) {
+    for (U32 seed = 1; seed <= 3; ++seed) {
+      RandomRun run(shapes[s], seed * 31 + U32(s), 50, true, 3);
+      run.constantHashIs(true);
+      EXPECT_FALSE(run.go(200, capacity(shapes[s]) + 4)) << "shape " << s << " seed " << seed;
+      EXPECT_EQ(0u, run.segmentsWithRepeats());
+      U32 oneBucketEach = 0;
+      for (const auto& [size, bins] : shapes[s]) oneBucketEach += bins;
+      EXPECT_LE(run.fixture().table->itemShadow().size(), oneBucketEach) << "shape " << s;
+    }
+  }
 }
 
 TEST(CuckooHashTable, WithoutHitlessSelfCheckAgreesWithHardwareModel) {
