@@ -8,7 +8,7 @@ packages=(
   build-essential cmake ninja-build pkg-config ccache
   zlib1g-dev libboost-filesystem-dev libboost-system-dev libboost-iostreams-dev
   libgtest-dev libgmock-dev libbenchmark-dev libroaring-dev libcuckoo-dev
-  iproute2 python3
+  iproute2 python3 gnuplot-nox
 )
 
 missing=()
