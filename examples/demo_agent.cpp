@@ -391,13 +391,15 @@ class XactModule : public DemoModule {
     return text + "executors answer within their next slices; see: xact\n";
   }
 
+  // Declared before the executors: an executor going away withdraws its
+  // statuses, which may end a run and call handleFinished.
   Ptr<XactDir> xacts_;
   Ptr<XactAggregatorSm> aggregator_;
-  std::vector<Ptr<Executor>> executors_;
   std::deque<String> recent_;
   U32 nextId_ = 1;
   U64 succeeded_ = 0;
   U64 failed_ = 0;
+  std::vector<Ptr<Executor>> executors_;
   Ptr<PeriodicTask> workload_;
 };
 
