@@ -1,23 +1,17 @@
-// A command table over the agent command socket.
-//
-// `SimpleAgentSocketHandler` owns an `AgentSocketHandlerSm` and lets an agent
-// register commands as plain functions with a usage line and the number of
-// arguments they take, instead of deriving an `AgentSocketCallback` per
-// command:
+// A command table over the agent command socket: commands are plain
+// functions registered with a word, a usage line and an argument count.
 //
 //   auto cmds = simpleAgentSocketHandlerFactory("myagent");
 //   cmds->commandIs("add", "add <a> <b>: sums two numbers", 2, 2, [](const Olk::CommandArgs& a) {
 //     return std::to_string(a.number(0, 0, 1000) + a.number(1, 0, 1000)) + "\n";
 //   });
 //
-// Arguments arrive split into words at blanks. A request with fewer than
-// `minArgs` or more than `maxArgs` words never reaches the function: it gets
-// "error: usage: <usage line>\n". Every request gets exactly one reply, and
-// there is one way to give it: the function returns the text (a dump goes
-// through `dumpText`). A function that throws has its error text sent back
-// as "error: <what>\n" and logged; it never reaches the loop. "help" is
-// built in and lists every usage line, in command order; unregistered words
-// get "Unknown Command \n".
+// Arguments arrive split into words at blanks; a wrong count never reaches
+// the function and gets "error: usage: <usage line>\n". Every request gets
+// exactly one reply, given one way: the function returns it (a dump through
+// `dumpText`); a thrown error is logged and answered "error: <what>\n". The
+// built-in "help" lists the usage lines by word; unregistered words get
+// "Unknown Command \n". Runs on the loop; a function must not block.
 #pragma once
 
 #include <functional>
