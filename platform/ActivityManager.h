@@ -19,6 +19,8 @@
 // batch are dropped.
 #pragma once
 
+#include <signal.h>
+
 #include <cstddef>
 #include <functional>
 #include <unordered_map>
@@ -89,6 +91,19 @@ class ActivityManager : public Entity {
   // Runs until done() is true or `timeout` seconds have passed; answers done().
   bool runUntil(const std::function<bool()>& done, Seconds timeout);
 
+  // When on, SIGTERM and SIGINT stop the loop instead of ending the process:
+  // they are blocked for the calling thread and read from a signalfd that
+  // the loop watches, so run() returns once the batch in which one arrived
+  // is done, and stopSignal() says which. Turning it off, or destroying the
+  // loop, puts the signal mask back as it was; a signal still unread then
+  // takes its default action. Turn it on before starting any thread, since
+  // threads inherit the mask and a thread that does not block the signals
+  // may take them. Throws ErrnoException when signalfd fails.
+  bool stopOnSignals() const { return signalFd_ >= 0; }
+  void stopOnSignalsIs(bool on);
+  // The signal that last stopped the loop; 0 when none has.
+  int stopSignal() const { return stopSignal_; }
+
  private:
   friend class FileDescriptor;
   template <class T, class... A>
@@ -99,12 +114,17 @@ class ActivityManager : public Entity {
   std::size_t dispatch(U64 serial, U32 events);
   void interestChanged(FileDescriptor* fd);
   void forget(FileDescriptor* fd);
+  // Reads every signal waiting on signalFd_ and stops the loop; answers how many.
+  std::size_t handleSignals();
 
   int epollFd_;
   Ptr<SystemClock> clock_;
   std::unordered_map<U64, FileDescriptor*> descriptors_;  // by serial
   U64 nextSerial_ = 1;
   bool stopRequested_ = false;
+  int signalFd_ = -1;          // the signalfd while stopOnSignals is on; epoll serial 0
+  sigset_t savedSignalMask_;   // the mask before stopOnSignals was turned on
+  int stopSignal_ = 0;
 };
 
 Ptr<ActivityManager> activityManagerFactory();
