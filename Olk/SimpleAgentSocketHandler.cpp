@@ -49,6 +49,7 @@ class SimpleAgentSocketHandler::FunctionCallback : public AgentSocketCallback {
 
 SimpleAgentSocketHandler::SimpleAgentSocketHandler(const String& socketName)
     : Zum::Entity("SimpleAgentSocketHandler"), handler_(agentSocketHandlerSmFactory(socketName)) {
+  handler_->peerCredentialCheckIs(true);  // see the header for why
   commandIs("help", "lists the commands", [this](const CommandRequest&) { return helpText(); });
 }
 

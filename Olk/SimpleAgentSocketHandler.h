@@ -13,6 +13,17 @@
 // throws has its error text sent back as "error: <what>\n" and logged; it
 // never reaches the loop. "help" is built in and lists every command with its
 // usage, in command order; unregistered words get "Unknown Command \n".
+//
+// Unlike a bare `AgentSocketHandlerSm`, it turns the peer-credential check
+// on: only the agent's own uid and root (and uids an agent adds with
+// `agentSocketHandlerSm()->allowedUidIs`) may send commands. The handler
+// itself keeps the check off because it serves exactly the socket as
+// specified, where any uid may connect; this table is our own convenience
+// layer, the usual way new agents add commands, and its commands routinely
+// write files or stop the agent, so the safe choice is the default and
+// opening it up is the explicit step. The check costs one getsockopt per
+// connection and admits the operators who run as the agent's user or via
+// sudo.
 #pragma once
 
 #include <functional>
