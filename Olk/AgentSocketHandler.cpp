@@ -9,11 +9,12 @@
 // the buffer is cut rather than blocking the agent (see sndBufFallback for
 // agents that may not force the size).
 //
-// System calls per command are what bounds throughput, so the accepted
-// socket is made non-blocking and close-on-exec by accept4 itself, and a
-// command that has already arrived when the connection is accepted (the
-// usual case: clients send right after connecting) is read and served at
-// once rather than after another round of the loop.
+// Per command the agent makes only the system calls the protocol needs: the
+// accepted socket is made non-blocking and close-on-exec by accept4 itself,
+// and a command that has already arrived when the connection is accepted
+// (clients send right after connecting, so under load it usually has) is
+// read and served at once rather than after another round of the loop; when
+// it has not, that read finds nothing and the client waits for readability.
 //
 // SIGPIPE is process-wide state; it is ignored only for the span of one
 // command and the previous action is restored afterwards, so an agent that
