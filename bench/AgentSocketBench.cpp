@@ -18,9 +18,11 @@
 // which the kernel makes connecting clients wait for reasons of its own).
 // Reported: commands per second (items_per_second), latency percentiles in
 // microseconds averaged over client threads, the whole process's CPU time
-// per command (servers and clients together; a loaded machine disturbs it far
-// less than elapsed time) and the times a client blocked per command. Compare
-// them as ratios.
+// per command (servers and clients together) and the times a client blocked
+// per command. Compare them as ratios. On a shared machine the rate follows
+// the few commands whose server thread waited a time slice for a busy CPU,
+// so it swings from run to run; the median latency and the CPU time per
+// command are the figures that reproduce.
 #include <benchmark/benchmark.h>
 #include <stddef.h>
 #include <string.h>
