@@ -22,9 +22,11 @@
 // `peerCredentialCheckIs(true)` (and admits further uids with `allowedUidIs`);
 // it then serves only its own effective uid, root and the listed uids, and
 // answers others with one line of refusal, logged as AGENT_SOCKET_PEER_REFUSED.
-// The check trusts the kernel's record of the connecting process (SO_PEERCRED,
-// taken at connect time): a process of an admitted uid that hands its
-// connected socket to another still speaks with its own credentials.
+// The check trusts the kernel's record of who connected (SO_PEERCRED, taken
+// at connect time), so a connected socket handed on to another process keeps
+// the credentials of the one that connected it; and it cannot tell apart
+// the processes of an admitted uid. (`SimpleAgentSocketHandler` turns the
+// check on by default.)
 #pragma once
 
 #include <sys/types.h>
@@ -209,9 +211,10 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   bool sndBufFallback() const { return sndBufFallback_; }
   void sndBufFallbackIs(bool on) { sndBufFallback_ = on; }
 
-  // Admission guards (see the top of this file). When peerCredentialCheck is on, only the agent's own
-  // uid, root and the uids in allowedUid may send commands; others get one
-  // line of refusal. Off by default.
+  // Admission guards (see the top of this file). When peerCredentialCheck
+  // is on, only the agent's own effective uid, root and the uids in
+  // allowedUid may send commands; others get one line of refusal and their
+  // command is never read. Off by default.
   bool peerCredentialCheck() const { return peerCredentialCheck_; }
   void peerCredentialCheckIs(bool on) { peerCredentialCheck_ = on; }
   bool allowedUid(uid_t uid) const { return allowedUid_.count(uid) != 0; }

@@ -104,6 +104,19 @@ TEST_F(AgentSocketHandlerTest, SplitsAtFirstBlankOnly) {
   EXPECT_EQ(0u, handler->fdCount());
 }
 
+TEST_F(AgentSocketHandlerTest, CommandWaitingAtAcceptIsServedInTheSameRound) {
+  const int sock = OlkTest::connectToAgent(name);
+  ASSERT_GE(sock, 0);
+  ASSERT_EQ(4, send(sock, "echo", 4, 0));  // queued before the agent accepts
+  Zum::activityManager()->runOnce(0);
+  char buf[16];
+  EXPECT_EQ(3, recv(sock, buf, sizeof(buf), MSG_DONTWAIT));  // "ok\n", no second round
+  EXPECT_EQ(0, recv(sock, buf, sizeof(buf), MSG_DONTWAIT));  // and closed
+  EXPECT_EQ(1u, recorder->args.size());
+  EXPECT_EQ(0u, handler->clientCount());
+  close(sock);
+}
+
 TEST_F(AgentSocketHandlerTest, LongCommandIsCutAt1027Bytes) {
   String command = "echo " + String(4995, 'a');
   ASSERT_EQ(5000u, command.size());
