@@ -52,10 +52,7 @@ class ClientCounter : public AgentSocketHandlerSm::Notifiee {
 class AgentSocketHandlerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    handler = agentSocketHandlerSmFactory(name);
-    // Without CAP_NET_ADMIN every command would be refused; the refusal has
-    // its own tests below.
-    if (!OlkTest::mayForceSendBuffer()) handler->sndBufFallbackIs(true);
+    listen();
     recorder = Zum::create<RecordingCallback>("echo");
     handler->agentSocketCallbackIs(recorder);
     Zum::logSinkIs([this](const Zum::LogRecord& r) {
@@ -64,6 +61,15 @@ class AgentSocketHandlerTest : public ::testing::Test {
     });
   }
   void TearDown() override { Zum::logSinkIs(nullptr); }
+
+  // (Re)creates the handler listening as `name`.
+  void listen() {
+    handler = nullptr;
+    handler = agentSocketHandlerSmFactory(name);
+    // Without CAP_NET_ADMIN every command would be refused; the refusal has
+    // its own tests below.
+    if (!OlkTest::mayForceSendBuffer()) handler->sndBufFallbackIs(true);
+  }
 
   const String name = OlkTest::uniqueSocketName("ash");
   Ptr<AgentSocketHandlerSm> handler;
@@ -577,14 +583,39 @@ class DropHandlerCallback : public AgentSocketCallback {
 
 }  // namespace
 
+namespace {
+
+// Runs "drop" against `handler`, its command sent before the agent accepts
+// (served at accept) or after (served on a later readability), and returns
+// the reply.
+String dropFromInsideCommand(const String& name, bool sendBeforeAccept) {
+  const int sock = OlkTest::connectToAgent(name);
+  if (sendBeforeAccept) send(sock, "drop", 4, 0);
+  Zum::activityManager()->runOnce(0);
+  if (!sendBeforeAccept) {
+    send(sock, "drop", 4, 0);
+    Zum::activityManager()->runOnce(0);
+  }
+  char buf[16];
+  const ssize_t n = recv(sock, buf, sizeof(buf), MSG_DONTWAIT);
+  close(sock);
+  return n > 0 ? String(buf, static_cast<size_t>(n)) : String("<no reply>");
+}
+
+}  // namespace
+
 TEST_F(AgentSocketHandlerTest, CallbackMayDropLastReferenceToHandler) {
-  auto drop = Zum::create<DropHandlerCallback>();
-  drop->holder = &handler;
-  handler->agentSocketCallbackIs(drop);
-  Zum::TraceCapture trace(9);
-  EXPECT_EQ("bye\n", roundTrip(name, "drop"));
-  EXPECT_EQ(nullptr, handler);
-  EXPECT_TRUE(trace.contains("handleDeletion"));
-  EXPECT_TRUE(trace.contains("Socket deleted"));
-  EXPECT_EQ("<no agent>", sendCommand(name, "echo"));
+  for (bool sendBeforeAccept : {true, false}) {
+    SCOPED_TRACE(sendBeforeAccept ? "served at accept" : "served on readability");
+    listen();
+    auto drop = Zum::create<DropHandlerCallback>();
+    drop->holder = &handler;
+    handler->agentSocketCallbackIs(drop);
+    Zum::TraceCapture trace(9);
+    EXPECT_EQ("bye\n", dropFromInsideCommand(name, sendBeforeAccept));
+    EXPECT_EQ(nullptr, handler);
+    EXPECT_TRUE(trace.contains("handleDeletion"));
+    EXPECT_TRUE(trace.contains("Socket deleted"));
+    EXPECT_EQ("<no agent>", sendCommand(name, "echo"));
+  }
 }
