@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <linux/capability.h>
+#include <pwd.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <fstream>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -319,12 +322,7 @@ constexpr uid_t nobody = 65534;
 }  // namespace
 
 TEST_F(AgentSocketHandlerTest, PeerCredentialCheckRefusesOtherUids) {
-  if (geteuid() != 0) {
-    // An unprivileged user namespace maps only our own uid, and a peer's
-    // credentials are those of its kernel uid: every client would carry the
-    // agent's own uid and be admitted, so there is nothing to refuse.
-    GTEST_SKIP() << "needs a second uid for the client: run as root (CI does)";
-  }
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as uid 65534 (CI does)";
   EXPECT_FALSE(handler->peerCredentialCheck());
   EXPECT_EQ("ok\n", commandAsUid(name, nobody, "echo"));  // off by default
   ASSERT_EQ(1u, recorder->args.size());
@@ -342,6 +340,148 @@ TEST_F(AgentSocketHandlerTest, PeerCredentialCheckRefusesOtherUids) {
   handler->allowedUidIs(nobody);
   EXPECT_EQ("ok\n", commandAsUid(name, nobody, "echo"));
   EXPECT_EQ(3u, recorder->args.size());
+}
+
+namespace {
+
+// A regular expression matching exactly `text`.
+std::string exactly(const std::string& text) {
+  std::string re = "^";
+  for (char c : text) {
+    if (strchr("\\^$.|?*+()[]{}", c)) re += '\\';
+    re += c;
+  }
+  return re + "$";
+}
+
+// The start of `user`'s subordinate range in `file` (lines "name:start:count"
+// of /etc/subuid or /etc/subgid, the name possibly given as the uid), or -1.
+long subordinateStart(const char* file, uid_t user) {
+  const passwd* pw = getpwuid(user);
+  std::ifstream in(file);
+  for (std::string line; std::getline(in, line);) {
+    const size_t a = line.find(':');
+    const size_t b = line.find(':', a == std::string::npos ? a : a + 1);
+    if (b == std::string::npos) continue;
+    const std::string who = line.substr(0, a);
+    if (who == std::to_string(user) || (pw && who == pw->pw_name)) return std::stol(line.substr(a + 1, b - a - 1));
+  }
+  return -1;
+}
+
+bool runs(const std::vector<std::string>& argv) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  int status = 0;
+  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+bool writes(const std::string& path, const std::string& text) {
+  std::ofstream out(path);
+  out << text;
+  out.flush();
+  return static_cast<bool>(out);
+}
+
+// Whether a user namespace can hold, besides our own uid as 0, a second
+// kernel uid as 1: root maps 65534 itself; anyone else needs newuidmap,
+// newgidmap and subordinate ranges.
+bool canMapSecondUid() {
+  if (geteuid() == 0) return true;
+  return access("/usr/bin/newuidmap", X_OK) == 0 && access("/usr/bin/newgidmap", X_OK) == 0 &&
+         subordinateStart("/etc/subuid", getuid()) >= 0 && subordinateStart("/etc/subgid", getuid()) >= 0;
+}
+
+// Maps, in the user namespace of `pid`, 0 to our own ids and 1 to a second
+// kernel uid and gid.
+bool mapSecondUid(pid_t pid) {
+  const std::string p = std::to_string(pid);
+  const uid_t uid = getuid();
+  const gid_t gid = getgid();
+  if (geteuid() == 0) {
+    return writes("/proc/" + p + "/uid_map", "0 " + std::to_string(uid) + " 1\n1 65534 1\n") &&
+           writes("/proc/" + p + "/gid_map", "0 " + std::to_string(gid) + " 1\n1 65534 1\n");
+  }
+  return runs({"newuidmap", p, "0", std::to_string(uid), "1", "1",
+               std::to_string(subordinateStart("/etc/subuid", uid)), "1"}) &&
+         runs({"newgidmap", p, "0", std::to_string(gid), "1", "1",
+               std::to_string(subordinateStart("/etc/subgid", uid)), "1"});
+}
+
+// Inside the namespace: an agent with the check on, asked by itself (uid 0)
+// and by a client running as uid 1. Runs on a fresh thread, whose loop is
+// not the one this process shares with its parent.
+std::string refusalOfSecondUid() {
+  std::string report;
+  std::thread agent([&] {
+    std::vector<String> logs;
+    Zum::logSinkIs([&](const Zum::LogRecord& r) { logs.push_back(r.key); });
+    const String name = OlkTest::uniqueSocketName("userns");
+    auto handler = agentSocketHandlerSmFactory(name);
+    handler->peerCredentialCheckIs(true);
+    // Capabilities held in a user namespace do not include forcing buffers.
+    handler->sndBufFallbackIs(!OlkTest::mayForceSendBuffer());
+    auto recorder = Zum::create<RecordingCallback>("echo");
+    handler->agentSocketCallbackIs(recorder);
+    report = "uid " + std::to_string(geteuid()) + ": " + roundTrip(name, "echo");
+    report += "uid 1: " + commandAsUid(name, 1, "echo");
+    report += "served: " + std::to_string(recorder->args.size()) + "\n";
+    for (const String& key : logs) report += key + "\n";
+    Zum::logSinkIs(nullptr);
+  });
+  agent.join();
+  return report;
+}
+
+// Runs refusalOfSecondUid in a child inside a new user namespace, prints its
+// report on standard error and ends the process.
+[[noreturn]] void refuseSecondUidInUserNamespace() {
+  int ready[2], go[2], out[2];
+  if (pipe(ready) != 0 || pipe(go) != 0 || pipe(out) != 0) _exit(2);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const bool unshared = unshare(CLONE_NEWUSER) == 0;
+    (void)!write(ready[1], unshared ? "y" : "n", 1);
+    char mapped = 'n';
+    (void)!read(go[0], &mapped, 1);
+    const std::string report = mapped == 'y' ? refusalOfSecondUid() : "<no user namespace>\n";
+    (void)!write(out[1], report.data(), report.size());
+    _exit(0);
+  }
+  close(out[1]);
+  char unshared = 'n';
+  (void)!read(ready[0], &unshared, 1);
+  const bool mapped = unshared == 'y' && mapSecondUid(pid);
+  (void)!write(go[1], mapped ? "y" : "n", 1);
+  const std::string report = OlkTest::readAll(out[0]);
+  waitpid(pid, nullptr, 0);
+  fputs(report.c_str(), stderr);
+  _exit(0);
+}
+
+}  // namespace
+
+// The same refusal without root, when the system grants a second uid: in a
+// user namespace the agent is uid 0 and the client uid 1. Root takes this
+// path too, so CI runs it. It runs in a freshly started copy of the test
+// program so that no earlier log is still rate-limited.
+TEST(AgentSocketHandlerUserNamespaceDeathTest, PeerCredentialCheckRefusesSecondUid) {
+  if (!canMapSecondUid()) {
+    GTEST_SKIP() << "needs root, or newuidmap/newgidmap and subordinate ranges for this user in "
+                    "/etc/subuid and /etc/subgid, to give a client a second uid";
+  }
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(refuseSecondUidInUserNamespace(), testing::ExitedWithCode(0),
+              exactly("uid 0: ok\n"
+                      "uid 1: Permission denied: uid 1 may not send commands to this agent\n"
+                      "served: 1\n"
+                      "AGENT_SOCKET_PEER_REFUSED\n"));
 }
 
 namespace {
@@ -389,16 +529,6 @@ bool dropNetAdmin() {
   fputs(report.c_str(), stderr);
   fflush(stderr);
   _exit(0);
-}
-
-// A regular expression matching exactly `text`.
-std::string exactly(const std::string& text) {
-  std::string re = "^";
-  for (char c : text) {
-    if (strchr("\\^$.|?*+()[]{}", c)) re += '\\';
-    re += c;
-  }
-  return re + "$";
 }
 
 }  // namespace
@@ -495,6 +625,7 @@ TEST(AgentSocketHandlerDeathTest, RunCommandWithoutAgentIsFatal) {
 TEST(AgentSocketHandlerRunCommand, DeliversCommandText) {
   String name = OlkTest::uniqueSocketName("run");
   auto handler = agentSocketHandlerSmFactory(name);
+  handler->sndBufFallbackIs(!OlkTest::mayForceSendBuffer());
   auto recorder = Zum::create<RecordingCallback>("echo");
   handler->agentSocketCallbackIs(recorder);
   testing::internal::CaptureStdout();
