@@ -106,6 +106,7 @@ class SimpleAgentSocketHandler::FunctionCallback : public AgentSocketCallback {
 
 SimpleAgentSocketHandler::SimpleAgentSocketHandler(const String& socketName)
     : Zum::Entity("SimpleAgentSocketHandler"), handler_(agentSocketHandlerSmFactory(socketName)) {
+  handler_->peerCredentialCheckIs(true);  // see the header for why
   commandIs("help", "help: lists the commands", 0, 0, [this](const CommandArgs&) { return helpText(); });
 }
 

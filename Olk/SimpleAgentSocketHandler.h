@@ -12,6 +12,17 @@
 // `dumpText`); a thrown error is logged and answered "error: <what>\n". The
 // built-in "help" lists the usage lines by word; unregistered words get
 // "Unknown Command \n". Runs on the loop; a function must not block.
+//
+// Unlike a bare `AgentSocketHandlerSm`, it turns the peer-credential check
+// on: only the agent's own uid and root (and uids an agent adds with
+// `agentSocketHandlerSm()->allowedUidIs`) may send commands. The handler
+// itself keeps the check off because its contract is the established
+// protocol, under which any uid may connect and existing tools rely on it;
+// this table is our own convenience layer, the usual way new agents add
+// commands, and its commands routinely write files or stop the agent, so
+// the safe choice is the default and opening it up is the explicit step.
+// The check costs one getsockopt per connection and admits the operators who
+// run as the agent's user or via sudo.
 #pragma once
 
 #include <functional>

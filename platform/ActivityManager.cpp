@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "platform/Exception.h"
 
@@ -23,8 +24,8 @@ constexpr U64 signalSerial = 0;
 
 }  // namespace
 
-FileDescriptor::FileDescriptor(ActivityManager* manager, int fd, U64 serial)
-    : manager_(manager), fd_(fd), serial_(serial) {}
+FileDescriptor::FileDescriptor(ActivityManager* manager, int fd, U64 serial, Name name)
+    : Entity(std::move(name)), manager_(manager), fd_(fd), serial_(serial) {}
 
 FileDescriptor::~FileDescriptor() {
   if (fd_ < 0) return;
@@ -71,10 +72,10 @@ ActivityManager::~ActivityManager() {
   ::close(epollFd_);
 }
 
-Ptr<FileDescriptor> ActivityManager::fileDescriptorNew(int fd) {
+Ptr<FileDescriptor> ActivityManager::fileDescriptorNew(int fd, const Name& name) {
   if (fd < 0) throw RangeException("ActivityManager::fileDescriptorNew: fd < 0 not allowed");
   U64 serial = nextSerial_++;
-  Ptr<FileDescriptor> p = create<FileDescriptor>(this, fd, serial);
+  Ptr<FileDescriptor> p = create<FileDescriptor>(this, fd, serial, name);
   descriptors_.emplace(serial, p.ptr());
   interestChanged(p.ptr());
   return p;

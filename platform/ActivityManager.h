@@ -59,7 +59,7 @@ class FileDescriptor : public Entity, public Notifier {
   friend class ActivityManager;
   template <class T, class... A>
   friend Ptr<T> create(A&&...);
-  FileDescriptor(ActivityManager* manager, int fd, U64 serial);
+  FileDescriptor(ActivityManager* manager, int fd, U64 serial, Name name);
 
   void notifyReadable() { notify(&Notifiee::onReadable); }
   void notifyWritable() { notify(&Notifiee::onWritable); }
@@ -78,8 +78,9 @@ class ActivityManager : public Entity {
 
   const Ptr<SystemClock>& clock() const { return clock_; }
 
-  // Starts watching `fd`, taking ownership of it.
-  Ptr<FileDescriptor> fileDescriptorNew(int fd);
+  // Starts watching `fd`, taking ownership of it. `name` is the entity's
+  // name, shown in traces and dumps; it need not be unique.
+  Ptr<FileDescriptor> fileDescriptorNew(int fd, const Name& name = {});
   std::size_t fileDescriptorCount() const { return descriptors_.size(); }
 
   // Loops until stop() is called from a callback.

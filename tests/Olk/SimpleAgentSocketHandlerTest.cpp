@@ -16,6 +16,7 @@ class SimpleAgentSocketHandlerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     Zum::logSinkIs([this](const Zum::LogRecord& r) { logs.push_back(r.text); });
+    if (!OlkTest::mayForceSendBuffer()) commands->agentSocketHandlerSm()->sndBufFallbackIs(true);
   }
   void TearDown() override { Zum::logSinkIs(nullptr); }
 
@@ -123,4 +124,15 @@ TEST_F(SimpleAgentSocketHandlerTest, DroppingTableTakesCommandsOffSocket) {
   commands = nullptr;
   EXPECT_TRUE(socket->agentSocketCallbacks().empty());
   EXPECT_EQ("Unknown Command \n", ask("help"));
+}
+
+TEST_F(SimpleAgentSocketHandlerTest, OtherUidsRefusedUnlessAdmitted) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client under another uid (CI does)";
+  int served = 0;
+  commands->commandIs("count", "count", 0, 0, [&](const CommandArgs&) { return std::to_string(++served); });
+  EXPECT_EQ("Permission denied: uid 65534 may not send commands to this agent\n",
+            OlkTest::commandAsUid(name, 65534, "count"));
+  EXPECT_EQ(0, served);
+  commands->agentSocketHandlerSm()->allowedUidIs(65534);
+  EXPECT_EQ("1", OlkTest::commandAsUid(name, 65534, "count"));
 }
