@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs a consumer of an installed libOlk, through find_package(Olk)
-# and through pkg-config.
+# and through pkg-config, and compiles every installed header (so whatever
+# they include must come with the installation or its package dependencies).
 #   check.sh BUILD_DIR   installs that build into a scratch prefix first
 #   check.sh             uses the libOlk installed on the system (its packages)
 set -euo pipefail
@@ -22,3 +23,9 @@ cmake --build "$scratch/consumer" >/dev/null
 # shellcheck disable=SC2046  # pkg-config's output is a list of words
 c++ "$here/consumer.cpp" $(pkg-config --cflags --libs olk) -o "$scratch/pc-consumer"
 "$scratch/pc-consumer"
+includedir=$(pkg-config --variable=includedir olk)
+for header in "$includedir"/{Olk,Cell,platform}/*.h; do
+  echo "#include <${header#"$includedir"/}>"
+done >"$scratch/headers.cpp"
+# shellcheck disable=SC2046
+c++ -fsyntax-only $(pkg-config --cflags olk) "$scratch/headers.cpp"
