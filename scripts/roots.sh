@@ -23,7 +23,7 @@ roots_require() {
   [[ $(id -u) -eq 0 ]] ||
     roots_die "needs root (it makes chroots with debootstrap and mounts into them); run it with sudo"
   local tool
-  for tool in debootstrap setarch unshare chroot mount; do
+  for tool in debootstrap setarch unshare chroot mount flock; do
     command -v "$tool" >/dev/null ||
       roots_die "needs '$tool': apt-get install debootstrap util-linux mount coreutils"
   done
@@ -40,7 +40,17 @@ roots_enter_namespace() {
 # complete with the same STAMP_TEXT, then runs SETUP_COMMAND inside it (through
 # roots_run) and writes the stamp: STAMP_TEXT, then the installed packages.
 # A complete root whose STAMP_TEXT changed only gets SETUP_COMMAND again.
+# Runs that make or update the same root at once wait for each other.
 roots_make() {
+  local lock
+  mkdir -p "$OLK_ROOT_CACHE"
+  exec {lock}>"$OLK_ROOT_CACHE/$1.lock"
+  flock "$lock"
+  roots_make_locked "$@"
+  exec {lock}>&-
+}
+
+roots_make_locked() {
   local name=$1 arch=$2 stamp_text=$3 setup=$4
   local dir=$OLK_ROOT_CACHE/$name stamp=$OLK_ROOT_CACHE/$name.complete
   if [[ -f $stamp && "$(head -n1 "$stamp")" == "$stamp_text" ]]; then
@@ -53,7 +63,6 @@ roots_make() {
   rm -f "$stamp"
   if [[ ! -d $dir ]]; then
     echo "roots: making $name ($arch Debian 12 minbase) with debootstrap"
-    mkdir -p "$OLK_ROOT_CACHE"
     rm -rf --one-file-system "$dir.new"
     debootstrap --arch="$arch" --variant=minbase bookworm "$dir.new" "$OLK_MIRROR" \
       >"$OLK_ROOT_CACHE/$name.debootstrap.log" 2>&1 ||
