@@ -125,7 +125,7 @@ roots_run() {
   local status=0
   setarch "$personality" chroot "$dir" /usr/bin/env -i \
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 \
-    DEBIAN_FRONTEND=noninteractive "${ROOTS_ENV[@]}" \
+    DEBIAN_FRONTEND=noninteractive DEBCONF_NOWARNINGS=yes "${ROOTS_ENV[@]}" \
     /bin/bash -euo pipefail -c "$command" || status=$?
   roots_unmount_since "$before"
   return "$status"
