@@ -14,7 +14,7 @@
 # 0.2) trade time for spread. Results land in build-bench/results/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh
+scripts/setup.sh gnuplot-nox
 
 docs=false
 if [[ "${1:-}" == "--docs" ]]; then docs=true; shift; fi
