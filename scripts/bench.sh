@@ -39,6 +39,7 @@ for program in "$dir"/bench/*Bench; do
   selected "$name" "$@" || continue
   echo "bench: $name" >&2
   "$program" --benchmark_repetitions="$reps" --benchmark_min_time="$min_time" \
+    --benchmark_enable_random_interleaving=true \
     --benchmark_format=json --benchmark_out="$out/$name.json" --benchmark_out_format=json >/dev/null
 done
 

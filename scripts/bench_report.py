@@ -60,7 +60,12 @@ def load(files):
             parsed = split_name(run)
             if parsed:
                 op, impl, args = parsed
-                data[program][(op, args)][impl].append(cost_ns(run))
+                data[program][(op, args)][impl].append((run.get("repetition_index", 0), cost_ns(run)))
+    # Repetition k of libOlk is paired with repetition k of each peer.
+    for cases in data.values():
+        for impls in cases.values():
+            for impl, runs in impls.items():
+                impls[impl] = [cost for _, cost in sorted(runs)]
     return data
 
 
