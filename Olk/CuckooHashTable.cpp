@@ -95,8 +95,8 @@ bool storeDescriptor(Ptr<TableDescriptor const>& slot, TableId tableId, U32 tabl
 
 // ---- Value types ----------------------------------------------------------
 
-TableId::TableId(U32 value) : value_(static_cast<U8>(value)) {
-  if (value > null) throw Zum::RangeException("TableId::value < TableId::min or > TableId::null not allowed");
+void TableId::refuse() {
+  throw Zum::RangeException("TableId::value < TableId::min or > TableId::null not allowed");
 }
 
 Ptr<TableDescriptor const> tableDescriptorFactory(TableId tableId, U32 tableSize, U32 binSize) {
@@ -456,25 +456,32 @@ U32 HashTable::getTableIndexForItem(TableId tableId, const Ptr<HashItem const>& 
 }
 
 Ptr<CuckooItem const> HashTable::lookupItem(const Ptr<HashItem const>& item) const {
-  CuckooLocation location;
-  const size_t slot = lookupItem(item, location);
-  return slot == String::npos ? nullptr : cuckooItemFactory(location, itemShadow_.at(slot));
+  const Probe probe = lookupItem(item, false);
+  return probe.found == Probe::none ? nullptr : cuckooItemFactory(probe.foundAt, itemShadow_.at(probe.found));
 }
 
-size_t HashTable::lookupItem(const Ptr<HashItem const>& item, CuckooLocation& location) const {
+HashTable::Probe HashTable::lookupItem(const Ptr<HashItem const>& item, bool wantFree) const {
   ZUM_ASSERT(item);
   ZUM_TRACE(tr, 8) << " item: " << item;
+  Probe probe;
   for (U8 t = 0; t < tableDescs_.size(); ++t) {
-    const U32 index = getTableIndexForItem(t, item);
+    const U32 index = itemShadow_.index(t, item->getHash(t));
     const size_t row = itemShadow_.row(t, index);
     for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
       const Ptr<HashItem const>& stored = itemShadow_.at(row + b);
-      if (!stored || !item->isEqual(stored)) continue;
-      location = CuckooLocation{t, b, index};
-      return row + b;
+      if (!stored) {
+        if (wantFree && probe.free == Probe::none) {
+          probe.free = row + b;
+          probe.freeAt = CuckooLocation{t, b, index};
+        }
+      } else if (item->isEqual(stored)) {
+        probe.found = row + b;
+        probe.foundAt = CuckooLocation{t, b, index};
+        return probe;
+      }
     }
   }
-  return String::npos;
+  return probe;
 }
 
 Ptr<EvictCmd const> HashTable::setItemAtLocation(const Ptr<HashItem const>& item, const CuckooLocation& location) {
@@ -508,13 +515,11 @@ Ptr<HashItem const> HashTable::tryInsertItem(const Ptr<HashItem const>& item, St
   const U8 numTables = config()->numTables();
   U32 index[TableId::null];
   for (U8 t = 0; t < numTables; ++t) {
-    index[t] = getTableIndexForItem(t, item);
+    index[t] = itemShadow_.index(t, item->getHash(t));
     const size_t row = itemShadow_.row(t, index[t]);
     for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
       if (itemShadow_.at(row + b)) continue;
-      const CuckooLocation location{t, b, index[t]};
-      path.push_back(Step{location, setItemAtLocation(item, location, row + b), item});
-      lastEvictedTable_ = TableId::null;
+      placeInFreeSlot(item, CuckooLocation{t, b, index[t]}, row + b, path);
       return nullptr;
     }
   }
@@ -528,10 +533,25 @@ Ptr<HashItem const> HashTable::tryInsertItem(const Ptr<HashItem const>& item, St
   return path.back().oldItem;
 }
 
+void HashTable::placeInFreeSlot(const Ptr<HashItem const>& item, const CuckooLocation& location, size_t slot,
+                                Steps& path) {
+  path.push_back(Step{location, setItemAtLocation(item, location, slot), item});
+  lastEvictedTable_ = TableId::null;
+}
+
 bool HashTable::insert(const Ptr<HashItem const>& item, const Ptr<CuckooCmds>& cmds) {
   ZUM_TRACE(tr, 7) << " item: " << item;
-  if (lookupItem(item)) {
+  const Probe probe = lookupItem(item, true);
+  if (probe.found != Probe::none) {
     ZUM_TRACE(tr, 7) << " item already exists: " << item;
+    return true;
+  }
+  // The lookup has seen what the walk's first step would: with a free
+  // candidate slot the walk is that one step.
+  if (probe.free != Probe::none) {
+    walk_.clear();
+    placeInFreeSlot(item, probe.freeAt, probe.free, walk_);
+    updateCuckooCmds(walk_, cmds);
     return true;
   }
   for (U32 retry = 0; retry < config()->maxRetry(); ++retry) {
@@ -572,15 +592,14 @@ bool HashTable::remove(const Ptr<HashItem const>& item, const Ptr<CuckooCmds>& c
     return false;
   }
   ZUM_TRACE(tr, 7) << " item: " << item;
-  CuckooLocation location;
-  const size_t slot = lookupItem(item, location);
-  if (slot == String::npos) {
+  const Probe probe = lookupItem(item, false);
+  if (probe.found == Probe::none) {
     ZUM_TRACE(tr, 7) << " Item does not exist.";
     return false;
   }
-  ZUM_ASSERT_TEXT(item->isEqual(itemShadow_.at(slot)), "item->isEqual( itemShadow( cuckooItem->location() ) )");
-  Ptr<HashItem const> removed = setItemAtLocation(nullptr, location, slot);
-  cmds->itemSeqEnq(cuckooItemFactory(location, nullptr));
+  ZUM_ASSERT_TEXT(item->isEqual(itemShadow_.at(probe.found)), "item->isEqual( itemShadow( cuckooItem->location() ) )");
+  Ptr<HashItem const> removed = setItemAtLocation(nullptr, probe.foundAt, probe.found);
+  cmds->itemSeqEnq(cuckooItemFactory(probe.foundAt, nullptr));
   if (cmds == status()->cuckooCmds()) cmdPriorItems_.push_back(std::move(removed));
   return true;
 }

@@ -39,12 +39,16 @@ class TableId {
   static constexpr U8 null = 9;
 
   // Throws RangeException for a value above `null`.
-  TableId(U32 value = null);
+  TableId(U32 value = null) : value_(static_cast<U8>(value)) {
+    if (value > null) refuse();
+  }
   U8 value() const { return value_; }
   bool operator==(const TableId& o) const { return value_ == o.value_; }
   bool operator<(const TableId& o) const { return value_ < o.value_; }
 
  private:
+  [[noreturn]] static void refuse();
+
   U8 value_;
 };
 
@@ -517,6 +521,8 @@ class ItemShadow {
   // Lays out empty tables of the given shapes; called once, at start.
   void tablesIs(const std::vector<Ptr<TableDescriptor const>>& descs);
   U8 bins(U8 table) const { return tables_[table].bins; }
+  // The index of a hash in `table`.
+  U32 index(U8 table, U32 hash) const { return hash % tables_[table].size; }
   // The first slot of `index` in `table`; its bins follow.
   size_t row(U8 table, U32 index) const { return tables_[table].base + size_t(index) * tables_[table].bins; }
   size_t slot(const CuckooLocation& l) const { return row(l.tableId.value(), l.index) + l.binId; }
@@ -651,14 +657,24 @@ class HashTable : public Zum::Entity {
   void checkConfig() const;
   void scheduleReviewIfPending();
   void logPendingState();
-  // The search of lookupItem(item): the slot holding an equal item, or npos
-  // with `location` unchanged.
-  size_t lookupItem(const Ptr<HashItem const>& item, CuckooLocation& location) const;
+  // What the search of lookupItem(item) saw: the slot holding an equal item,
+  // or else the first free candidate slot in (table, bin) order, where the
+  // walk's first step would place the item.
+  struct Probe {
+    static constexpr size_t none = ~size_t(0);
+    size_t found = none;
+    CuckooLocation foundAt;
+    size_t free = none;
+    CuckooLocation freeAt;
+  };
+  Probe lookupItem(const Ptr<HashItem const>& item, bool wantFree) const;
   // The write of setItemAtLocation(item, location) on slot `slot` of the
   // shadow; answers what the slot held.
   Ptr<HashItem const> setItemAtLocation(const Ptr<HashItem const>& item, const CuckooLocation& location, size_t slot);
   // tryInsertItem on a path of steps.
   Ptr<HashItem const> tryInsertItem(const Ptr<HashItem const>& item, Steps& path);
+  // The walk step that ends in a free slot.
+  void placeInFreeSlot(const Ptr<HashItem const>& item, const CuckooLocation& location, size_t slot, Steps& path);
   // The same operations on a path of steps; each empties `path` as the
   // public one empties its EvictCmdPath, except maybeDeleteCycle, which
   // leaves the steps that remain.
@@ -693,7 +709,7 @@ class HashTable : public Zum::Entity {
   std::vector<U32> priorStep_;
   // What each write of status.cuckooCmds overwrote, index for index; lets the
   // self-check rebuild the hardware state the list starts from.
-  std::deque<Ptr<HashItem const>> cmdPriorItems_;
+  std::vector<Ptr<HashItem const>> cmdPriorItems_;
   TableId lastEvictedTable_;  // table of the last eviction; null after a free-slot placement
   Seconds pendingItemBeginTime_ = 0.0;  // when items last began to wait; traced only
   Seconds lastSyslogTime_ = 0.0;        // time of the last pending-items message
