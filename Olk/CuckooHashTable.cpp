@@ -353,7 +353,7 @@ Ptr<Status> statusFactory(const String& name) { return Zum::create<Status>(name)
 void ItemShadow::tablesIs(const std::vector<Ptr<TableDescriptor const>>& descs) {
   size_t base = 0;
   for (const Ptr<TableDescriptor const>& desc : descs) {
-    tables_.push_back(Table{base, desc->tableSize(), desc->binSize()});
+    tables_.push_back(Table{base, desc->tableSize(), desc->binSize(), ~U64(0) / desc->tableSize() + 1});
     base += size_t(desc->tableSize()) * desc->binSize();
   }
   slots_.assign(base, nullptr);
