@@ -460,23 +460,36 @@ Ptr<CuckooItem const> HashTable::lookupItem(const Ptr<HashItem const>& item) con
   return probe.found == Probe::none ? nullptr : cuckooItemFactory(probe.foundAt, itemShadow_.at(probe.found));
 }
 
-HashTable::Probe HashTable::lookupItem(const Ptr<HashItem const>& item, bool wantFree) const {
+HashTable::Probe HashTable::lookupItem(const Ptr<HashItem const>& item, bool forInsert) const {
   ZUM_ASSERT(item);
   ZUM_TRACE(tr, 8) << " item: " << item;
+  // An insertion expects the item to be absent and so compares it with every
+  // candidate: it requests all candidate rows before reading any, and the
+  // items they hold before comparing any, so that the cache misses overlap.
+  // A search for a present item usually stops early and fetches lazily.
+  const U8 numTables = U8(tableDescs_.size());
+  U32 index[TableId::null];
+  for (U8 t = 0; t < numTables; ++t) {
+    index[t] = itemShadow_.index(t, item->getHash(t));
+    if (forInsert) __builtin_prefetch(&itemShadow_.at(itemShadow_.row(t, index[t])));
+  }
+  for (U8 t = 0; forInsert && t < numTables; ++t) {
+    const size_t row = itemShadow_.row(t, index[t]);
+    for (U8 b = 0; b < itemShadow_.bins(t); ++b) __builtin_prefetch(itemShadow_.at(row + b).ptr());
+  }
   Probe probe;
-  for (U8 t = 0; t < tableDescs_.size(); ++t) {
-    const U32 index = itemShadow_.index(t, item->getHash(t));
-    const size_t row = itemShadow_.row(t, index);
+  for (U8 t = 0; t < numTables; ++t) {
+    const size_t row = itemShadow_.row(t, index[t]);
     for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
       const Ptr<HashItem const>& stored = itemShadow_.at(row + b);
       if (!stored) {
-        if (wantFree && probe.free == Probe::none) {
+        if (forInsert && probe.free == Probe::none) {
           probe.free = row + b;
-          probe.freeAt = CuckooLocation{t, b, index};
+          probe.freeAt = CuckooLocation{t, b, index[t]};
         }
       } else if (item->isEqual(stored)) {
         probe.found = row + b;
-        probe.foundAt = CuckooLocation{t, b, index};
+        probe.foundAt = CuckooLocation{t, b, index[t]};
         return probe;
       }
     }

@@ -669,8 +669,8 @@ class HashTable : public Zum::Entity {
   void scheduleReviewIfPending();
   void logPendingState();
   // What the search of lookupItem(item) saw: the slot holding an equal item,
-  // or else the first free candidate slot in (table, bin) order, where the
-  // walk's first step would place the item.
+  // or else, searching for an insertion, the first free candidate slot in
+  // (table, bin) order, where the walk's first step would place the item.
   struct Probe {
     static constexpr size_t none = ~size_t(0);
     size_t found = none;
@@ -678,7 +678,7 @@ class HashTable : public Zum::Entity {
     size_t free = none;
     CuckooLocation freeAt;
   };
-  Probe lookupItem(const Ptr<HashItem const>& item, bool wantFree) const;
+  Probe lookupItem(const Ptr<HashItem const>& item, bool forInsert) const;
   // The write of setItemAtLocation(item, location) on slot `slot` of the
   // shadow; answers what the slot held.
   Ptr<HashItem const> setItemAtLocation(const Ptr<HashItem const>& item, const CuckooLocation& location, size_t slot);
