@@ -179,6 +179,56 @@ Ptr<IntHashItem> intHashItemFactory(U32 item, U32 hashIndex0, U32 hashIndex1, U3
   return Ptr<IntHashItem>(new IntHashItem(item, hashIndex0, hashIndex1, hashIndex2));
 }
 
+namespace {
+
+// Recycled CuckooItem memory: a free list of at most `cap` blocks. Like the
+// rest of the library it belongs to the event-loop thread; with atomic
+// reference counts records may be dropped on other threads, so then every
+// block goes back to the allocator. Trivially destructible, so records
+// dropped during exit still find it.
+class RecordPool {
+ public:
+  void* get() {
+    if (!head_) return ::operator new(sizeof(CuckooItem));
+    Block* block = head_;
+    head_ = block->next;
+    --blocks_;
+    return block;
+  }
+  void put(void* p) {
+    if (blocks_ == cap || atomicRefs) {
+      ::operator delete(p);
+      return;
+    }
+    head_ = new (p) Block{head_};
+    ++blocks_;
+  }
+
+ private:
+  struct Block {
+    Block* next;
+  };
+  static constexpr size_t cap = 4096;
+#if OLK_ATOMIC_REFCOUNT
+  static constexpr bool atomicRefs = true;
+#else
+  static constexpr bool atomicRefs = false;
+#endif
+  Block* head_;     // zero-initialised: a static
+  size_t blocks_;   // on the list, <= cap
+};
+
+RecordPool cuckooItemPool;
+
+}  // namespace
+
+void* CuckooItem::operator new(size_t size) {
+  ZUM_ASSERT(size == sizeof(CuckooItem));
+  return cuckooItemPool.get();
+}
+
+void CuckooItem::operator delete(void* p) { cuckooItemPool.put(p); }
+
 Ptr<CuckooItem const> cuckooItemFactory(const CuckooLocation& location, const Ptr<HashItem const>& item) {
   return Ptr<CuckooItem const>(new CuckooItem(location, item));
 }

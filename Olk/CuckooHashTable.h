@@ -168,6 +168,10 @@ class CuckooItem : public Zum::PtrInterface {
  private:
   friend Ptr<CuckooItem const> cuckooItemFactory(const CuckooLocation&, const Ptr<HashItem const>&);
   CuckooItem(const CuckooLocation& l, const Ptr<HashItem const>& i) : location_(l), item_(i) {}
+  // A record is made for every write and dropped when the agent
+  // acknowledges it; its memory is recycled rather than returned.
+  static void* operator new(size_t size);
+  static void operator delete(void* p);
 
   CuckooLocation location_;
   Ptr<HashItem const> item_;
