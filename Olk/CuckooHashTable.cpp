@@ -579,6 +579,9 @@ Ptr<HashItem const> HashTable::tryInsertItem(const Ptr<HashItem const>& item, St
   U32 index[TableId::null];
   for (U8 t = 0; t < numTables; ++t) {
     index[t] = itemShadow_.index(t, item->getHash(t));
+    __builtin_prefetch(&itemShadow_.at(itemShadow_.row(t, index[t])));  // the misses overlap
+  }
+  for (U8 t = 0; t < numTables; ++t) {
     const size_t row = itemShadow_.row(t, index[t]);
     for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
       if (itemShadow_.at(row + b)) continue;
@@ -669,7 +672,7 @@ bool HashTable::remove(const Ptr<HashItem const>& item, const Ptr<CuckooCmds>& c
 
 bool HashTable::deleteItem(const Ptr<HashItem const>& item) {
   const bool ok = remove(item, status()->cuckooCmds());
-  if (item) {
+  if (item && status()->pendingItemSets()) {
     for (const Ptr<HashItem const>& pending : status()->pendingItemSet()) {
       if (pending == item || item->isEqual(pending)) status()->pendingItemSetDel(pending);
     }
