@@ -30,14 +30,25 @@
 // (2001); Fotakis et al., "Space efficient hash tables with worst case
 // constant access time" (d-ary); Dietzfelbinger and Weidling (blocked bins).
 //
+// Layout and cost: the shadow is one flat array of item pointers (one per
+// slot), so a probe is arithmetic plus one load. A walk records its steps by
+// value in a vector kept across insertions; repeated slots are found by
+// sorting the walk's writes, O(n log n) in its length. Insertion's search
+// requests every candidate row and stored item before comparing, so their
+// cache misses overlap. Command records are recycled through a free list,
+// so once warm an insertion allocates nothing.
+//
 // Failure modes: exhaustion is not an error (the item goes pending); a broken
 // chain or a shadow that disagrees with a lookup is an assertion.
 #include "Olk/CuckooHashTable.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <new>
 #include <ostream>
-#include <unordered_set>
+#include <typeinfo>
+#include <utility>
 
 #include "platform/ActivityManager.h"
 #include "platform/Exception.h"

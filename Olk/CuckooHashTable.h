@@ -11,15 +11,18 @@
 // during the moves. Items that cannot be placed wait in `status.pendingItemSet`
 // and are retried from a clock every `pendingItemReviewQuantum` seconds.
 // Cost: an insertion is O(maxLoop * maxRetry) slot writes at worst, O(tables *
-// bins) when a free slot exists. Random choices use the process-wide rand(),
+// bins) when a free slot exists; the shadow holds one pointer per slot of
+// every table from the start. Random choices use the process-wide rand(),
 // seeded with `randomSeed`. Event-loop thread only; no locking.
 #pragma once
 
 #include <deque>
 #include <functional>
 #include <iosfwd>
+#include <iterator>
 #include <map>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Olk/DumpContext.h"
@@ -664,7 +667,7 @@ class HashTable : public Zum::Entity {
     U32 origin = 0;  // index in the EvictCmdPath it came from, if any
   };
   using Steps = std::vector<Step>;
-  // A slot write and the step it took.
+  // A slot a walk wrote and the number of the step that wrote it.
   using SlotWrite = std::pair<CuckooLocation, U32>;
 
   const TableDescriptor& desc(TableId tableId) const { return *tableDescs_[tableId.value()]; }

@@ -775,3 +775,38 @@ TEST(CuckooHashTable, LongSeededRunsMatchTheirRecord) {
     EXPECT_EQ(traced.state, quiet.state) << "run " << i;
   }
 }
+
+TEST(CuckooHashTable, ShadowListsSlotsInOrderAndRecordsOutliveTheirList) {
+  Fixture f({{4, 2}, {3, 1}});
+  f.start();
+  Item a = item(1, 2, 0), b = item(2, 2, 0), c = item(3, 2, 1), d = item(4, 0, 0);
+  for (const Item& i : {a, b, c, d}) ASSERT_TRUE(f.table->insertItem(i));
+  // Table by table, index by index, bin by bin; empty slots left out.
+  std::vector<std::pair<CuckooLocation, Item>> seen;
+  for (const auto& [l, i] : f.table->itemShadow()) seen.emplace_back(l, i);
+  const std::vector<std::pair<CuckooLocation, Item>> expected = {
+      {CuckooLocation{0, 0, 0}, d}, {CuckooLocation{0, 0, 2}, a}, {CuckooLocation{0, 1, 2}, b},
+      {CuckooLocation{1, 0, 1}, c}};
+  EXPECT_EQ(expected, seen);
+  EXPECT_EQ(4u, f.table->itemShadow().size());
+  EXPECT_FALSE(f.table->itemShadow(CuckooLocation{1, 1, 1}));  // no second bin in table 1
+  EXPECT_FALSE(f.table->itemShadow(CuckooLocation{0, 0, 4}));  // past the last index
+  EXPECT_FALSE(f.table->itemShadow(CuckooLocation{2, 0, 0}));  // no such table
+
+  // A write held by the agent stays as it was while later lists come and go.
+  const Ptr<CuckooItem const> held = f.cmd(2);
+  f.config->cmdReadCompletedInc();
+  for (U32 k = 10; k < 13; ++k) {
+    f.table->insertItem(item(k, k, k));
+    f.config->cmdReadCompletedInc();
+  }
+  EXPECT_EQ((CuckooLocation{1, 0, 1}), held->location());
+  EXPECT_EQ(c, held->item());
+}
+
+TEST(CuckooHashTableDeathTest, WriteOutsideTheTablesAborts) {
+  Fixture f({{4, 2}});
+  f.start();
+  EXPECT_DEATH(f.table->setItemAtLocation(item(1, 0, 0), CuckooLocation{0, 2, 0}),
+               "itemShadow_\\.holds\\(location\\)");
+}
