@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs what a Debian 12 machine lacks to build and test libOlk (iproute2
-# and python3 serve tests: network namespaces and a tokenizer cross-check).
+# and python3 serve tests: network namespaces and a tokenizer cross-check;
+# clang with its sanitizer and libFuzzer runtimes, and xxd, serve
+# scripts/fuzz.sh).
 # Idempotent: when everything is present it installs nothing and prints nothing.
 set -euo pipefail
 
@@ -9,6 +11,7 @@ packages=(
   zlib1g-dev libboost-filesystem-dev libboost-system-dev libboost-iostreams-dev
   libgtest-dev libgmock-dev libbenchmark-dev libroaring-dev libcuckoo-dev
   iproute2 python3
+  clang-14 libclang-rt-14-dev llvm-14 xxd
 )
 
 missing=()

@@ -230,8 +230,8 @@ class Scenario {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  OlkFuzz::traceEverythingQuietly();
   OlkFuzz::FuzzInput in(data, size);
+  OlkFuzz::traceSomeInputs(in);
   Scenario(in).run();
   return 0;
 }

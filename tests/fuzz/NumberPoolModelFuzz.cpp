@@ -52,6 +52,7 @@ void expectSame(const Olk::NumberPool& pool, const Model& m) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   OlkFuzz::FuzzInput in(data, size);
+  OlkFuzz::traceSomeInputs(in);
   Ptr<Olk::NumberPool> pool = Olk::numberPoolFactory("fuzz");
   Model m;
   for (int steps = 0; !in.empty() && steps < 64; ++steps) {

@@ -124,8 +124,8 @@ void expectTree(const Olk::PrefixTrie& node, const Model& m, Path& at, size_t* s
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  OlkFuzz::traceEverythingQuietly();
   OlkFuzz::FuzzInput in(data, size);
+  OlkFuzz::traceSomeInputs(in);
   Ptr<Olk::PrefixTrie> trie = Olk::prefixTrieFactory("root");
   Model m;
   for (int steps = 0; !in.empty() && steps < 48; ++steps) {
