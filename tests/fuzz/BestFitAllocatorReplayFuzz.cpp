@@ -171,7 +171,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Ptr<BestFitAllocator> bfa = Olk::bestFitAllocatorFactory(memSz, offset, maxBlkSz);
   Model model(memSz, offset, maxBlkSz);
 
-  for (int steps = 0; !in.empty() && steps < 64; ++steps) {
+  while (in.nextStep(64)) {
     const unsigned op = in.u8() % 8;
     const U32 sz = 1 + in.below(maxBlkSz);
     if (op <= 2) {

@@ -92,14 +92,15 @@ class Scenario {
       : in_(in), shape_(readShape(in)), hashMode_(in.u8()), salt_(in.u32()), hardware_(shape_) {
     config_ = configFactory("fuzz", static_cast<U8>(shape_.size()));
     for (unsigned t = 0; t < shape_.size(); ++t) config_->tableDescListIs(t, shape_[t].tableSize, shape_[t].binSize);
-    config_->maxLoopIs(1 + in.below(40));
+    config_->maxLoopIs(1 + in.below(16));
     config_->maxRetryIs(1 + in.below(3));
+    config_->maxPendingItemsToReviewIs(1 + in.below(8));
     config_->randomSeedIs(in.u32());
     table_ = hashTableFactory(config_, status_, clock_);
   }
 
   void run() {
-    for (int steps = 0; !in_.empty() && steps < 80; ++steps) {
+    while (in_.nextStep(80)) {
       const unsigned op = in_.u8();
       const U32 key = in_.below(24);
       switch (op % 8) {
@@ -108,7 +109,9 @@ class Scenario {
         case 6: writeToHardware(); break;
         default: review(); break;
       }
-      expectTable();
+      // The item touched, and the counts; every item after a review and at each write.
+      expectLookup(key);
+      expectCounts();
     }
     writeToHardware();
   }
@@ -151,27 +154,34 @@ class Scenario {
     deletedSinceWrite_.insert(key);
   }
 
+  // The keys of the items in the table's pending set.
+  std::set<U32> pendingKeys() const {
+    std::set<U32> keys;
+    for (const Item& i : status_->pendingItemSet()) keys.insert(static_cast<const IntHashItem&>(*i).key());
+    return keys;
+  }
+
   void review() {
     clock_->advance(config_->pendingItemReviewQuantum());
+    const std::set<U32> stillPending = pendingKeys();
     for (auto it = pending_.begin(); it != pending_.end();) {
-      if (status_->pendingItemSetHas(item(*it))) {
+      if (stillPending.count(*it)) {
         ++it;
         continue;
       }
       members_.insert(*it);  // the review placed it
       it = pending_.erase(it);
     }
+    for (U32 key = 0; key < 24; ++key) expectLookup(key);
   }
 
-  // The shadow, through the table's public reads, agrees with the model.
-  void expectTable() {
-    for (U32 key = 0; key < 24; ++key) {
-      const Ptr<CuckooItem const> found = table_->lookupItem(item(key));
-      FUZZ_CHECK(!!found == (members_.count(key) != 0), "lookupItem(" + std::to_string(key) + ")");
-      FUZZ_CHECK(status_->pendingItemSetHas(item(key)) == (pending_.count(key) != 0),
-                 "pending set membership of " + std::to_string(key));
-    }
-    FUZZ_CHECK(status_->pendingItemSets() == pending_.size(), "pending set size");
+  // The table's public reads agree with the model.
+  void expectLookup(U32 key) {
+    FUZZ_CHECK(!!table_->lookupItem(item(key)) == (members_.count(key) != 0), "lookupItem(" + std::to_string(key) + ")");
+  }
+  void expectCounts() {
+    FUZZ_CHECK(pendingKeys() == pending_ && status_->pendingItemSet().size() == pending_.size(),
+               "the pending set holds other items than the failed insertions");
     U32 held = 0;
     for (unsigned t = 0; t < shape_.size(); ++t) held += status_->tableStat(t)->numOfHashItems();
     FUZZ_CHECK(held == members_.size(), "numOfHashItems adds up to " + std::to_string(held) + ", the table holds " +

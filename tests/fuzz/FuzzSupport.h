@@ -52,6 +52,9 @@ class FuzzInput {
     if (n <= 1) return 0;
     return (n <= 256 ? u8() : n <= 65536 ? u16() : u32()) % n;
   }
+  // True while bytes remain and fewer than `maxSteps` steps have begun: the
+  // loop of a scenario, bounded so that a long input still runs quickly.
+  bool nextStep(int maxSteps) { return !empty() && steps_++ < maxSteps; }
   // Everything not read yet, as text.
   std::string rest() {
     std::string s(reinterpret_cast<const char*>(cur_), reinterpret_cast<const char*>(end_));
@@ -62,6 +65,7 @@ class FuzzInput {
  private:
   const uint8_t* cur_;
   const uint8_t* end_;
+  int steps_ = 0;
 };
 
 // Reads one byte; for about a quarter of the inputs it turns every trace

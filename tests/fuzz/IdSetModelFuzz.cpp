@@ -63,13 +63,14 @@ void combineInPlace(IdSet& a, const IdSet& b, unsigned op) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   OlkFuzz::FuzzInput in(data, size);
   // Mostly small sizes, where ids collide and buckets fill; now and then one
-  // up to the largest, 256 buckets (the model is slow there).
-  const unsigned setSize = in.u8() < 240 ? 1 + in.below(300) : 1 + in.below(16384);
+  // up to the largest, 256 buckets, for a few steps (the model is slow there).
+  const bool large = in.u8() >= 240;
+  const unsigned setSize = large ? 1 + in.below(16384) : 1 + in.below(300);
   Pair sets[2] = {{IdSet(static_cast<U16>(setSize), Id::null()), {}},
                   {IdSet(static_cast<U16>(setSize), Id::null()), {}}};
   const unsigned bucketEnd = (setSize + 63) / 64 * 64;
 
-  for (int steps = 0; !in.empty() && steps < 48; ++steps) {
+  while (in.nextStep(large ? 6 : 48)) {
     const unsigned op = in.u8();
     Pair& a = sets[op & 1];
     const Pair& b = sets[(op & 1) ^ 1];

@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   OlkFuzz::traceSomeInputs(in);
   Ptr<Olk::NumberPool> pool = Olk::numberPoolFactory("fuzz");
   Model m;
-  for (int steps = 0; !in.empty() && steps < 64; ++steps) {
+  while (in.nextStep(64)) {
     const unsigned op = in.u8();
     const unsigned window = op & 1;
     unsigned lo = in.u8(), hi = in.u8();

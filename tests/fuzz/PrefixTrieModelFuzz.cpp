@@ -128,7 +128,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   OlkFuzz::traceSomeInputs(in);
   Ptr<Olk::PrefixTrie> trie = Olk::prefixTrieFactory("root");
   Model m;
-  for (int steps = 0; !in.empty() && steps < 48; ++steps) {
+  while (in.nextStep(48)) {
     const unsigned op = in.u8() % 3;
     const std::string s = name(in);
     const Split parts = split(s);

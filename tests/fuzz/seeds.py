@@ -3,7 +3,7 @@
 
 The seeds are committed; run this again only when a target changes how it
 reads its input. Each seed is a short scenario in the target's own byte
-layout (see the comment at the top of each *Fuzz.cpp), plus a few random
+layout (the order in which each *Fuzz.cpp reads its input), plus a few random
 scenarios of useful length for the model checks, from a fixed generator so
 that the files do not change from one run to the next.
 """
@@ -127,11 +127,12 @@ corpus("BestFitAllocatorReplayFuzz", randoms(TRACES_OFF, [50, 150, 300], 4) | {
 })
 
 # --- CuckooHitlessFuzz ----------------------------------------------------------
-def cuckoo(tables, mode, maxloop, maxretry, seed, ops, traced=False):
+def cuckoo(tables, mode, maxloop, maxretry, seed, ops, traced=False, review=4):
     b = (b"\x00" if traced else TRACES_OFF) + bytes([len(tables) - 1])
     for size, bins in tables:
         b += bytes([size - 1, bins - 1])
-    b += bytes([mode]) + struct.pack("<I", 0x1234567) + bytes([maxloop - 1, maxretry - 1]) + struct.pack("<I", seed)
+    b += bytes([mode]) + struct.pack("<I", 0x1234567) + bytes([maxloop - 1, maxretry - 1, review - 1])
+    b += struct.pack("<I", seed)
     return b + b"".join(bytes([op, key]) for op, key in ops)
 
 INS, DEL, ACK, REV = 0, 4, 6, 7
@@ -141,9 +142,9 @@ for r in range(4):
 rng = random.Random(5)
 corpus("CuckooHitlessFuzz", {
     # rounds of inserts acknowledged in between, so later ones evict items already written
-    "fill-two-tables": cuckoo([(4, 1), (4, 1)], 0, 30, 3, 7,
+    "fill-two-tables": cuckoo([(4, 1), (4, 1)], 0, 16, 3, 7,
                               rounds + [(DEL, 1), (DEL, 6), (ACK, 0), (INS, 20), (INS, 21), (ACK, 0)]),
-    "same-index-bins": cuckoo([(4, 2), (4, 2), (2, 2)], 1, 40, 3, 3,
+    "same-index-bins": cuckoo([(4, 2), (4, 2), (2, 2)], 1, 12, 3, 3,
                               [(INS, k) for k in range(12)] + [(ACK, 0)] + [(INS, k) for k in range(12, 24)]
                               + [(ACK, 0), (REV, 0), (ACK, 0)]),
     "crowded-pending": cuckoo([(3, 1), (3, 1)], 2, 10, 2, 1,
@@ -151,7 +152,7 @@ corpus("CuckooHitlessFuzz", {
                               + [(ACK, 0), (DEL, 0), (DEL, 3), (REV, 0), (ACK, 0), (REV, 0), (INS, 11), (ACK, 0)]),
     "single-table": cuckoo([(4, 1)], 0, 5, 1, 11, [(INS, k) for k in range(6)] + [(ACK, 0), (DEL, 2), (INS, 9)],
                            traced=True),
-    "mixed-five-tables": cuckoo([(3, 1), (2, 2), (3, 1), (2, 1), (1, 3)], 0, 25, 3, 99,
+    "mixed-five-tables": cuckoo([(3, 1), (2, 2), (3, 1), (2, 1), (1, 3)], 0, 16, 3, 99,
                                 [(rng.choice([INS, INS, INS, DEL, ACK, REV]), rng.randrange(24)) for _ in range(70)]),
 })
 
