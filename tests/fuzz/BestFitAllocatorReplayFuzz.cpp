@@ -163,8 +163,7 @@ class Model {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  OlkFuzz::FuzzInput in(data, size);
-  OlkFuzz::traceSomeInputs(in);
+  OlkFuzz::FuzzInput in = OlkFuzz::tracedInput(data, size);
   const U32 memSz = 2 + in.below(120);
   const U32 maxBlkSz = 1 + in.below(memSz - 1);
   const U32 offset = in.u8() % 2 ? in.u16() : 0;

@@ -240,8 +240,7 @@ class Scenario {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  OlkFuzz::FuzzInput in(data, size);
-  OlkFuzz::traceSomeInputs(in);
+  OlkFuzz::FuzzInput in = OlkFuzz::tracedInput(data, size);
   Scenario(in).run();
   return 0;
 }

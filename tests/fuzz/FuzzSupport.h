@@ -68,18 +68,20 @@ class FuzzInput {
   int steps_ = 0;
 };
 
-// Reads one byte; for about a quarter of the inputs it turns every trace
-// handle on at its most detailed level, into a sink that drops the lines, so
-// that the fuzzed paths also format their traces (item texts, labelled
-// values) under the sanitizers. Traces are off for the rest: they cost more
-// than the work they describe.
-inline void traceSomeInputs(FuzzInput& in) {
+// The input of a target whose component traces: its first byte turns every
+// trace handle on, at the most detailed level, for about a quarter of the
+// inputs, into a sink that drops the lines. The fuzzed paths then also
+// format their traces (item texts, labelled values) under the sanitizers;
+// traces stay off for the rest, as they cost more than the work they describe.
+inline FuzzInput tracedInput(const uint8_t* data, size_t size) {
   static const bool sinkInstalled = [] {
     Zum::traceSinkIs([](const Zum::TraceRecord&) {});
     return true;
   }();
   (void)sinkInstalled;
+  FuzzInput in(data, size);
   Zum::traceLevelIs("*", in.u8() < 64 ? Zum::traceLevelMax : Zum::traceOff);
+  return in;
 }
 
 }  // namespace OlkFuzz

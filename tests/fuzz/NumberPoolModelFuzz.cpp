@@ -51,10 +51,9 @@ void expectSame(const Olk::NumberPool& pool, const Model& m) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  OlkFuzz::FuzzInput in(data, size);
-  OlkFuzz::traceSomeInputs(in);
-  Ptr<Olk::NumberPool> pool = Olk::numberPoolFactory("fuzz");
+  OlkFuzz::FuzzInput in = OlkFuzz::tracedInput(data, size);
   Model m;
+  Ptr<Olk::NumberPool> pool = Olk::numberPoolFactory("fuzz");
   while (in.nextStep(64)) {
     const unsigned op = in.u8();
     const unsigned window = op & 1;

@@ -124,8 +124,7 @@ void expectTree(const Olk::PrefixTrie& node, const Model& m, Path& at, size_t* s
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  OlkFuzz::FuzzInput in(data, size);
-  OlkFuzz::traceSomeInputs(in);
+  OlkFuzz::FuzzInput in = OlkFuzz::tracedInput(data, size);
   Ptr<Olk::PrefixTrie> trie = Olk::prefixTrieFactory("root");
   Model m;
   while (in.nextStep(48)) {
