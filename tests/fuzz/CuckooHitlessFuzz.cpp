@@ -177,7 +177,8 @@ class Scenario {
 
   // The table's public reads agree with the model.
   void expectLookup(U32 key) {
-    FUZZ_CHECK(!!table_->lookupItem(item(key)) == (members_.count(key) != 0), "lookupItem(" + std::to_string(key) + ")");
+    FUZZ_CHECK(!!table_->lookupItem(item(key)) == (members_.count(key) != 0),
+               "lookupItem(" + std::to_string(key) + ")");
   }
   void expectCounts() {
     FUZZ_CHECK(pendingKeys() == pending_ && status_->pendingItemSet().size() == pending_.size(),

@@ -90,7 +90,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   FUZZ_CHECK(outcome == Outcome::added, text + " accepted");
-  FUZZ_CHECK(cur == text.begin() + static_cast<std::ptrdiff_t>(close) + 1, text + ": parse stops elsewhere than after ')'");
+  FUZZ_CHECK(cur == text.begin() + static_cast<std::ptrdiff_t>(close) + 1,
+             text + ": the parse stops elsewhere than after ')'");
   OlkFuzz::expectSameIds(set, expected);
 
   // The printed form parses back into an empty set of the same size.
