@@ -11,7 +11,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libroaring-dev libcuckoo-dev
   iproute2 python3 file
 )
-# Callers add what only they need (the benchmark script: gnuplot).
+# Callers add what only they need (the fuzz script: clang and its runtimes;
+# the benchmark script: gnuplot).
 packages+=("$@")
 
 missing=()
