@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what a Debian 12 machine lacks to build and test libOlk (iproute2
-# and python3 serve tests: network namespaces and a tokenizer cross-check).
+# and python3 serve tests: network namespaces and a tokenizer cross-check;
+# redis-server serves the transaction mirror's tests and the demo).
 # Idempotent: when everything is present it installs nothing and prints nothing.
 set -euo pipefail
 
@@ -8,6 +9,7 @@ packages=(
   build-essential cmake ninja-build pkg-config ccache
   zlib1g-dev libboost-filesystem-dev libboost-system-dev libboost-iostreams-dev
   libgtest-dev libgmock-dev libbenchmark-dev libroaring-dev libcuckoo-dev
+  libhiredis-dev redis-server
   iproute2 python3
 )
 
