@@ -487,6 +487,7 @@ void XactDirMirror::connect() {
 void XactDirMirror::handleLinkDown(const String& why) {
   const bool wasConnected = connectionState_ != connectionDown;
   if (reset(wasConnected)) {
+    if (!wasConnected) ++failedConnectCount_;
     const Zum::LogMessage& log = wasConnected ? lostLog : unreachableLog;
     log.log(address_.text().c_str(), why.c_str(), retry_->timeMin() - loop_->clock()->now());
   }

@@ -99,6 +99,8 @@ class XactDirMirror : public Zum::Entity, public Zum::Notifier {
   ConnectionState connectionState() const { return connectionState_; }
   // Times a connection pair came up since creation.
   U64 connectCount() const { return connectCount_; }
+  // Attempts that failed before the pair came up.
+  U64 failedConnectCount() const { return failedConnectCount_; }
   // Distinct malformed fields seen so far (each logged once).
   U64 malformedEntryCount() const { return malformedLogged_.size(); }
   // Published ids not yet confirmed by the server (dirty or in flight).
@@ -178,6 +180,7 @@ class XactDirMirror : public Zum::Entity, public Zum::Notifier {
   std::set<String> malformedLogged_;  // "key field" pairs already reported
   ConnectionState connectionState_ = connectionDown;
   U64 connectCount_ = 0;
+  U64 failedConnectCount_ = 0;
   Seconds reconnectInterval_ = reconnectIntervalMinDefault;  // the next back-off
   Seconds reconnectIntervalMax_ = reconnectIntervalMaxDefault;
 };
