@@ -111,6 +111,12 @@ class RedisServer {
     ::unlink(socketPath().c_str());
   }
 
+  // Forgets everything the server kept on disk (while stopped): the next
+  // start is an empty server, as after a loss of its persistence.
+  void wipe() {
+    for (const auto& e : std::filesystem::directory_iterator(dir_)) std::filesystem::remove_all(e.path());
+  }
+
   // Runs one command on a fresh blocking connection (database `db`) and
   // returns the reply's text: a string, a status, an error, an integer in
   // decimal, or the elements of an array joined by blanks.

@@ -217,7 +217,7 @@ TEST_F(XactDirMirrorTest, LateFollowerSeesTenThousandEntriesAndTheWritesMadeWhil
   EXPECT_EQ(log.last[7], XactConfig(7, 2));
 }
 
-TEST_F(XactDirMirrorTest, UnreachableAtStartThenRestartedWithPersistenceBothSidesCatchUp) {
+TEST_F(XactDirMirrorTest, UnreachableAtStartThenRestartedWithAndWithoutItsDataBothSidesCatchUp) {
   LogCapture logs;
   server_.stop();
   auto pub = mirror("pub");
@@ -258,6 +258,15 @@ TEST_F(XactDirMirrorTest, UnreachableAtStartThenRestartedWithPersistenceBothSide
   auto statuses = coordinator->followedStatusDirIs("e1");
   ASSERT_TRUE(runUntil([&] { return up(coordinator); }));
   EXPECT_EQ(statuses->xactStatus(7), XactStatus(7, xactFailure, "kept while down", 3));
+
+  // A server that comes back empty gets the publisher's whole directory again.
+  server_.stop();
+  server_.wipe();
+  config->xactConfigDel(1);
+  server_.start();
+  ASSERT_TRUE(runUntil([&] { return settled(pub) && up(fol) && sameConfigs(*config, *followed); }));
+  EXPECT_EQ(followed->xactConfig().size(), 38u);
+  EXPECT_EQ(server_.command({"HLEN", pub->configKey("e1")}), "38");
 }
 
 TEST_F(XactDirMirrorTest, GarbageUnderThePrefixIsReportedOncePerFieldAndIgnored) {
