@@ -36,6 +36,8 @@
 // first sync takes in the entries a previous incarnation left in Redis for
 // ids it has not written itself, so a restarted agent finds its records.
 // Malformed or foreign fields are logged once per field and ignored.
+// Costs: a burst of n changes is one round trip and O(n) bytes each way; a
+// (re)sync reads each followed hash whole, O(entries).
 // One writer per directory is assumed (nothing arbitrates two publishers of
 // one name). One loop thread; nothing blocks, no thread is started.
 #pragma once
@@ -82,16 +84,9 @@ class XactDirMirror : public Zum::Entity, public Zum::Notifier {
     virtual void onConnectionState() {}
   };
 
-  class Link;
-  class Mirrored;
-  template <class Ops>
-  class MirroredDir;
-
   static constexpr Seconds reconnectIntervalMinDefault = 0.05;
   static constexpr Seconds reconnectIntervalMaxDefault = 5.0;
 
-  XactDirMirror(const Zum::Name& name, const RedisAddress& address, const String& keyPrefix,
-                const Ptr<Zum::ActivityManager>& loop);
   ~XactDirMirror() override;
 
   const RedisAddress& address() const { return address_; }
@@ -131,9 +126,15 @@ class XactDirMirror : public Zum::Entity, public Zum::Notifier {
   void handleInitialized() override;
 
  private:
-  friend class Link;
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  XactDirMirror(const Zum::Name& name, const RedisAddress& address, const String& keyPrefix,
+                const Ptr<Zum::ActivityManager>& loop);
+
+  class Link;  // one hiredis connection on the loop
+  class Mirrored;
   template <class Ops>
-  friend class MirroredDir;
+  class MirroredDir;
   class Timer;
 
   template <class Ops>
