@@ -176,6 +176,16 @@ TEST_F(XactDirMirrorTest, FollowerTracksSetsChangesAndDeletionsAndAResyncNotifie
   EXPECT_EQ(followed->xactConfig(5), XactConfig(5, 2));
   EXPECT_FALSE(followed->xactConfigHas(60));
 
+  // A burst costs one transaction on the publisher's side and one read on
+  // the follower's, whatever its size.
+  server_.command({"CONFIG", "RESETSTAT"});
+  for (U32 id = 1000; id < 2000; ++id) config->xactConfigIs({id, 1});
+  ASSERT_TRUE(runUntil([&] { return settled(pub) && sameConfigs(*config, *followed); }));
+  const String stats = server_.command({"INFO", "commandstats"});
+  for (const char* command : {"multi", "exec", "hset", "publish", "hmget"}) {
+    EXPECT_NE(stats.find("cmdstat_" + String(command) + ":calls=1,"), String::npos) << command << "\n" << stats;
+  }
+
   // Drop every client: both rebuild, the publisher rewrites its hash and
   // the follower re-reads it whole, which changes nothing it holds.
   ConfigLog log;
