@@ -32,6 +32,7 @@
 #include <charconv>
 
 #include "platform/Exception.h"
+#include "platform/Format.h"
 #include "platform/Log.h"
 
 namespace Olk {
@@ -143,11 +144,14 @@ class XactDirMirror::Link : public Zum::FileDescriptor::Notifiee {
  public:
   using ReplyFn = std::function<void(const redisReply*)>;
 
-  Link(XactDirMirror* owner, const char* role) : owner_(owner), role_(role) {}
+  explicit Link(XactDirMirror* owner) : owner_(owner) {}
   ~Link() override { close(); }
 
-  const char* role() const { return role_; }
   bool ready() const { return ready_; }
+  // Commands sent and not answered yet.
+  std::size_t pendingCount() const { return pending_.size(); }
+  // Answers received since creation; moves whenever the server makes progress.
+  U64 replies() const { return replies_; }
 
   // Starts connecting and queues AUTH, SELECT and a PING whose answer makes
   // the link ready. Answers why when it failed at once, empty otherwise.
@@ -288,6 +292,7 @@ class XactDirMirror::Link : public Zum::FileDescriptor::Notifiee {
     auto* link = static_cast<Link*>(privdata);
     ReplyFn fn = std::move(link->pending_.front());
     link->pending_.pop_front();
+    ++link->replies_;
     if (reply && !link->closing_) fn(static_cast<const redisReply*>(reply));
   }
 
@@ -305,9 +310,9 @@ class XactDirMirror::Link : public Zum::FileDescriptor::Notifiee {
   }
 
   XactDirMirror* const owner_;  // owns this link and outlives it
-  const char* const role_;
   redisAsyncContext* ac_ = nullptr;  // null when there is no connection
   std::deque<ReplyFn> pending_;      // one per command sent, in order
+  U64 replies_ = 0;
   bool ready_ = false;               // set by the PING answer, cleared on any loss
   bool closing_ = false;             // the loss that follows is our own doing
 };
@@ -403,10 +408,11 @@ XactDirMirror::XactDirMirror(const Zum::Name& name, const RedisAddress& address,
       address_(address),
       keyPrefix_(keyPrefix),
       loop_(loop),
-      cmd_(std::make_unique<Link>(this, "commands")),
-      sub_(std::make_unique<Link>(this, "subscriptions")),
+      cmd_(std::make_unique<Link>(this)),
+      sub_(std::make_unique<Link>(this)),
       retry_(std::make_unique<Timer>(loop->clock(), [this] { connect(); })),
-      flusher_(std::make_unique<Timer>(loop->clock(), [this] { flush(); })) {}
+      flusher_(std::make_unique<Timer>(loop->clock(), [this] { flush(); })),
+      watchdog_(std::make_unique<Timer>(loop->clock(), [this] { handleWatchdog(); })) {}
 
 XactDirMirror::~XactDirMirror() {
   cmd_->close();
@@ -478,6 +484,7 @@ XactDirMirror::Mirrored* XactDirMirror::mirrored(const String& key) const {
 }
 
 void XactDirMirror::connect() {
+  watchdog_->timeMinIs(loop_->clock()->now() + replyTimeout_);  // the deadline for coming up
   String why = cmd_->open(address_, *loop_);
   if (why.empty()) why = sub_->open(address_, *loop_);
   if (why.empty()) return;
@@ -497,6 +504,7 @@ bool XactDirMirror::reset(bool wasConnected) {
   cmd_->close();
   sub_->close();
   inFlight_.clear();  // a reconnected publisher rewrites its hash whole
+  watchdog_->timeMinIs(Zum::endOfTime);
   for (auto& [key, m] : mirrored_) m->synced = false;
   connectionStateIs(connectionDown);
   if (retry_->timeMin() != Zum::endOfTime) return false;  // this attempt has failed already
@@ -509,6 +517,7 @@ bool XactDirMirror::reset(bool wasConnected) {
 void XactDirMirror::handleLinkReady() {
   if (!cmd_->ready() || !sub_->ready()) return;
   ++connectCount_;
+  watchdog_->timeMinIs(Zum::endOfTime);  // up in time; commands arm it again
   connectionStateIs(connectionSyncing);
   for (auto& [key, m] : mirrored_) startSync(*m);
   checkUp();
@@ -615,9 +624,30 @@ void XactDirMirror::handleFields(const String& key, const std::vector<U32>& ids,
 }
 
 bool XactDirMirror::commandIs(const std::vector<String>& argv, std::function<void(const redisReply*)> onReply) {
-  if (cmd_->command(argv, std::move(onReply))) return true;
+  if (cmd_->command(argv, std::move(onReply))) {
+    armWatchdog();
+    return true;
+  }
   reset(true);
   return false;
+}
+
+void XactDirMirror::armWatchdog() {
+  if (watchdog_->timeMin() != Zum::endOfTime) return;
+  watchedReplies_ = cmd_->replies();
+  watchdog_->timeMinIs(loop_->clock()->now() + replyTimeout_);
+}
+
+void XactDirMirror::handleWatchdog() {
+  const bool connecting = connectionState_ == connectionDown;
+  if (!connecting) {
+    if (cmd_->pendingCount() == 0) return;  // everything answered: idle until the next command
+    if (cmd_->replies() != watchedReplies_) {  // slow but moving
+      armWatchdog();
+      return;
+    }
+  }
+  handleLinkDown(Zum::format("no answer within %.1f s", replyTimeout_));
 }
 
 void XactDirMirror::flushSoon() {

@@ -86,6 +86,7 @@ class XactDirMirror : public Zum::Entity, public Zum::Notifier {
 
   static constexpr Seconds reconnectIntervalMinDefault = 0.05;
   static constexpr Seconds reconnectIntervalMaxDefault = 5.0;
+  static constexpr Seconds replyTimeoutDefault = 10.0;
 
   ~XactDirMirror() override;
 
@@ -103,6 +104,11 @@ class XactDirMirror : public Zum::Entity, public Zum::Notifier {
   Seconds reconnectIntervalMax() const { return reconnectIntervalMax_; }
   // Caps the back-off between attempts; takes effect from the next failure.
   void reconnectIntervalMaxIs(Seconds s) { reconnectIntervalMax_ = s; }
+  // How long a connection may take to come up, and the server may go
+  // without answering while commands await answers, before the pair is
+  // dropped as lost (hiredis has no time-outs of its own).
+  Seconds replyTimeout() const { return replyTimeout_; }
+  void replyTimeoutIs(Seconds s) { replyTimeout_ = s; }
   // The Redis key (and channel) of a directory: prefix, kind, name.
   String configKey(const Zum::Name& dirName) const { return keyPrefix_ + "config:" + dirName; }
   String statusKey(const Zum::Name& dirName) const { return keyPrefix_ + "status:" + dirName; }
@@ -161,6 +167,8 @@ class XactDirMirror : public Zum::Entity, public Zum::Notifier {
   void handleFields(const String& key, const std::vector<U32>& ids, const ::redisReply* reply);
   void handleExecReply(const ::redisReply* reply);
   bool commandIs(const std::vector<String>& argv, std::function<void(const ::redisReply*)> onReply);
+  void armWatchdog();
+  void handleWatchdog();
   void flushSoon();
   void flush();
   void checkUp();
@@ -177,6 +185,8 @@ class XactDirMirror : public Zum::Entity, public Zum::Notifier {
   std::map<String, std::unique_ptr<Mirrored>> mirrored_;  // by Redis key
   std::unique_ptr<Timer> retry_;
   std::unique_ptr<Timer> flusher_;
+  std::unique_ptr<Timer> watchdog_;  // armed while connecting or while commands await answers
+  U64 watchedReplies_ = 0;           // the command link's reply count when the watchdog was armed
   std::deque<std::size_t> inFlight_;  // ids per MULTI/EXEC awaiting EXEC, oldest first
   std::set<String> malformedLogged_;  // "key field" pairs already reported
   ConnectionState connectionState_ = connectionDown;
@@ -184,6 +194,7 @@ class XactDirMirror : public Zum::Entity, public Zum::Notifier {
   U64 failedConnectCount_ = 0;
   Seconds reconnectInterval_ = reconnectIntervalMinDefault;  // the next back-off
   Seconds reconnectIntervalMax_ = reconnectIntervalMaxDefault;
+  Seconds replyTimeout_ = replyTimeoutDefault;
 };
 
 Ptr<XactDirMirror> xactDirMirrorFactory(const Zum::Name& name, const RedisAddress& address, const String& keyPrefix,

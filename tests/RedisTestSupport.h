@@ -111,6 +111,11 @@ class RedisServer {
     ::unlink(socketPath().c_str());
   }
 
+  // Freezes and thaws the server (SIGSTOP, SIGCONT): it keeps its
+  // connections but answers nothing meanwhile.
+  void pause() { ::kill(pid_, SIGSTOP); }
+  void resume() { ::kill(pid_, SIGCONT); }
+
   // Forgets everything the server kept on disk (while stopped): the next
   // start is an empty server, as after a loss of its persistence.
   void wipe() {

@@ -279,6 +279,31 @@ TEST_F(XactDirMirrorTest, UnreachableAtStartThenRestartedWithAndWithoutItsDataBo
   EXPECT_EQ(server_.command({"HLEN", pub->configKey("e1")}), "38");
 }
 
+TEST_F(XactDirMirrorTest, AServerThatStopsAnsweringIsDroppedAndRejoinedWhenItAnswersAgain) {
+  auto pub = mirror("pub");
+  pub->replyTimeoutIs(0.3);
+  auto config = xactConfigDirFactory("e1");
+  pub->publishedConfigDirIs(config);
+  auto fol = mirror("fol");
+  auto followed = fol->followedConfigDirIs("e1");
+  StateLog states;
+  states.notifierIs(pub);
+  config->xactConfigIs({1, 1});
+  ASSERT_TRUE(runUntil([&] { return settled(pub) && up(fol) && sameConfigs(*config, *followed); }));
+
+  server_.pause();
+  config->xactConfigIs({2, 1});
+  // Its write goes unanswered; then attempts to reconnect find no answer either.
+  ASSERT_TRUE(runUntil([&] { return pub->failedConnectCount() >= 1; }));
+  config->xactConfigIs({3, 1});
+  server_.resume();
+  ASSERT_TRUE(runUntil([&] { return settled(pub) && up(fol) && sameConfigs(*config, *followed); }));
+  using S = XactDirMirror::ConnectionState;
+  EXPECT_EQ(states.states, (std::vector<S>{S::connectionSyncing, S::connectionUp, S::connectionDown,
+                                           S::connectionSyncing, S::connectionUp}));
+  EXPECT_EQ(followed->xactConfig().size(), 3u);
+}
+
 TEST_F(XactDirMirrorTest, GarbageUnderThePrefixIsReportedOncePerFieldAndIgnored) {
   LogCapture logs;
   auto pub = mirror("pub");
