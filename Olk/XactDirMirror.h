@@ -29,8 +29,9 @@
 //     agg->xactStatusDirIs(mirror->followedStatusDirIs(name));
 //   }
 //
-// Faults: an unreachable or lost server is retried with capped, doubling
-// back-off on the loop's clock; local writes meanwhile are kept (latest per
+// Faults: an unreachable or lost server, or one that leaves commands
+// unanswered for replyTimeout, is retried with capped, doubling back-off
+// on the loop's clock; local writes meanwhile are kept (latest per
 // id) and a reconnected publisher rewrites its hash whole, so nothing written
 // is lost and nothing stale wins; followers re-read whole. A publisher's
 // first sync takes in the entries a previous incarnation left in Redis for
