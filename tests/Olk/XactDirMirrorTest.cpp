@@ -25,47 +25,41 @@ namespace {
 constexpr Seconds patience = 60.0;  // only a lost record or a hang gets near it
 const String prefix = "olktest:";
 
-// Fails executions of ids with id % 997 == `failSlot`, answers the rest.
+// How a test executor answers: it fails ids with id % 997 == failSlot and
+// succeeds on the rest; or, with a silentFd, it answers nothing and writes
+// each id it is given there, so the test knows the configuration arrived.
+struct Behaviour {
+  U32 failSlot = 999;
+  int silentFd = -1;
+};
+
 class TestExecutor : public XactExecutorSm {
  public:
   TestExecutor(const Zum::Name& name, const Ptr<const XactConfigDir>& c, const Ptr<XactStatusDir>& s,
-               const Ptr<Zum::Clock>& clock, U32 failSlot)
-      : XactExecutorSm(name, c, s, clock), failSlot_(failSlot) {}
+               const Ptr<Zum::Clock>& clock, Behaviour b)
+      : XactExecutorSm(name, c, s, clock), behaviour_(b) {}
   ExecResult doExecute(const XactConfig& c) override {
-    if (c.id % 997 == failSlot_) return ExecResult(xactFailure, "refused");
+    if (behaviour_.silentFd >= 0) {
+      [[maybe_unused]] auto n = ::write(behaviour_.silentFd, &c.id, sizeof c.id);
+      return ExecResult(xactInProgress);
+    }
+    if (c.id % 997 == behaviour_.failSlot) return ExecResult(xactFailure, "refused");
     return ExecResult(xactSuccess);
   }
 
  private:
-  U32 failSlot_;
-};
-
-// Never answers; writes the id it was given to `fd`, so the test knows the
-// configuration has arrived.
-class SilentExecutor : public XactExecutorSm {
- public:
-  SilentExecutor(const Zum::Name& name, const Ptr<const XactConfigDir>& c, const Ptr<XactStatusDir>& s,
-                 const Ptr<Zum::Clock>& clock, int fd)
-      : XactExecutorSm(name, c, s, clock), fd_(fd) {}
-  ExecResult doExecute(const XactConfig& c) override {
-    [[maybe_unused]] auto n = ::write(fd_, &c.id, sizeof c.id);
-    return ExecResult(xactInProgress);
-  }
-
- private:
-  int fd_;
+  Behaviour behaviour_;
 };
 
 // The body of an executor process: follows its configurations, publishes
 // its statuses, and runs its loop until killed.
-template <class Exec, class Arg>
-std::function<void()> executorProcess(const String& socket, const String& name, Arg arg) {
-  return [socket, name, arg] {
+std::function<void()> executorProcess(const String& socket, const String& name, Behaviour b = {}) {
+  return [socket, name, b] {
     auto loop = Zum::activityManagerFactory();
     auto mirror = xactDirMirrorFactory(name, RedisAddress::unixSocket(socket), prefix, loop);
     auto status = xactStatusDirFactory(name);
     mirror->publishedStatusDirIs(status);
-    auto exec = Zum::create<Exec>(name, mirror->followedConfigDirIs(name), status, loop->clock(), arg);
+    auto exec = Zum::create<TestExecutor>(name, mirror->followedConfigDirIs(name), status, loop->clock(), b);
     loop->run();
   };
 }
@@ -389,7 +383,7 @@ TEST_F(XactDirMirrorTest, TenThousandXactsWithFourExecutorProcessesFinishOnceWit
   const std::vector<String> names{"exec0", "exec1", "exec2", "exec3"};
   std::vector<ChildProcess> executors;
   for (U32 k = 0; k < names.size(); ++k) {
-    executors.emplace_back(executorProcess<TestExecutor>(server_.socketPath(), names[k], k));
+    executors.emplace_back(executorProcess(server_.socketPath(), names[k], Behaviour{.failSlot = k}));
   }
   auto m = mirror("coord");
   auto agg = coordinator(m, names);
@@ -425,8 +419,8 @@ TEST_F(XactDirMirrorTest, ExecutorKilledMidXactAnswersAfterRestartAndOneThatNeve
   int arrived[2];
   ASSERT_EQ(::pipe(arrived), 0);
   ::fcntl(arrived[0], F_SETFL, O_NONBLOCK);
-  ChildProcess steady(executorProcess<TestExecutor>(server_.socketPath(), "steady", 999u));
-  ChildProcess flaky(executorProcess<SilentExecutor>(server_.socketPath(), "flaky", arrived[1]));
+  ChildProcess steady(executorProcess(server_.socketPath(), "steady"));
+  ChildProcess flaky(executorProcess(server_.socketPath(), "flaky", Behaviour{.silentFd = arrived[1]}));
   auto m = mirror("coord");
   auto agg = coordinator(m, {"steady", "flaky"});
   agg->pollingIntervalIs(0.05);
@@ -438,7 +432,7 @@ TEST_F(XactDirMirrorTest, ExecutorKilledMidXactAnswersAfterRestartAndOneThatNeve
   EXPECT_FALSE(dir->xact(1)->finished());
 
   flaky.kill();
-  flaky = ChildProcess(executorProcess<TestExecutor>(server_.socketPath(), "flaky", 999u));
+  flaky = ChildProcess(executorProcess(server_.socketPath(), "flaky"));
   ASSERT_TRUE(runUntil([&] { return dir->xact(1)->finished(); }));
   EXPECT_EQ(dir->xact(1)->result(), xactSuccess);
   EXPECT_TRUE(dir->xact(1)->comment().empty());
@@ -455,7 +449,7 @@ TEST_F(XactDirMirrorTest, ExecutorKilledMidXactAnswersAfterRestartAndOneThatNeve
 }
 
 TEST_F(XactDirMirrorTest, RestartedCoordinatorFindsEveryConfigurationAndStatus) {
-  ChildProcess executor(executorProcess<TestExecutor>(server_.socketPath(), "e1", 5u));
+  ChildProcess executor(executorProcess(server_.socketPath(), "e1", Behaviour{.failSlot = 5}));
   int done[2];
   ASSERT_EQ(::pipe(done), 0);
   const String socket = server_.socketPath();
