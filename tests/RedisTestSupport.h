@@ -8,12 +8,14 @@
 #pragma once
 
 #include <hiredis/hiredis.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -87,6 +89,11 @@ class RedisServer {
     args.insert(args.end(), options_.extra.begin(), options_.extra.end());
     pid_ = ::fork();
     if (pid_ == 0) {
+      // The server must not hold the caller's output open (a pipe would
+      // never see its end); it writes to its log file.
+      int null = ::open("/dev/null", O_RDWR);
+      ::dup2(null, STDOUT_FILENO);
+      ::dup2(null, STDERR_FILENO);
       std::vector<char*> argv;
       for (auto& a : args) argv.push_back(a.data());
       argv.push_back(nullptr);
@@ -188,7 +195,13 @@ class ChildProcess {
   explicit ChildProcess(const std::function<void()>& body) {
     pid_ = ::fork();
     if (pid_ == 0) {
-      body();
+      // Nothing may unwind into the parent's code that was forked with it.
+      try {
+        body();
+      } catch (const std::exception& e) {
+        ::fprintf(stderr, "child %d: %s\n", ::getpid(), e.what());
+        ::_exit(1);
+      }
       ::_exit(0);
     }
   }
