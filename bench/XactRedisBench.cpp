@@ -180,7 +180,7 @@ class Client {
   // The next reply; the caller frees it.
   redisReply* next() {
     void* r = nullptr;
-    if (redisGetReply(c_, &r) != REDIS_OK) throw std::runtime_error("redis connection lost");
+    if (redisGetReply(c_, &r) != REDIS_OK) throw std::runtime_error(String("redis connection lost: ") + c_->errstr);
     return static_cast<redisReply*>(r);
   }
   void skip(int n) {
@@ -241,6 +241,18 @@ void subscribe(Client& sub, const String& channel) {
   sub.skip(1);
 }
 
+// Pub/sub keeps nothing for late subscribers: waits until `channel` has one.
+void waitSubscribed(Client& cmd, const String& channel) {
+  for (;;) {
+    cmd.append({"PUBSUB", "NUMSUB", channel});
+    redisReply* r = cmd.next();
+    const bool subscribed = r->elements == 2 && r->element[1]->integer > 0;
+    freeReplyObject(r);
+    if (subscribed) return;
+    usleep(1000);
+  }
+}
+
 [[noreturn]] void floorExecutor(const String& prefix, int k) {
   Client sub;
   Client cmd;
@@ -262,11 +274,15 @@ void subscribe(Client& sub, const String& channel) {
 void XactRedis_HiredisFloor(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
   const String prefix = freshPrefix();
+  server();  // started here, so the executors find it running rather than start their own
   std::vector<ChildProcess> executors;
   for (int k = 0; k < n; ++k) executors.emplace_back([&, k] { floorExecutor(prefix, k); });
   Client sub;
   Client cmd;
-  for (int k = 0; k < n; ++k) subscribe(sub, prefix + "status:" + executorName(k));
+  for (int k = 0; k < n; ++k) {
+    subscribe(sub, prefix + "status:" + executorName(k));
+    waitSubscribed(cmd, prefix + "config:" + executorName(k));
+  }
 
   U32 nextId = 0;
   auto runFloorBurst = [&] {
