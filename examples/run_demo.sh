@@ -17,8 +17,8 @@ ninja -C "$build" -j2 olk demo_agent olkctl
 agent="$build/examples/demo_agent"
 ctl="$build/examples/olkctl"
 name="demo-$$"
-rm -f "$build/demo-dump.gz"  # dumps append to an existing file
-"$agent" --name "$name" &
+dumps="$build/demo-dumps"
+"$agent" --name "$name" --dump-dir "$dumps" &
 pid=$!
 trap 'kill "$pid" 2>/dev/null || true' EXIT
 
@@ -32,14 +32,14 @@ done
 sleep 2
 
 for cmd in "help" "stats" "cuckoo insert 4242" "cuckoo fill 16000" "xact start 2" "xact" "labels" "blocks defrag" \
-           "dump" "dump gz $build/demo-dump.gz" "no-such-command"; do
+           "dump" "dump gz demo-dump.gz" "dump gz ../escape.gz" "no-such-command"; do
   echo "\$ olkctl $name $cmd"
   # shellcheck disable=SC2086 # the command's words are meant to split
-  "$ctl" "$name" $cmd
+  "$ctl" "$name" $cmd || echo "(olkctl exit status $?: the agent answered with an error)"
   echo
 done
-echo "\$ zcat $build/demo-dump.gz | head -3"
-zcat "$build/demo-dump.gz" | head -3
+echo "\$ zcat $dumps/demo-dump.gz | head -3"
+zcat "$dumps/demo-dump.gz" | head -3
 
 "$ctl" "$name" shutdown
 wait "$pid"

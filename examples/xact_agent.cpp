@@ -79,13 +79,13 @@ class Agent {
  public:
   explicit Agent(const Options& o) : loop_(Zum::activityManager()), commands_(simpleAgentSocketHandlerFactory(o.name)) {
     mirror_ = xactDirMirrorFactory(o.name, RedisAddress::unixSocket(o.redis), o.prefix, loop_);
-    commands_->commandIs("redis", "redis: the Redis connection", [this](const CommandRequest&) {
+    commands_->commandIs("redis", "redis: the Redis connection", 0, 0, [this](const CommandArgs&) {
       return Zum::format("redis %s: %s, connected %llu times, %llu failed attempts, %zu writes pending\n",
                          mirror_->address().text().c_str(), stateName(mirror_->connectionState()),
                          (unsigned long long)mirror_->connectCount(),
                          (unsigned long long)mirror_->failedConnectCount(), mirror_->pendingWriteCount());
     });
-    commands_->commandIs("shutdown", "stops the agent", [this](const CommandRequest&) {
+    commands_->commandIs("shutdown", "shutdown: stops the agent", 0, 0, [this](const CommandArgs&) {
       loop_->stop();
       return String("shutting down\n");
     });
@@ -114,13 +114,12 @@ class Agent {
     // one whose old answers are still in Redis; a multiple of 1000 keeps
     // the demo's last digits predictable.
     nextId_ = static_cast<U32>(loop_->clock()->now()) % 1000000 * 1000;
-    commands_->commandIs("start", "start <n>: starts n transactions", [this](const CommandRequest& r) {
-      const int n = atoi(r.args.c_str());
-      if (n <= 0 || n > 100000) throw CommandError("usage: start <n>, 1 <= n <= 100000");
-      for (int i = 0; i < n; ++i) aggregator_->doStartXact(xacts_->xactIs(nextId_++));
-      return Zum::format("started %d, %zu in progress\n", n, aggregator_->inProgressXact().size());
+    commands_->commandIs("start", "start <n>: starts n transactions", 1, 1, [this](const CommandArgs& a) {
+      const U32 n = a.number(0, 1, 100000);
+      for (U32 i = 0; i < n; ++i) start(nextId_++);
+      return Zum::format("started %u, %zu in progress\n", n, aggregator_->inProgressXact().size());
     });
-    commands_->commandIs("xacts", "xacts: the latest 10 transactions", [this](const CommandRequest&) {
+    commands_->commandIs("xacts", "xacts: the latest 10 transactions", 0, 0, [this](const CommandArgs&) {
       String text;
       int shown = 0;
       for (auto it = xacts_->xact().end(); it != xacts_->xact().begin() && shown < 10; ++shown) {
@@ -128,21 +127,31 @@ class Agent {
       }
       return text.empty() ? String("no transactions\n") : text;
     });
-    commands_->commandIs("timeout", "timeout <seconds>: fail transactions older than this", [this](
-                                                                                               const CommandRequest& r) {
-      const double t = atof(r.args.c_str());
-      if (!(t > 0)) throw CommandError("usage: timeout <seconds>");
-      aggregator_->timeoutIs(t);
-      return Zum::format("timeout %.1f s\n", t);
+    commands_->commandIs("timeout", "timeout <seconds>: fail transactions older than this", 1, 1,
+                         [this](const CommandArgs& a) {
+                           const U32 t = a.number(0, 1, 3600);
+                           aggregator_->timeoutIs(t);
+                           return Zum::format("timeout %u s\n", t);
+                         });
+  }
+
+  // Starts transaction `id`. When its run ends, its configurations are
+  // withdrawn from every executor, and only the latest records are kept for
+  // `xacts`, so a long-running coordinator stays bounded.
+  void start(U32 id) {
+    aggregator_->doStartXact(xacts_->xactIs(id), [this](const Xact& x) {
+      aggregator_->doStopXact(x.id());
+      while (xacts_->xactCount() > keptRecords) xacts_->xactDel(xacts_->xact().begin()->first);
     });
   }
+  static constexpr std::size_t keptRecords = 100;
 
   void executor(const Options& o) {
     auto status = xactStatusDirFactory(o.name);
     mirror_->publishedStatusDirIs(status);
     executor_ = Zum::create<DemoExecutor>(o.name, mirror_->followedConfigDirIs(o.name), status, loop_->clock(),
                                           o.failDigit);
-    commands_->commandIs("status", "status: configurations seen and answered", [this](const CommandRequest&) {
+    commands_->commandIs("status", "status: configurations seen and answered", 0, 0, [this](const CommandArgs&) {
       return Zum::format("configurations %zu, executed %llu, statuses %zu\n",
                          executor_->xactConfigDir()->xactConfig().size(),
                          (unsigned long long)executor_->executed(), executor_->xactStatusDir()->xactStatus().size());
