@@ -21,9 +21,9 @@
 
 #include <map>
 
+#include "Olk/Types.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"
-#include "platform/Types.h"
 
 namespace Cell {
 

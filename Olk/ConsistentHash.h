@@ -15,7 +15,7 @@
 #include <set>
 #include <unordered_map>
 
-#include "platform/Types.h"
+#include "Olk/Types.h"
 
 namespace Olk::ConsistentHash {
 

@@ -23,12 +23,12 @@
 #include <vector>
 
 #include "Olk/DumpContext.h"
+#include "Olk/Types.h"
 #include "platform/Clock.h"
 #include "platform/Collection.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"
 #include "platform/Strep.h"
-#include "platform/Types.h"
 
 namespace Olk::Cuckoo {
 

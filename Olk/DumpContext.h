@@ -18,8 +18,8 @@
 #include <map>
 #include <memory>
 
+#include "Olk/Types.h"
 #include "platform/Ptr.h"
-#include "platform/Types.h"
 
 namespace Olk {
 
@@ -125,6 +125,11 @@ Ptr<DumpContext> dumpContextFactory(unsigned fd, gzFile gz, DumpLevel level);
 // printf into the dump; a null context writes to standard output.
 void objDumpPrintf(const Ptr<const DumpContext>& dumpCtx, const char* fmt, ...)
     __attribute__((format(printf, 2, 3)));
+
+// Writes the process's trace ring (platform/Rivlog.h) into the dump, at most
+// maxListEntriesDumped records, the newest; marks the context truncated when
+// older ones are left out. A null context writes to standard output.
+void rivlogDump(const Ptr<const DumpContext>& dumpCtx);
 
 // Opens `path` for a dump. Ordinary files (and missing ones, created with
 // mode 0644) are opened for appending and *append is set true; pipes,

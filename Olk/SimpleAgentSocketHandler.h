@@ -19,6 +19,7 @@
 #include <stdexcept>
 
 #include "Olk/AgentSocketHandler.h"
+#include "Olk/Types.h"
 
 namespace Olk {
 

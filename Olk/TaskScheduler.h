@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "Olk/HTimerWheel.h"
+#include "Olk/Types.h"
 #include "platform/Clock.h"
 #include "platform/Collection.h"
 #include "platform/Dorn.h"

@@ -126,7 +126,3 @@ template <class T>
 struct std::hash<Zum::Ptr<T>> {
   size_t operator()(const Zum::Ptr<T>& p) const noexcept { return std::hash<const void*>()(p.ptr()); }
 };
-
-namespace Olk {
-using Zum::Ptr;
-}
