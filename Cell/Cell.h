@@ -73,7 +73,7 @@ class ActiveCell : public Zum::Entity, public Zum::Notifier {
 
   CellId cellId() const { return cellId_; }
   void cellIdIs(CellId id) {
-    if (Zum::assignIfChanged(cellId_, id)) notify(&Notifiee::onCellId);
+    attributeIs(cellId_, id, &Notifiee::onCellId);
   }
 
  private:

@@ -215,16 +215,15 @@ Ptr<CuckooCmds> cuckooCmdsFactory() { return Ptr<CuckooCmds>(new CuckooCmds()); 
 void Config::tableDescListIs(TableId tableId, U32 tableSize, U32 binSize) {
   Ptr<TableDescriptor const> slot = tableDescList_.get(tableId);
   if (!storeDescriptor(slot, tableId, tableSize, binSize)) return;
-  tableDescList_.set(tableId, slot);
-  notify(&Notifiee::onTableDescList, tableId);
+  entryIs(tableDescList_, tableId, slot, &Notifiee::onTableDescList);
 }
 
 void Config::tableDescListDel(TableId tableId) {
-  if (tableDescList_.del(tableId)) notify(&Notifiee::onTableDescList, tableId);
+  entryDel(tableDescList_, tableId, &Notifiee::onTableDescList);
 }
 
 void Config::tableDescListDelAll() {
-  tableDescList_.delAll([&](TableId t) { notify(&Notifiee::onTableDescList, t); });
+  entryDelAll(tableDescList_, &Notifiee::onTableDescList);
 }
 
 Ptr<Config> configFactory(const String& name, U8 numTables) { return Zum::create<Config>(name, numTables); }
@@ -235,7 +234,7 @@ void TableStat::tableDescIs(TableId tableId, U32 tableSize, U32 binSize) {
 
 void TableStat::numOfHashItemsDec() {
   ZUM_ASSERT(numOfHashItems_ > 0);
-  set(numOfHashItems_, numOfHashItems_ - 1, &Notifiee::onNumOfHashItems);
+  attributeIs(numOfHashItems_, numOfHashItems_ - 1, &Notifiee::onNumOfHashItems);
 }
 
 float TableStat::occupancy() const {
@@ -256,17 +255,16 @@ String valueToStrep(const TableStat& s) {
 Ptr<TableStat> Status::tableStatIs(TableId tableId) {
   if (Ptr<TableStat> present = tableStat_.get(tableId)) return present;
   Ptr<TableStat> stat = tableStatFactory(tableId);
-  tableStat_.set(tableId, stat);
-  notify(&Notifiee::onTableStat, tableId);
+  entryIs(tableStat_, tableId, stat, &Notifiee::onTableStat);
   return stat;
 }
 
 void Status::tableStatDel(TableId tableId) {
-  if (tableStat_.del(tableId)) notify(&Notifiee::onTableStat, tableId);
+  entryDel(tableStat_, tableId, &Notifiee::onTableStat);
 }
 
 void Status::tableStatDelAll() {
-  tableStat_.delAll([&](TableId t) { notify(&Notifiee::onTableStat, t); });
+  entryDelAll(tableStat_, &Notifiee::onTableStat);
 }
 
 std::vector<Ptr<HashItem const>> Status::pendingItemSet() const {
@@ -304,7 +302,7 @@ void Status::pendingItemSyslogVersionInc() {
   notify(&Notifiee::onPendingItemSyslogVersion);
 }
 
-void Status::totalCmdReadCompletedIs(U32 v) { set(totalCmdReadCompleted_, v, &Notifiee::onTotalCmdReadCompleted); }
+void Status::totalCmdReadCompletedIs(U32 v) { attributeIs(totalCmdReadCompleted_, v, &Notifiee::onTotalCmdReadCompleted); }
 
 void Status::enq(Zum::Queue<float>& queue, float v, QueueReaction reaction) {
   notify(reaction, queue.push(v));

@@ -31,7 +31,7 @@ Seconds EventClock::now() const {
 }
 
 void EventClock::deadlineIs(Seconds t) {
-  if (Zum::assignIfChanged(deadline_, t)) notify(&NotifieeConst::onDeadline);
+  attributeIs(deadline_, t, &NotifieeConst::onDeadline);
 }
 
 void EventClock::eventCheckInc(U32 n) {

@@ -70,7 +70,7 @@ TaskStat::TaskStatus Task::taskStatus() const { return taskTaskStatus2olkTaskSta
 void Task::taskRunInc(U32 n) { taskRunIs(taskRun_ + n); }
 
 void Task::taskRunIs(U32 n) {
-  if (Zum::assignIfChanged(taskRun_, n)) notify(&NotifieeConst::onTaskRun);
+  attributeIs(taskRun_, n, &NotifieeConst::onTaskRun);
 }
 
 void Task::notifyTaskBusy() { notify(&NotifieeConst::onTaskBusy); }
@@ -143,17 +143,11 @@ void FileDescriptorTask::handleFileDescriptorTaskInitialized(int fd) {
 void FileDescriptorTask::notifyTaskBusy() { notify(&NotifieeConst::onTaskBusy); }
 
 void FileDescriptorTask::taskRunReadableInc(U32 n) {
-  if (n != 0) {
-    taskRunReadable_ += n;
-    notify(&NotifieeConst::onTaskRunReadable);
-  }
+  attributeIs(taskRunReadable_, taskRunReadable_ + n, &NotifieeConst::onTaskRunReadable);
 }
 
 void FileDescriptorTask::taskRunWritableInc(U32 n) {
-  if (n != 0) {
-    taskRunWritable_ += n;
-    notify(&NotifieeConst::onTaskRunWritable);
-  }
+  attributeIs(taskRunWritable_, taskRunWritable_ + n, &NotifieeConst::onTaskRunWritable);
 }
 
 int FileDescriptorTask::taskWatchFd() const { return dornFd().watchFd(); }

@@ -395,7 +395,7 @@ void TaskSchedulerRootZum::handleSchedulerRun() {
 }
 
 void TaskSchedulerRootZum::requestSchedulerRun() {
-  if (Zum::assignIfChanged(schedulerRunRequested_, true)) notify(&Notifiee::onSchedulerRunRequested);
+  attributeIs(schedulerRunRequested_, true, &Notifiee::onSchedulerRunRequested);
 }
 
 // ---- TaskSchedulerRootWrapper -----------------------------------------------

@@ -167,13 +167,13 @@ class TaskCollection : public Zum::Entity, public Zum::Notifier {
   std::vector<Key> keys() const { return t_.keys(); }
   // Inserts or replaces the record under its own key.
   void tIs(const TaskStat& s) {
-    if (t_.set(s.*field, s)) notify(&Notifiee::onT, s.*field);
+    entryIs(t_, s.*field, s, &Notifiee::onT);
   }
   void tDel(const Key& key) {
-    if (t_.del(key)) notify(&Notifiee::onT, key);
+    entryDel(t_, key, &Notifiee::onT);
   }
   void tDelAll() {
-    t_.delAll([this](const Key& k) { notify(&Notifiee::onT, k); });
+    entryDelAll(t_, &Notifiee::onT);
   }
 
  private:

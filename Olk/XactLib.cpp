@@ -103,49 +103,49 @@ Xact::Xact(U32 id) : Entity("Xact"), id_(id) {}
 Ptr<Xact> xactFactory(U32 id) { return Zum::create<Xact>(id); }
 
 void Xact::configVersionIs(U32 v) {
-  if (Zum::assignIfChanged(configVersion_, v)) notify(&Notifiee::onConfigVersion);
+  attributeIs(configVersion_, v, &Notifiee::onConfigVersion);
 }
 
 void Xact::startTimeIs(Seconds t) {
-  if (Zum::assignIfChanged(startTime_, t)) notify(&Notifiee::onStartTime);
+  attributeIs(startTime_, t, &Notifiee::onStartTime);
 }
 
 void Xact::statusVersionIs(U32 v) {
-  if (Zum::assignIfChanged(statusVersion_, v)) notify(&Notifiee::onStatusVersion);
+  attributeIs(statusVersion_, v, &Notifiee::onStatusVersion);
 }
 
 void Xact::resultIs(XactResult r) {
-  if (Zum::assignIfChanged(result_, r)) notify(&Notifiee::onResult);
+  attributeIs(result_, r, &Notifiee::onResult);
 }
 
 void Xact::failIfBlockingXactFailsIs(bool on) {
-  if (Zum::assignIfChanged(failIfBlockingXactFails_, on)) notify(&Notifiee::onFailIfBlockingXactFails);
+  attributeIs(failIfBlockingXactFails_, on, &Notifiee::onFailIfBlockingXactFails);
 }
 
 void Xact::commentIs(const String& key, const String& value) {
-  if (comment_.set(key, value)) notify(&Notifiee::onComment, key);
+  entryIs(comment_, key, value, &Notifiee::onComment);
 }
 
 void Xact::commentDel(const String& key) {
-  if (comment_.del(key)) notify(&Notifiee::onComment, key);
+  entryDel(comment_, key, &Notifiee::onComment);
 }
 
 void Xact::commentDelAll() {
-  comment_.delAll([&](const String& key) { notify(&Notifiee::onComment, key); });
+  entryDelAll(comment_, &Notifiee::onComment);
 }
 
 void Xact::blockingXactIs(const Ptr<const Xact>& blocker) {
   Zum::requireNonNull(blocker, "Olk::Xact", "blockingXact");
   const U32 id = blocker->id();
-  if (blockingXact_.set(id, blocker)) notify(&Notifiee::onBlockingXact, id);
+  entryIs(blockingXact_, id, blocker, &Notifiee::onBlockingXact);
 }
 
 void Xact::blockingXactDel(U32 id) {
-  if (blockingXact_.del(id)) notify(&Notifiee::onBlockingXact, id);
+  entryDel(blockingXact_, id, &Notifiee::onBlockingXact);
 }
 
 void Xact::blockingXactDelAll() {
-  blockingXact_.delAll([&](U32 id) { notify(&Notifiee::onBlockingXact, id); });
+  entryDelAll(blockingXact_, &Notifiee::onBlockingXact);
 }
 
 // ---------------------------------------------------------------------------
@@ -154,45 +154,44 @@ void Xact::blockingXactDelAll() {
 Ptr<Xact> XactDir::xactIs(U32 id) {
   if (Ptr<Xact> existing = xact_.get(id)) return existing;
   Ptr<Xact> created = xactFactory(id);
-  xact_.set(id, created);
-  notify(&Notifiee::onXact, id);
+  entryIs(xact_, id, created, &Notifiee::onXact);
   return created;
 }
 
 void XactDir::xactDel(U32 id) {
-  if (xact_.del(id)) notify(&Notifiee::onXact, id);
+  entryDel(xact_, id, &Notifiee::onXact);
 }
 
 void XactDir::xactDelAll() {
-  xact_.delAll([&](U32 id) { notify(&Notifiee::onXact, id); });
+  entryDelAll(xact_, &Notifiee::onXact);
 }
 
 Ptr<XactDir> xactDirFactory(const Zum::Name& name) { return Zum::create<XactDir>(name); }
 
 void XactConfigDir::xactConfigIs(const XactConfig& cfg) {
-  if (xactConfig_.set(cfg.id, cfg)) notify(&Notifiee::onXactConfig, cfg.id);
+  entryIs(xactConfig_, cfg.id, cfg, &Notifiee::onXactConfig);
 }
 
 void XactConfigDir::xactConfigDel(U32 id) {
-  if (xactConfig_.del(id)) notify(&Notifiee::onXactConfig, id);
+  entryDel(xactConfig_, id, &Notifiee::onXactConfig);
 }
 
 void XactConfigDir::xactConfigDelAll() {
-  xactConfig_.delAll([&](U32 id) { notify(&Notifiee::onXactConfig, id); });
+  entryDelAll(xactConfig_, &Notifiee::onXactConfig);
 }
 
 Ptr<XactConfigDir> xactConfigDirFactory(const Zum::Name& name) { return Zum::create<XactConfigDir>(name); }
 
 void XactStatusDir::xactStatusIs(const XactStatus& st) {
-  if (xactStatus_.set(st.id, st)) notify(&Notifiee::onXactStatus, st.id);
+  entryIs(xactStatus_, st.id, st, &Notifiee::onXactStatus);
 }
 
 void XactStatusDir::xactStatusDel(U32 id) {
-  if (xactStatus_.del(id)) notify(&Notifiee::onXactStatus, id);
+  entryDel(xactStatus_, id, &Notifiee::onXactStatus);
 }
 
 void XactStatusDir::xactStatusDelAll() {
-  xactStatus_.delAll([&](U32 id) { notify(&Notifiee::onXactStatus, id); });
+  entryDelAll(xactStatus_, &Notifiee::onXactStatus);
 }
 
 Ptr<XactStatusDir> xactStatusDirFactory(const Zum::Name& name) { return Zum::create<XactStatusDir>(name); }
