@@ -145,8 +145,8 @@ void ClientSm::IdleTimer::onTime() {
 void ClientSm::handleDataFromClient() {
   // Closing the connection drops the handler's reference to this client, and
   // a callback may drop the agent's last reference to the handler.
-  Ptr<ClientSm> self(this);
-  Ptr<AgentSocketHandlerSm> handler(agentSocketHandlerSm_);
+  Zum::DestructorGuard guard(this, agentSocketHandlerSm_);
+  AgentSocketHandlerSm* const handler = agentSocketHandlerSm_;
   const int fd = clientFd_->fd();
   char buf[AgentSocketHandlerSm::maxCommandBytes + 1];
   errno = 0;
@@ -157,7 +157,7 @@ void ClientSm::handleDataFromClient() {
     ZUM_TRACE(tr, 3) << "recv error from client fd: " << fd << " errno: " << errno;
   }
   if (n <= 0) {
-    handler->doCloseClientConnection(self);
+    handler->doCloseClientConnection(this);
     return;
   }
   idleTimer_.timeMinIs(Zum::endOfTime);

@@ -211,8 +211,7 @@ XactAggregatorSm::ZumBlockingXact::ZumBlockingXact(XactAggregatorSm* sm, const P
 
 void XactAggregatorSm::ZumBlockingXact::handleBlockingXactStatus() {
   // The aggregator's answer usually destroys this reactor.
-  Ptr<ZumBlockingXact> self(this);
-  Ptr<XactAggregatorSm> keep(sm_);
+  Zum::DestructorGuard guard(this, sm_);
   sm_->handleBlockingXactStatus(notifier()->id(), blocked_);
 }
 
@@ -247,8 +246,7 @@ class XactAggregatorSm::ZumXactStatusDir : public Zum::PtrInterface, public Xact
   void onXactStatus(U32 id) override { handleStatus(id); }
 
   void handleStatus(U32 id) {
-    Ptr<ZumXactStatusDir> self(this);
-    Ptr<XactAggregatorSm> keep(sm_);
+    Zum::DestructorGuard guard(this, sm_);
     ZUM_TRACE(tr, 8) << "void Olk::XactAggregatorSm::ZumXactStatusDir::handleStatus(U32) " << sm_->name()
                      << " xactStatusDir: " << notifier()->name() << " id: " << id;
     sm_->handleStatusChange(id);
@@ -257,7 +255,7 @@ class XactAggregatorSm::ZumXactStatusDir : public Zum::PtrInterface, public Xact
  protected:
   // Attaching is a notification for the whole collection.
   void onNotifier() override {
-    Ptr<ZumXactStatusDir> self(this);
+    Zum::DestructorGuard guard(this);
     for (U32 id : notifier()->xactStatus().keys()) {
       if (!notifier()) return;  // detached by an earlier reaction
       handleStatus(id);
@@ -272,8 +270,7 @@ class XactAggregatorSm::ZumClock : public Zum::PtrInterface, public Zum::Clock::
  public:
   explicit ZumClock(XactAggregatorSm* sm) : sm_(sm) {}
   void onTime() override {
-    Ptr<ZumClock> self(this);
-    Ptr<XactAggregatorSm> keep(sm_);
+    Zum::DestructorGuard guard(this, sm_);
     sm_->handleClock();
   }
 
@@ -598,8 +595,7 @@ class XactExecutorSm::ZumXactConfigDir : public Zum::PtrInterface, public XactCo
  public:
   explicit ZumXactConfigDir(XactExecutorSm* sm) : sm_(sm) {}
   void onXactConfig(U32 id) override {
-    Ptr<ZumXactConfigDir> self(this);
-    Ptr<XactExecutorSm> keep(sm_);
+    Zum::DestructorGuard guard(this, sm_);
     sm_->handleXactConfig(id);
   }
 
@@ -611,8 +607,7 @@ class XactExecutorSm::ZumClock : public Zum::PtrInterface, public Zum::Clock::No
  public:
   explicit ZumClock(XactExecutorSm* sm) : sm_(sm) {}
   void onTime() override {
-    Ptr<ZumClock> self(this);
-    Ptr<XactExecutorSm> keep(sm_);
+    Zum::DestructorGuard guard(this, sm_);
     sm_->handleClock();
   }
 

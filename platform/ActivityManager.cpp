@@ -102,7 +102,8 @@ int ActivityManager::waitMillis(Seconds maxWait) const {
 std::size_t ActivityManager::dispatch(U64 serial, U32 events) {
   auto it = descriptors_.find(serial);
   if (it == descriptors_.end()) return 0;  // destroyed earlier in this batch
-  Ptr<FileDescriptor> fd(it->second);
+  FileDescriptor* fd = it->second;
+  DestructorGuard guard(fd);  // its readable reaction may release it
   std::size_t calls = 0;
   if (fd->readInterest_ && (events & readEvents)) {
     fd->notifyReadable();
@@ -116,7 +117,7 @@ std::size_t ActivityManager::dispatch(U64 serial, U32 events) {
 }
 
 bool ActivityManager::runOnce(Seconds maxWait) {
-  Ptr<ActivityManager> keep(this);
+  DestructorGuard guard(this);
   epoll_event events[maxEventsPerWait];
   int n = ::epoll_wait(epollFd_, events, maxEventsPerWait, waitMillis(maxWait));
   if (n < 0 && errno != EINTR) throw ErrnoException(errno, "epoll_wait");
