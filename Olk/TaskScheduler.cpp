@@ -433,7 +433,7 @@ void TaskSchedulerRootWrapper::notifieeIs(Dorn::TimerTask* timer, std::unique_pt
 
 void TaskSchedulerRootWrapper::timerDestroyed(Dorn::TimerTask* timer) { timer->handleIs(nullptr); }
 
-bool TaskSchedulerRootWrapper::timerStart(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) {
+bool TaskSchedulerRootWrapper::timerStartSeconds(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) {
   ClockNotifiee* n = notifiee(timer);
   if (!n) return false;
   const Seconds expiry = wheelNow() + delaySeconds;

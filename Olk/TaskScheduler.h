@@ -347,10 +347,6 @@ class TaskSchedulerRootWrapper : public Dorn::RootScheduler {
   void timerCreated(Dorn::TimerTask* timer) override;
   void timerDestroyed(Dorn::TimerTask* timer) override;
   void notifieeIs(Dorn::TimerTask* timer, std::unique_ptr<ClockNotifiee> notifiee);
-  using Dorn::RootScheduler::timerStart;
-  // Without a notifiee, false. A later expiry than the present one is taken
-  // only when `force`; answers whether the expiry was set.
-  bool timerStart(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) override;
   void timerStop(Dorn::TimerTask* timer) override;
   // The expiry as a steady time stamp; the largest when there is none.
   Dorn::TimeStamp timerExpiry(Dorn::TimerTask* timer) override;
@@ -359,6 +355,9 @@ class TaskSchedulerRootWrapper : public Dorn::RootScheduler {
   Seconds timerExpirySeconds(Dorn::TimerTask* timer) const;
 
  private:
+  // Without a notifiee, false. A later expiry than the present one is taken
+  // only when `force`; answers whether the expiry was set.
+  bool timerStartSeconds(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) override;
   static ClockNotifiee* notifiee(Dorn::TimerTask* timer);
   Seconds wheelNow() const;
 
