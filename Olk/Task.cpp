@@ -112,8 +112,7 @@ void TimerTask::scheduleTaskLowestDelay(Seconds delay) const { dornTimer().sched
 void TimerTask::stopTimerTask() const { dornTimer().stop(); }
 
 Seconds TimerTask::currentExpirationTime() const {
-  auto* wrapper = static_cast<TaskSchedulerRootWrapper*>(dornTimer().root());
-  return wrapper->timerExpirySeconds(&dornTimer());
+  return taskScheduler_->root()->timerExpirySeconds(&dornTimer());
 }
 
 // ---- FileDescriptorTask -----------------------------------------------------
@@ -193,7 +192,5 @@ Ptr<FileDescriptorTask> fileDescriptorTaskFactory(const Ptr<TaskScheduler>& sche
                                                   const String& name, int fd) {
   return Zum::create<FileDescriptorTask>(scheduler, priority, name, fd);
 }
-
-TaskKey TaskKey::create(const Task* task) { return task ? task->taskKey() : TaskKey(); }
 
 }  // namespace Olk

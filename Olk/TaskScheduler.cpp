@@ -76,6 +76,8 @@ void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskPriority* out)
   out->priorityIs(e);
 }
 
+TaskKey TaskKey::create(const Task* task) { return task ? task->taskKey() : TaskKey(); }
+
 String TaskKey::toStrep() const { return "TaskKey(" + std::to_string(value_) + ")"; }
 
 String valueToStrep(const TaskKey& k) { return Zum::valueToStrep(k.value()); }
@@ -388,6 +390,10 @@ void TaskSchedulerRootZum::handleRootZumInit() {
 void TaskSchedulerRootZum::handleRootDestroy() { olkSchedulerRoot_.reset(); }
 
 Dorn::RootScheduler* TaskSchedulerRootZum::dornRoot() const { return olkSchedulerRoot_.get(); }
+
+Seconds TaskSchedulerRootZum::timerExpirySeconds(Dorn::TimerTask* timer) const {
+  return olkSchedulerRoot_ ? olkSchedulerRoot_->timerExpirySeconds(timer) : Zum::endOfTime;
+}
 
 void TaskSchedulerRootZum::handleSchedulerRun() {
   schedulerRunRequested_ = false;

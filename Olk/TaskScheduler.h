@@ -283,6 +283,10 @@ class TaskSchedulerRoot : public TaskScheduler {
 
   virtual Dorn::RootScheduler* dornRoot() const = 0;
   Dorn::Scheduler* dornScheduler() const override { return dornRoot(); }
+  // The expiry of `timer`, one of this root's timer tasks, in its timer
+  // wheel's clock seconds; +infinity when the timer is not running or this
+  // root keeps no timers.
+  virtual Seconds timerExpirySeconds(Dorn::TimerTask*) const { return Zum::endOfTime; }
 
  protected:
   explicit TaskSchedulerRoot(const String& name) : TaskScheduler(name, this) {}
@@ -308,6 +312,7 @@ class TaskSchedulerRootZum : public TaskSchedulerRoot {
   // Clears schedulerRunRequested, then runs the runtime once.
   void handleSchedulerRun() override;
   Dorn::RootScheduler* dornRoot() const override;
+  Seconds timerExpirySeconds(Dorn::TimerTask* timer) const override;
 
  protected:
   explicit TaskSchedulerRootZum(const String& name) : TaskSchedulerRoot(name) {}
