@@ -351,8 +351,7 @@ Ptr<HashTable> hashTableFactory(const Ptr<Config>& config, const Ptr<Status>& st
                                 const Ptr<Zum::Clock>& clock) {
   Zum::requireNonNull(config, "HashTable", "config");
   Zum::requireNonNull(status, "HashTable", "status");
-  Ptr<Zum::Clock> driver = clock ? clock : Ptr<Zum::Clock>(Zum::activityManager()->clock());
-  return Zum::create<HashTable>(config, status, driver);
+  return Zum::create<HashTable>(config, status, Zum::clockOrLoop(clock));
 }
 
 void HashTable::checkConfig() const {

@@ -26,8 +26,7 @@ Ptr<EventClock> EventClockIs(const Ptr<Zum::Clock>& clock, Seconds pollingInterv
 }
 
 Seconds EventClock::now() const {
-  // Without a clock of its own the watchdog reads the loop's wall clock.
-  return clock_ ? clock_->notifier()->now() : Zum::activityManager()->clock()->now();
+  return Zum::clockOrLoop(clock_ ? clock_->notifier() : nullptr)->now();
 }
 
 void EventClock::deadlineIs(Seconds t) {

@@ -149,4 +149,6 @@ Ptr<ActivityManager> activityManager() {
   return loop;
 }
 
+Ptr<Clock> clockOrLoop(const Ptr<Clock>& clock) { return clock ? clock : Ptr<Clock>(activityManager()->clock()); }
+
 }  // namespace Zum
