@@ -56,11 +56,12 @@ std::optional<String> lookup(const char* env, const char* file) {
   return readIdentityFile(file);
 }
 
-// The whole text must be one non-negative number, in any C base.
+// The whole text must be one non-negative number, in any C base. Parsed as
+// 64 bits (not `long`), so 32- and 64-bit agents cut a wide number alike.
 CellId parseCellIdFile(const String& text) {
   const char* begin = text.c_str();
   char* end = nullptr;
-  long id = std::strtol(begin, &end, 0);
+  long long id = std::strtoll(begin, &end, 0);
   if (end == begin || end != begin + text.size() || id < 0) {
     throw Zum::RangeException("/etc/cellid did not contain a valid cell id");
   }
@@ -91,7 +92,7 @@ CellId Status::cellId() const {
   if (cellId_ != 0) return cellId_;
   // A 0 is stored as "not known", so it is looked up again next time.
   if (const char* env = std::getenv("CELLID")) {
-    cellIdIs(static_cast<CellId>(std::strtoul(env, nullptr, 10)));
+    cellIdIs(static_cast<CellId>(std::strtoull(env, nullptr, 10)));
   } else {
     std::optional<String> text = readIdentityFile("/etc/cellid");
     cellIdIs(text ? parseCellIdFile(*text) : defaultCellId);

@@ -6,8 +6,15 @@
 // most 1027 bytes; a longer command is cut and the rest never read). The
 // reply is written synchronously by the callback into a send buffer forced
 // to 1 MiB, so the loop never waits on a slow reader; a reply larger than
-// the buffer is cut rather than blocking the agent (see sendBufferBytes for
+// the buffer is cut rather than blocking the agent (see sndBufFallback for
 // agents that may not force the size).
+//
+// Per command the agent makes only the system calls the protocol needs: the
+// accepted socket is made non-blocking and close-on-exec by accept4 itself,
+// and a command that has already arrived when the connection is accepted
+// (clients send right after connecting, so under load it usually has) is
+// read and served at once rather than after another round of the loop; when
+// it has not, that read finds nothing and the client waits for readability.
 //
 // SIGPIPE is process-wide state; it is ignored only for the span of one
 // command and the previous action is restored afterwards, so an agent that
@@ -86,10 +93,13 @@ socklen_t abstractAddress(const String& socketName, sockaddr_un& addr) {
   return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + strlen(addr.sun_path + 1));
 }
 
-bool forceSendBuffer(int fd) {
+// Forces the send buffer; with `fallback`, a refusal for want of privilege
+// asks for the same size the ordinary way. False with errno set on failure.
+bool forceSendBuffer(int fd, bool fallback) {
   int size = AgentSocketHandlerSm::sendBufferBytes;
   if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof(size)) == 0) return true;
-  if (errno != EPERM) return false;
+  if (!fallback || errno != EPERM) return false;
+  ZUM_TRACE(tr, 7) << "SO_SNDBUFFORCE not permitted, asking SO_SNDBUF instead";
   return setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)) == 0;
 }
 
@@ -173,7 +183,7 @@ void ClientSm::handleDataFromClient() {
 
 bool ClientSm::prepareReply() {
   const int fd = clientFd_->fd();
-  if (!forceSendBuffer(fd)) {
+  if (!forceSendBuffer(fd, agentSocketHandlerSm_->sndBufFallback())) {
     const int err = errno;
     perror("setsockopt on SO_SNDBFFORCE");
     ZUM_TRACE(tr, 3) << "setsockopt failed with err= " << err;
@@ -255,7 +265,7 @@ void AgentSocketHandlerSm::handleInitialized() {
     perror("Listening on socket");
     ZUM_ASSERT(0 && "socket listen failure");
   }
-  agentsockFd_ = Zum::activityManager()->fileDescriptorNew(sock);
+  agentsockFd_ = Zum::activityManager()->fileDescriptorNew(sock, serverFdName);
   agentsockFd_->nonBlockingIs(true);
   zumAgentsockFd_.notifierIs(agentsockFd_);
   initialized_ = true;
@@ -287,18 +297,18 @@ void AgentSocketHandlerSm::handleClientConnection() {
   char addrBuf[110];
   socklen_t addrLen = sizeof(addrBuf);
   const int fd = accept4(agentsockFd_->fd(), reinterpret_cast<sockaddr*>(addrBuf), &addrLen,
-                         SOCK_CLOEXEC);
+                         SOCK_CLOEXEC | SOCK_NONBLOCK);
   if (fd < 0) {
     perror("Accepting connection on socket");
     ZUM_TRACE(tr, 3) << "Unable to accept connection from client, err= " << errno;
     return;
   }
   if (!admitted(fd)) return;
-  Ptr<Zum::FileDescriptor> clientFd = Zum::activityManager()->fileDescriptorNew(fd);
-  clientFd->nonBlockingIs(true);
+  const String name = clientFdName(fd);
+  Ptr<Zum::FileDescriptor> clientFd = Zum::activityManager()->fileDescriptorNew(fd, name);
   fdIs(clientFd);
-  ZUM_TRACE(tr, 7) << "Accepted client from: " << clientFdName(fd);
-  clientIs(clientFd, this);
+  ZUM_TRACE(tr, 7) << "Accepted client from: " << name;
+  clientIs(clientFd, this)->handleDataFromClient();
 }
 
 bool AgentSocketHandlerSm::admitted(int fd) {
@@ -341,10 +351,16 @@ void AgentSocketHandlerSm::doCloseClientConnection(const Ptr<ClientSm>& client) 
 void AgentSocketHandlerSm::dumpState(const Ptr<const DumpContext>& dumpContext, U32 level) const {
   objDumpPrintf(dumpContext, "AgentSocketHandlerSm socket: s%s initialized: %d\n", socketName_.c_str(),
                 initialized_);
+  if (agentsockFd_) {
+    objDumpPrintf(dumpContext, "  agentsockFd: %s fd: %d\n", agentsockFd_->name().c_str(),
+                  agentsockFd_->fd());
+  }
   objDumpPrintf(dumpContext,
-                "  peerCredentialCheck: %d maxClients: %u idleTimeout: %g clients: %u commands: %u\n",
-                peerCredentialCheck_, maxClients_, idleTimeout_, static_cast<unsigned>(client_.size()),
-                static_cast<unsigned>(agentSocketCallback_.size()));
+                "  peerCredentialCheck: %d sndBufFallback: %d maxClients: %u idleTimeout: %g clients: %u "
+                "commands: %u\n",
+                peerCredentialCheck_, sndBufFallback_, maxClients_, idleTimeout_,
+                static_cast<unsigned>(client_.size()), static_cast<unsigned>(agentSocketCallback_.size()));
+  for (const auto& [name, fd] : fd_) objDumpPrintf(dumpContext, "  fd: %s\n", fd->name().c_str());
   for (const auto& [name, client] : client_) objDumpPrintf(dumpContext, "  client: %s\n", name.c_str());
   if (level < dumpVerbose) return;
   for (const auto& [word, callback] : agentSocketCallback_) {
@@ -354,7 +370,7 @@ void AgentSocketHandlerSm::dumpState(const Ptr<const DumpContext>& dumpContext, 
 
 void AgentSocketHandlerSm::fdIs(const Ptr<Zum::FileDescriptor>& fd) {
   Zum::requireNonNull(fd, handlerClass, "fd");
-  const String name = clientFdName(fd->fd());
+  const String& name = fd->name();
   entryIs(fd_, name, fd, &Notifiee::onFd);
 }
 
@@ -370,7 +386,7 @@ Ptr<ClientSm> AgentSocketHandlerSm::clientIs(const Ptr<Zum::FileDescriptor>& cli
                                              AgentSocketHandlerSm* handler) {
   Zum::requireNonNull(clientFd, handlerClass, "client");
   Zum::requireNonNull(handler, handlerClass, "client");
-  const String name = clientFdName(clientFd->fd());
+  const String& name = clientFd->name();
   if (Ptr<ClientSm> existing = client_.get(name)) {
     if (existing->clientFd() != clientFd) {
       throw Zum::RangeException(Zum::format(

@@ -8,11 +8,25 @@
 // returns; an unregistered word gets "Unknown Command \n".
 //
 // Everything runs on the calling thread's activity loop; a client that never
-// sends costs one descriptor and nothing else. Abstract sockets carry no file
-// permissions, so three guards bound who may connect and how many may linger:
-// an optional peer-credential check (off by default), a cap on concurrent
-// clients (default 128) and an idle time-out (default 60 s). The defaults
-// never disturb a client that sends its one command, even one typed by hand.
+// sends costs one descriptor and nothing else. Three guards bound who may
+// connect and how many may linger: an optional peer-credential check (off by
+// default), a cap on concurrent clients (default 128) and an idle time-out
+// (default 60 s). The defaults never disturb a client that sends its one
+// command, even one typed by hand.
+//
+// What the abstract socket does not protect: it has no file, so no owner and
+// no permission bits; its name is listed in /proc/net/unix, and every process
+// in the agent's network namespace can connect to it, whatever its uid. With
+// the check off, any local user can run every command, including those that
+// write files or stop the agent. An agent turns the guard on with
+// `peerCredentialCheckIs(true)` (and admits further uids with `allowedUidIs`);
+// it then serves only its own effective uid, root and the listed uids, and
+// answers others with one line of refusal, logged as AGENT_SOCKET_PEER_REFUSED.
+// The check trusts the kernel's record of who connected (SO_PEERCRED, taken
+// at connect time), so a connected socket handed on to another process keeps
+// the credentials of the one that connected it; and it cannot tell apart
+// the processes of an admitted uid. (`SimpleAgentSocketHandler` turns the
+// check on by default.)
 #pragma once
 
 #include <sys/types.h>
@@ -140,11 +154,9 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
 
   static constexpr U32 maxCommandBytes = 1027;
   // Every client socket's send buffer is forced to this size before its
-  // command runs, so that a reply this large never blocks the loop. Forcing
-  // needs CAP_NET_ADMIN; without it the same size is asked for the ordinary
-  // way (SO_SNDBUF, capped by net.core.wmem_max) instead of failing, so that
-  // an unprivileged agent still serves commands rather than closing every
-  // connection unanswered. Its long replies may then be cut.
+  // command runs (SO_SNDBUFFORCE), so that a reply this large never blocks
+  // the loop. Forcing needs CAP_NET_ADMIN; when it is refused the command is
+  // not served (see sndBufFallback).
   static constexpr int sendBufferBytes = 1048576;
   static constexpr U32 maxClientsDefault = 128;
   static constexpr Seconds idleTimeoutDefault = 60.0;
@@ -154,17 +166,22 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   const Ptr<Zum::FileDescriptor>& agentsockFd() const { return agentsockFd_; }
   bool initialized() const { return initialized_; }
 
-  // Client descriptors by name ("clientFd:%d").
+  // The listening descriptor's entity name.
+  static constexpr const char* serverFdName = "AgentSocketHandler server";
+
+  // Client descriptors by their entity's name ("clientFd:%d").
   Ptr<Zum::FileDescriptor> fd(const String& name) const { return fd_.get(name); }
   size_t fdCount() const { return fd_.size(); }
-  // Adds `fd` under its name; a null `fd` is refused with a range error.
+  // Adds `fd` under its entity's name; a null `fd` is refused with a range
+  // error.
   void fdIs(const Ptr<Zum::FileDescriptor>& fd);
   void fdDel(const String& name);
   void fdDelAll();
 
   Ptr<ClientSm> client(const String& name) const { return client_.get(name); }
   size_t clientCount() const { return client_.size(); }
-  // The ClientSm for `clientFd`, created on first call. Asking again with
+  // The ClientSm for `clientFd`, keyed by the descriptor entity's name and
+  // created on first call. Asking again with
   // another descriptor entity or handler under the same name is refused, as
   // is a null descriptor or handler.
   Ptr<ClientSm> clientIs(const Ptr<Zum::FileDescriptor>& clientFd, AgentSocketHandlerSm* handler);
@@ -183,9 +200,21 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   void agentSocketCallbackDel(const String& commandType);
   void agentSocketCallbackDelAll();
 
-  // Admission guards. When peerCredentialCheck is on, only the agent's own
-  // uid, root and the uids in allowedUid may send commands; others get one
-  // line of refusal. Off by default.
+  // What happens when forcing a client's send buffer fails. Off (the
+  // default): the command is not run; the failure is printed, traced and
+  // logged as AGENT_SOCKET_COMMAND_ERROR and the connection closed
+  // unanswered. On, for agents that run without CAP_NET_ADMIN: when forcing
+  // is refused (EPERM) the same size is asked for the ordinary way
+  // (SO_SNDBUF, capped by net.core.wmem_max) and the command is served; a
+  // reply longer than the granted buffer is then cut. Other failures stay
+  // command errors either way.
+  bool sndBufFallback() const { return sndBufFallback_; }
+  void sndBufFallbackIs(bool on) { sndBufFallback_ = on; }
+
+  // Admission guards (see the top of this file). When peerCredentialCheck
+  // is on, only the agent's own effective uid, root and the uids in
+  // allowedUid may send commands; others get one line of refusal and their
+  // command is never read. Off by default.
   bool peerCredentialCheck() const { return peerCredentialCheck_; }
   void peerCredentialCheckIs(bool on) { peerCredentialCheck_ = on; }
   bool allowedUid(uid_t uid) const { return allowedUid_.count(uid) != 0; }
@@ -204,12 +233,15 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   const Ptr<Zum::Clock>& clock() const { return clock_; }
   void clockIs(const Ptr<Zum::Clock>& clock);
 
-  // Accepts one pending connection (on readability of the listening socket).
+  // Accepts one pending connection (on readability of the listening socket)
+  // and serves its command at once if it has already arrived; otherwise the
+  // client waits for its descriptor's readability.
   void handleClientConnection();
   // Closes the client's descriptor at once and forgets the client.
   void doCloseClientConnection(const Ptr<ClientSm>& client);
 
-  // Socket name, guards, clients and (verbose) the registered command words.
+  // Socket name, the listening descriptor, guards, client descriptors and
+  // clients by name, and (verbose) the registered command words.
   void dumpState(const Ptr<const DumpContext>& dumpContext, U32 level) const override;
 
  protected:
@@ -241,6 +273,7 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   Zum::HashMap<String, Ptr<Zum::FileDescriptor>> fd_;
   Zum::HashMap<String, Ptr<ClientSm>> client_;  // same keys as fd_ once accepted
   Zum::OrderedMap<String, Ptr<AgentSocketCallback>> agentSocketCallback_;
+  bool sndBufFallback_ = false;
   bool peerCredentialCheck_ = false;
   std::set<uid_t> allowedUid_;
   U32 maxClients_ = maxClientsDefault;

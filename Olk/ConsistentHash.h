@@ -7,13 +7,16 @@
 // members. More points per member even out the load at the cost of memory.
 // A member's points depend only on its hash, so a circle rebuilt from the same
 // members answers the same. Two members that land on one point share it; the
-// smaller hash owns it. Lookups are O(log points). Not thread-safe; a plain
-// value object, copyable.
+// smaller hash owns it. Lookups are a binary search over a flat sorted
+// array of the points, O(log points); adding or removing a member of k
+// points costs O(points + k log points). Not thread-safe; a plain value
+// object, copyable.
 #pragma once
 
 #include <map>
 #include <set>
 #include <unordered_map>
+#include <vector>
 
 #include "Olk/Types.h"
 
@@ -29,7 +32,7 @@ class ConsistentHashCircle {
   // Removes `hash` from all its points; a hash never added changes nothing.
   void delHash(U64 hash);
   // The member owning `key`. An empty circle is an assertion failure.
-  U64 getHash(U64 key) const;
+  U64 getHash(U64 key) const { return flatOwner_[ownerIndex(key)]; }
   // How many new points landed on a point that already held a member.
   U32 getPointCollisionCount() const { return pointCollisionCount_; }
 
@@ -40,9 +43,18 @@ class ConsistentHashCircle {
   static U64 nextPoint(U64 point) { return (point + 1) * 2862933555777941757ULL; }
 
  private:
+  // Brings the flat arrays in line with pointCircle at `changed` points.
+  void refreshFlat(std::vector<U64> changed);
+  // Where in the flat arrays the owner of `key` is; asserts a non-empty circle.
+  std::size_t ownerIndex(U64 key) const;
+
   std::map<U64, std::set<U64>> pointCircle;  // point -> members there; no empty sets
   std::unordered_map<U64, U64> numPoints_;     // member -> points placed
   U32 pointCollisionCount_ = 0;
+  // The circle for lookups: the points of pointCircle in ascending order and
+  // the owner (smallest member) of each.
+  std::vector<U64> flatPoint_;
+  std::vector<U64> flatOwner_;
 };
 
 }  // namespace Olk::ConsistentHash

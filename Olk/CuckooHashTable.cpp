@@ -30,14 +30,25 @@
 // (2001); Fotakis et al., "Space efficient hash tables with worst case
 // constant access time" (d-ary); Dietzfelbinger and Weidling (blocked bins).
 //
+// Layout and cost: the shadow is one flat array of item pointers (one per
+// slot), so a probe is arithmetic plus one load. A walk records its steps by
+// value in a vector kept across insertions; repeated slots are found by
+// sorting the walk's writes, O(n log n) in its length. Insertion's search
+// requests every candidate row and stored item before comparing, so their
+// cache misses overlap. Command records are recycled through a free list,
+// so once warm an insertion allocates nothing.
+//
 // Failure modes: exhaustion is not an error (the item goes pending); a broken
 // chain or a shadow that disagrees with a lookup is an assertion.
 #include "Olk/CuckooHashTable.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <new>
 #include <ostream>
-#include <unordered_set>
+#include <typeinfo>
+#include <utility>
 
 #include "platform/ActivityManager.h"
 #include "platform/Exception.h"
@@ -95,8 +106,8 @@ bool storeDescriptor(Ptr<TableDescriptor const>& slot, TableId tableId, U32 tabl
 
 // ---- Value types ----------------------------------------------------------
 
-TableId::TableId(U32 value) : value_(static_cast<U8>(value)) {
-  if (value > null) throw Zum::RangeException("TableId::value < TableId::min or > TableId::null not allowed");
+void TableId::refuse() {
+  throw Zum::RangeException("TableId::value < TableId::min or > TableId::null not allowed");
 }
 
 Ptr<TableDescriptor const> tableDescriptorFactory(TableId tableId, U32 tableSize, U32 binSize) {
@@ -160,8 +171,9 @@ std::ostream& operator<<(std::ostream& os, const Ptr<HashItem const>& item) {
 }
 
 bool IntHashItem::isEqual(const Ptr<HashItem const>& other) const {
-  auto* o = dynamic_cast<const IntHashItem*>(other.ptr());
-  return o && o->key_ == key_;
+  // The class is final, so comparing the exact type answers as a cast would,
+  // without the cast's walk of the class hierarchy on every probed slot.
+  return other && typeid(*other) == typeid(IntHashItem) && static_cast<const IntHashItem&>(*other).key_ == key_;
 }
 
 U32 IntHashItem::getHash(U8 tableId) const {
@@ -178,6 +190,56 @@ Ptr<IntHashItem> intHashItemFactory(U32 item, U32 hashIndex0, U32 hashIndex1, U3
   return Ptr<IntHashItem>(new IntHashItem(item, hashIndex0, hashIndex1, hashIndex2));
 }
 
+namespace {
+
+// Recycled CuckooItem memory: a free list of at most `cap` blocks. Like the
+// rest of the library it belongs to the event-loop thread; with atomic
+// reference counts records may be dropped on other threads, so then every
+// block goes back to the allocator. Trivially destructible, so records
+// dropped during exit still find it.
+class RecordPool {
+ public:
+  void* get() {
+    if (!head_) return ::operator new(sizeof(CuckooItem));
+    Block* block = head_;
+    head_ = block->next;
+    --blocks_;
+    return block;
+  }
+  void put(void* p) {
+    if (blocks_ == cap || atomicRefs) {
+      ::operator delete(p);
+      return;
+    }
+    head_ = new (p) Block{head_};
+    ++blocks_;
+  }
+
+ private:
+  struct Block {
+    Block* next;
+  };
+  static constexpr size_t cap = 4096;
+#if OLK_ATOMIC_REFCOUNT
+  static constexpr bool atomicRefs = true;
+#else
+  static constexpr bool atomicRefs = false;
+#endif
+  Block* head_;     // zero-initialised: a static
+  size_t blocks_;   // on the list, <= cap
+};
+
+RecordPool cuckooItemPool;
+
+}  // namespace
+
+void* CuckooItem::operator new(size_t size) {
+  ZUM_ASSERT(size == sizeof(CuckooItem));
+  return cuckooItemPool.get();
+}
+
+void CuckooItem::operator delete(void* p) { cuckooItemPool.put(p); }
+
 Ptr<CuckooItem const> cuckooItemFactory(const CuckooLocation& location, const Ptr<HashItem const>& item) {
   return Ptr<CuckooItem const>(new CuckooItem(location, item));
 }
@@ -187,9 +249,17 @@ Ptr<EvictCmd const> evictCmdFactory(const Ptr<HashItem const>& oldItem, const Pt
   return Ptr<EvictCmd const>(new EvictCmd(oldItem, newItem, location));
 }
 
+namespace {
+
+void traceEvictCmd(const String& prefix, const CuckooLocation& location, const Ptr<HashItem const>& newItem,
+                   const Ptr<HashItem const>& oldItem) {
+  ZUM_TRACE(tr, 6) << prefix << " " << location << " newItem: " << newItem << " oldItem: " << oldItem;
+}
+
+}  // namespace
+
 void traceEvictCmd(const String& prefix, const Ptr<EvictCmd const>& cmd) {
-  ZUM_TRACE(tr, 6) << prefix << " " << cmd->location() << " newItem: " << cmd->newItem()
-                   << " oldItem: " << cmd->oldItem();
+  traceEvictCmd(prefix, cmd->location(), cmd->newItem(), cmd->oldItem());
 }
 
 Ptr<EvictCmd const> EvictCmdPath::cmdLogPop() {
@@ -337,6 +407,56 @@ float Status::occupancy() const {
 
 Ptr<Status> statusFactory(const String& name) { return Zum::create<Status>(name); }
 
+// ---- The item shadow ---------------------------------------------------------
+
+void ItemShadow::tablesIs(const std::vector<Ptr<TableDescriptor const>>& descs) {
+  size_t base = 0;
+  for (const Ptr<TableDescriptor const>& desc : descs) {
+    tables_.push_back(Table{base, desc->tableSize(), desc->binSize(), ~U64(0) / desc->tableSize() + 1});
+    base += size_t(desc->tableSize()) * desc->binSize();
+  }
+  slots_.assign(base, nullptr);
+  occupied_ = 0;
+}
+
+bool ItemShadow::holds(const CuckooLocation& l) const {
+  const U8 t = l.tableId.value();
+  return t < tables_.size() && l.index < tables_[t].size && l.binId < tables_[t].bins;
+}
+
+Ptr<HashItem const> ItemShadow::get(const CuckooLocation& location) const {
+  return holds(location) ? at(slot(location)) : nullptr;
+}
+
+Ptr<HashItem const> ItemShadow::exchange(size_t slot, const Ptr<HashItem const>& item) {
+  Ptr<HashItem const> old = std::exchange(slots_[slot], item);
+  occupied_ += size_t(bool(item)) - size_t(bool(old));
+  return old;
+}
+
+ItemShadow::const_iterator::const_iterator(const ItemShadow* shadow, size_t slot)
+    : shadow_(shadow), slot_(slot), table_(0) {
+  skipEmpty();
+}
+
+void ItemShadow::const_iterator::skipEmpty() {
+  const std::vector<Ptr<HashItem const>>& slots = shadow_->slots_;
+  while (slot_ < slots.size() && !slots[slot_]) ++slot_;
+  while (table_ + 1u < shadow_->tables_.size() && slot_ >= shadow_->tables_[table_ + 1].base) ++table_;
+}
+
+ItemShadow::value_type ItemShadow::const_iterator::operator*() const {
+  const Table& t = shadow_->tables_[table_];
+  const size_t offset = slot_ - t.base;
+  return {CuckooLocation{table_, U8(offset % t.bins), U32(offset / t.bins)}, shadow_->slots_[slot_]};
+}
+
+ItemShadow::const_iterator& ItemShadow::const_iterator::operator++() {
+  ++slot_;
+  skipEmpty();
+  return *this;
+}
+
 // ---- HashTable: start ------------------------------------------------------
 
 HashTable::HashTable(const Ptr<Config>& config, const Ptr<Status>& status, const Ptr<Zum::Clock>& clock)
@@ -378,6 +498,7 @@ void HashTable::handleInitialized() {
     status()->tableStatIs(tableId)->tableDescIs(tableId, tableDesc->tableSize(), tableDesc->binSize());
     tableDescs_.push_back(tableDesc);
   }
+  itemShadow_.tablesIs(tableDescs_);
   std::srand(config()->randomSeed());
   int first = std::rand();
   ZUM_TRACE(tr, 5) << " rand() == " << first;
@@ -393,73 +514,127 @@ U32 HashTable::getTableIndexForItem(TableId tableId, const Ptr<HashItem const>& 
 }
 
 Ptr<CuckooItem const> HashTable::lookupItem(const Ptr<HashItem const>& item) const {
+  const Probe probe = lookupItem(item, false);
+  return probe.found == Probe::none ? nullptr : cuckooItemFactory(probe.foundAt, itemShadow_.at(probe.found));
+}
+
+HashTable::Probe HashTable::lookupItem(const Ptr<HashItem const>& item, bool forInsert) const {
   ZUM_ASSERT(item);
   ZUM_TRACE(tr, 8) << " item: " << item;
-  for (U8 t = 0; t < tableDescs_.size(); ++t) {
-    const U32 index = getTableIndexForItem(t, item);
-    for (U8 b = 0; b < desc(t).binSize(); ++b) {
-      const CuckooLocation location{t, b, index};
-      const Ptr<HashItem const>* stored = itemShadow_.find(location);
-      if (stored && item->isEqual(*stored)) return cuckooItemFactory(location, *stored);
+  // An insertion expects the item to be absent and so compares it with every
+  // candidate: it requests all candidate rows before reading any, and the
+  // items they hold before comparing any, so that the cache misses overlap.
+  // A search for a present item usually stops early and fetches lazily.
+  const U8 numTables = U8(tableDescs_.size());
+  U32 index[TableId::null];
+  for (U8 t = 0; t < numTables; ++t) {
+    index[t] = itemShadow_.index(t, item->getHash(t));
+    if (forInsert) __builtin_prefetch(&itemShadow_.at(itemShadow_.row(t, index[t])));
+  }
+  for (U8 t = 0; forInsert && t < numTables; ++t) {
+    const size_t row = itemShadow_.row(t, index[t]);
+    for (U8 b = 0; b < itemShadow_.bins(t); ++b) __builtin_prefetch(itemShadow_.at(row + b).ptr());
+  }
+  Probe probe;
+  for (U8 t = 0; t < numTables; ++t) {
+    const size_t row = itemShadow_.row(t, index[t]);
+    for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
+      const Ptr<HashItem const>& stored = itemShadow_.at(row + b);
+      if (!stored) {
+        if (forInsert && probe.free == Probe::none) {
+          probe.free = row + b;
+          probe.freeAt = CuckooLocation{t, b, index[t]};
+        }
+      } else if (item->isEqual(stored)) {
+        probe.found = row + b;
+        probe.foundAt = CuckooLocation{t, b, index[t]};
+        return probe;
+      }
     }
   }
-  return nullptr;
+  return probe;
 }
 
 Ptr<EvictCmd const> HashTable::setItemAtLocation(const Ptr<HashItem const>& item, const CuckooLocation& location) {
-  Ptr<HashItem const> old = itemShadow_.get(location);
-  Ptr<TableStat> stat = status()->tableStat(location.tableId);
+  ZUM_ASSERT(itemShadow_.holds(location));
+  return evictCmdFactory(setItemAtLocation(item, location, itemShadow_.slot(location)), item, location);
+}
+
+Ptr<HashItem const> HashTable::setItemAtLocation(const Ptr<HashItem const>& item, const CuckooLocation& location,
+                                                 size_t slot) {
+  Ptr<HashItem const> old = itemShadow_.exchange(slot, item);
   if (!item) {
     ZUM_TRACE(tr, 8) << " " << location << ", Delete: " << item;
-    if (itemShadow_.del(location)) stat->numOfHashItemsDec();
+    if (old) tableStat(location.tableId).numOfHashItemsDec();
+  } else if (old) {
+    ZUM_TRACE(tr, 8) << " " << location << ", Assign: " << item << ", Evict: " << old;
   } else {
-    itemShadow_.set(location, item);
-    if (old) {
-      ZUM_TRACE(tr, 8) << " " << location << ", Assign: " << item << ", Evict: " << old;
-    } else {
-      ZUM_TRACE(tr, 8) << " " << location << ", Assign: " << item;
-      stat->numOfHashItemsInc();
-    }
+    ZUM_TRACE(tr, 8) << " " << location << ", Assign: " << item;
+    tableStat(location.tableId).numOfHashItemsInc();
   }
-  return evictCmdFactory(old, item, location);
+  return old;
 }
 
 Ptr<HashItem const> HashTable::tryInsertItem(const Ptr<HashItem const>& item, const Ptr<EvictCmdPath>& path) {
+  Steps steps;
+  Ptr<HashItem const> evicted = tryInsertItem(item, steps);
+  path->cmdLogPush(evictCmdFactory(steps[0].oldItem, steps[0].newItem, steps[0].location));
+  return evicted;
+}
+
+Ptr<HashItem const> HashTable::tryInsertItem(const Ptr<HashItem const>& item, Steps& path) {
   const U8 numTables = config()->numTables();
+  U32 index[TableId::null];
   for (U8 t = 0; t < numTables; ++t) {
-    const U32 index = getTableIndexForItem(t, item);
-    for (U8 b = 0; b < desc(t).binSize(); ++b) {
-      const CuckooLocation location{t, b, index};
-      if (itemShadow_.has(location)) continue;
-      path->cmdLogPush(setItemAtLocation(item, location));
-      lastEvictedTable_ = TableId::null;
+    index[t] = itemShadow_.index(t, item->getHash(t));
+    __builtin_prefetch(&itemShadow_.at(itemShadow_.row(t, index[t])));  // the misses overlap
+  }
+  for (U8 t = 0; t < numTables; ++t) {
+    const size_t row = itemShadow_.row(t, index[t]);
+    for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
+      if (itemShadow_.at(row + b)) continue;
+      placeInFreeSlot(item, CuckooLocation{t, b, index[t]}, row + b, path);
       return nullptr;
     }
   }
   U8 victimTable = static_cast<U8>(std::rand() % numTables);
   if (victimTable == lastEvictedTable_.value()) victimTable = static_cast<U8>((victimTable + 1) % numTables);
-  const U8 binSize = desc(victimTable).binSize();
+  const U8 binSize = itemShadow_.bins(victimTable);
   const U8 bin = binSize == 1 ? 0 : static_cast<U8>(std::rand() % binSize);
-  const CuckooLocation location{victimTable, bin, getTableIndexForItem(victimTable, item)};
+  const CuckooLocation location{victimTable, bin, index[victimTable]};
   lastEvictedTable_ = victimTable;
-  Ptr<EvictCmd const> cmd = setItemAtLocation(item, location);
-  path->cmdLogPush(cmd);
-  return cmd->oldItem();
+  path.push_back(Step{location, setItemAtLocation(item, location, itemShadow_.slot(location)), item});
+  return path.back().oldItem;
+}
+
+void HashTable::placeInFreeSlot(const Ptr<HashItem const>& item, const CuckooLocation& location, size_t slot,
+                                Steps& path) {
+  path.push_back(Step{location, setItemAtLocation(item, location, slot), item});
+  lastEvictedTable_ = TableId::null;
 }
 
 bool HashTable::insert(const Ptr<HashItem const>& item, const Ptr<CuckooCmds>& cmds) {
   ZUM_TRACE(tr, 7) << " item: " << item;
-  if (lookupItem(item)) {
+  const Probe probe = lookupItem(item, true);
+  if (probe.found != Probe::none) {
     ZUM_TRACE(tr, 7) << " item already exists: " << item;
     return true;
   }
+  // The lookup has seen what the walk's first step would: with a free
+  // candidate slot the walk is that one step.
+  if (probe.free != Probe::none) {
+    walk_.clear();
+    placeInFreeSlot(item, probe.freeAt, probe.free, walk_);
+    updateCuckooCmds(walk_, cmds);
+    return true;
+  }
   for (U32 retry = 0; retry < config()->maxRetry(); ++retry) {
-    Ptr<EvictCmdPath> path = evictCmdPathFactory();
+    walk_.clear();
     Ptr<HashItem const> current = item;
     for (U32 step = 0; step < config()->maxLoop(); ++step) {
-      current = tryInsertItem(current, path);
+      current = tryInsertItem(current, walk_);
       if (!current) {
-        updateCuckooCmds(path, cmds);
+        updateCuckooCmds(walk_, cmds);
         return true;
       }
     }
@@ -467,7 +642,7 @@ bool HashTable::insert(const Ptr<HashItem const>& item, const Ptr<CuckooCmds>& c
     ZUM_TRACE(tr, 5) << "Try[" << retry << "] maxLoop reached - item: " << item << " occupancy: " << occ;
     status()->retryCountInc();
     updateFailStats(occ);
-    revertChanges(path);
+    revertChanges(walk_);
   }
   return false;
 }
@@ -491,21 +666,21 @@ bool HashTable::remove(const Ptr<HashItem const>& item, const Ptr<CuckooCmds>& c
     return false;
   }
   ZUM_TRACE(tr, 7) << " item: " << item;
-  Ptr<CuckooItem const> cuckooItem = lookupItem(item);
-  if (!cuckooItem) {
+  const Probe probe = lookupItem(item, false);
+  if (probe.found == Probe::none) {
     ZUM_TRACE(tr, 7) << " Item does not exist.";
     return false;
   }
-  ZUM_ASSERT(item->isEqual( itemShadow( cuckooItem->location() ) ));
-  setItemAtLocation(nullptr, cuckooItem->location());
-  cmds->itemSeqEnq(cuckooItemFactory(cuckooItem->location(), nullptr));
-  if (cmds == status()->cuckooCmds()) cmdPriorItems_.push_back(cuckooItem->item());
+  ZUM_ASSERT_TEXT(item->isEqual(itemShadow_.at(probe.found)), "item->isEqual( itemShadow( cuckooItem->location() ) )");
+  Ptr<HashItem const> removed = setItemAtLocation(nullptr, probe.foundAt, probe.found);
+  cmds->itemSeqEnq(cuckooItemFactory(probe.foundAt, nullptr));
+  if (cmds == status()->cuckooCmds()) cmdPriorItems_.push_back(std::move(removed));
   return true;
 }
 
 bool HashTable::deleteItem(const Ptr<HashItem const>& item) {
   const bool ok = remove(item, status()->cuckooCmds());
-  if (item) {
+  if (item && status()->pendingItemSets()) {
     for (const Ptr<HashItem const>& pending : status()->pendingItemSet()) {
       if (pending == item || item->isEqual(pending)) status()->pendingItemSetDel(pending);
     }
@@ -516,61 +691,122 @@ bool HashTable::deleteItem(const Ptr<HashItem const>& item) {
 
 // ---- HashTable: the command list -------------------------------------------
 
-void HashTable::undoSteps(const std::deque<Ptr<EvictCmd const>>& steps, size_t first, size_t last) {
-  for (size_t i = last + 1; i-- > first;) {
-    traceEvictCmd(" Deleting cycle: ", steps[i]);
-    setItemAtLocation(steps[i]->oldItem(), steps[i]->location());
+namespace {
+
+constexpr U32 notLatest = ~U32(0);
+
+}  // namespace
+
+HashTable::Steps HashTable::stepsOf(const Ptr<EvictCmdPath>& path) const {
+  Steps steps;
+  for (size_t i = 0; i < path->cmdLogs(); ++i) {
+    const Ptr<EvictCmd const>& cmd = path->cmdLog(i);
+    ZUM_ASSERT(itemShadow_.holds(cmd->location()));
+    steps.push_back(Step{cmd->location(), cmd->oldItem(), cmd->newItem(), U32(i)});
   }
+  return steps;
+}
+
+void HashTable::undoSteps(const Steps& steps, size_t first, size_t last) {
+  for (size_t i = last + 1; i-- > first;) {
+    traceEvictCmd(" Deleting cycle: ", steps[i].location, steps[i].newItem, steps[i].oldItem);
+    setItemAtLocation(steps[i].oldItem, steps[i].location, itemShadow_.slot(steps[i].location));
+  }
+}
+
+void HashTable::sortWrites(const Steps& path) {
+  writes_.clear();
+  for (size_t j = 0; j < path.size(); ++j) writes_.emplace_back(path[j].location, U32(j));
+  std::sort(writes_.begin(), writes_.end());
+}
+
+bool HashTable::findLatestLoop(const Steps& path, size_t& first, size_t& last) {
+  if (path.size() < 2) return false;
+  sortWrites(path);
+  last = 0;
+  for (size_t k = 1; k < writes_.size(); ++k) {
+    if (writes_[k].first == writes_[k - 1].first && writes_[k].second > last) {
+      first = writes_[k - 1].second;
+      last = writes_[k].second;
+    }
+  }
+  return last != 0;
 }
 
 U32 HashTable::maybeDeleteCycle(const Ptr<EvictCmdPath>& path) {
-  std::deque<Ptr<EvictCmd const>> steps;
-  for (size_t i = 0; i < path->cmdLogs(); ++i) steps.push_back(path->cmdLog(i));
-  U32 cycles = 0;
-  for (;;) {
-    // The loop to drop is the one closed by the latest revisit: no later step
-    // touches its slots, so the later steps' records stay true once it goes.
-    std::unordered_map<CuckooLocation, size_t> lastWrite;  // location -> latest step writing it
-    size_t first = 0;
-    size_t last = 0;
-    for (size_t j = 0; j < steps.size(); ++j) {
-      if (j > 0) {
-        auto prevIter = steps.begin() + std::ptrdiff_t(j) - 1;
-        auto ecIt = prevIter + 1;
-        ZUM_ASSERT(( *prevIter )->oldItem() == ( *ecIt )->newItem());
-      }
-      auto [it, fresh] = lastWrite.try_emplace(steps[j]->location(), j);
-      if (fresh) continue;
-      first = it->second;
-      last = j;
-      it->second = j;
-    }
-    if (last == 0) break;
-    // Steps first..last rotated items round a loop of slots and left the item
-    // placed at `first` homeless again, exactly as before `first`.
-    for (size_t k = first; k <= last; ++k) traceEvictCmd(" detectCycle: ", steps[k]);
-    undoSteps(steps, first, last);
-    steps.erase(steps.begin() + std::ptrdiff_t(first), steps.begin() + std::ptrdiff_t(last) + 1);
-    ++cycles;
-  }
+  Steps steps = stepsOf(path);
+  const U32 cycles = maybeDeleteCycle(steps);
+  std::vector<Ptr<EvictCmd const>> cmds;
+  for (const Step& step : steps) cmds.push_back(path->cmdLog(step.origin));
   path->cmdLogDelAll();
-  for (const Ptr<EvictCmd const>& step : steps) path->cmdLogPush(step);
+  for (const Ptr<EvictCmd const>& cmd : cmds) path->cmdLogPush(cmd);
   return cycles;
 }
 
-void HashTable::emitCmd(const Ptr<EvictCmd const>& step, const Ptr<HashItem const>& prior,
-                        const Ptr<CuckooCmds>& cmds) {
-  if (step->oldItem()) {
-    status()->tableStat(step->location().tableId)->numOfEvictsInc();
-    ZUM_TRACE(tr, 8) << " " << step->location() << " Assign: " << step->newItem() << " Evict: " << step->oldItem();
-  } else {
-    ZUM_TRACE(tr, 8) << " " << step->location() << " Assign: " << step->newItem();
+U32 HashTable::maybeDeleteCycle(Steps& path) {
+  U32 cycles = 0;
+  for (;;) {
+    for (size_t j = 1; j < path.size(); ++j) {
+      ZUM_ASSERT_TEXT(path[j - 1].oldItem == path[j].newItem, "( *prevIter )->oldItem() == ( *ecIt )->newItem()");
+    }
+    // The loop to drop is the one closed by the latest revisit: no later step
+    // touches its slots, so the later steps' records stay true once it goes.
+    size_t first = 0;
+    size_t last = 0;
+    if (!findLatestLoop(path, first, last)) break;
+    // Steps first..last rotated items round a loop of slots and left the item
+    // placed at `first` homeless again, exactly as before `first`.
+    for (size_t k = first; k <= last; ++k) {
+      traceEvictCmd(" detectCycle: ", path[k].location, path[k].newItem, path[k].oldItem);
+    }
+    undoSteps(path, first, last);
+    path.erase(path.begin() + std::ptrdiff_t(first), path.begin() + std::ptrdiff_t(last) + 1);
+    ++cycles;
   }
-  cmds->itemSeqEnq(cuckooItemFactory(step->location(), step->newItem()));
+  return cycles;
+}
+
+void HashTable::emitCmd(const Step& step, const Ptr<HashItem const>& prior, const Ptr<CuckooCmds>& cmds) {
+  if (step.oldItem) {
+    tableStat(step.location.tableId).numOfEvictsInc();
+    ZUM_TRACE(tr, 8) << " " << step.location << " Assign: " << step.newItem << " Evict: " << step.oldItem;
+  } else {
+    ZUM_TRACE(tr, 8) << " " << step.location << " Assign: " << step.newItem;
+  }
+  cmds->itemSeqEnq(cuckooItemFactory(step.location, step.newItem));
   if (cmds == status()->cuckooCmds()) cmdPriorItems_.push_back(prior);
 }
 
+void HashTable::emitSteps(const Steps& path, const Ptr<CuckooCmds>& cmds) {
+  // Without repeated slots (always so once loops are dropped) every step is
+  // the only write of its slot.
+  if (config()->hitless() || path.size() < 2) {
+    for (size_t i = path.size(); i-- > 0;) emitCmd(path[i], path[i].oldItem, cmds);
+    return;
+  }
+  // A slot written more than once held, before the walk, the oldItem of its
+  // earliest write: that is what the hardware holds when the list starts.
+  // Only its latest write is emitted.
+  sortWrites(path);
+  priorStep_.assign(path.size(), notLatest);
+  for (size_t k = 0; k < writes_.size();) {
+    size_t end = k + 1;
+    while (end < writes_.size() && writes_[end].first == writes_[k].first) ++end;
+    priorStep_[writes_[end - 1].second] = writes_[k].second;
+    k = end;
+  }
+  for (size_t i = path.size(); i-- > 0;) {
+    if (priorStep_[i] != notLatest) emitCmd(path[i], path[priorStep_[i]].oldItem, cmds);
+  }
+}
+
 void HashTable::updateCuckooCmds(const Ptr<EvictCmdPath>& path, const Ptr<CuckooCmds>& cmds) {
+  Steps steps = stepsOf(path);
+  path->cmdLogDelAll();
+  updateCuckooCmds(steps, cmds);
+}
+
+void HashTable::updateCuckooCmds(Steps& path, const Ptr<CuckooCmds>& cmds) {
   ZUM_TRACE(tr, 8) << "";
   if (config()->hitless()) {
     const U32 n = maybeDeleteCycle(path);
@@ -578,25 +814,23 @@ void HashTable::updateCuckooCmds(const Ptr<EvictCmdPath>& path, const Ptr<Cuckoo
     status()->longestCycleIs(std::max(status()->longestCycle(), n));
     status()->cycleCountIs(status()->cycleCount() + n);
   }
-  // A slot written more than once held, before the walk, the oldItem of its
-  // earliest write: that is what the hardware holds when the list starts.
-  std::unordered_map<CuckooLocation, Ptr<HashItem const>> prior;
-  for (size_t i = 0; i < path->cmdLogs(); ++i) prior.emplace(path->cmdLog(i)->location(), path->cmdLog(i)->oldItem());
-  std::unordered_set<CuckooLocation> emitted;
-  for (size_t i = path->cmdLogs(); i-- > 0;) {
-    const Ptr<EvictCmd const>& step = path->cmdLog(i);
-    if (emitted.insert(step->location()).second) emitCmd(step, prior[step->location()], cmds);
-  }
-  path->cmdLogDelAll();
+  emitSteps(path, cmds);
+  path.clear();
   if (config()->tryReduceCmdsOnInsert()) tryReduceCuckooCmds(cmds);
 }
 
 void HashTable::revertChanges(const Ptr<EvictCmdPath>& path) {
-  ZUM_TRACE(tr, 7) << "";
-  for (size_t i = path->cmdLogs(); i-- > 0;) {
-    setItemAtLocation(path->cmdLog(i)->oldItem(), path->cmdLog(i)->location());
-  }
+  Steps steps = stepsOf(path);
   path->cmdLogDelAll();
+  revertChanges(steps);
+}
+
+void HashTable::revertChanges(Steps& path) {
+  ZUM_TRACE(tr, 7) << "";
+  for (size_t i = path.size(); i-- > 0;) {
+    setItemAtLocation(path[i].oldItem, path[i].location, itemShadow_.slot(path[i].location));
+  }
+  path.clear();
 }
 
 bool HashTable::tryReduceCuckooCmds(const Ptr<CuckooCmds>&) {

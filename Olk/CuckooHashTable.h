@@ -11,15 +11,18 @@
 // during the moves. Items that cannot be placed wait in `status.pendingItemSet`
 // and are retried from a clock every `pendingItemReviewQuantum` seconds.
 // Cost: an insertion is O(maxLoop * maxRetry) slot writes at worst, O(tables *
-// bins) when a free slot exists. Random choices use the process-wide rand(),
+// bins) when a free slot exists; the shadow holds one pointer per slot of
+// every table from the start. Random choices use the process-wide rand(),
 // seeded with `randomSeed`. Event-loop thread only; no locking.
 #pragma once
 
 #include <deque>
 #include <functional>
 #include <iosfwd>
+#include <iterator>
 #include <map>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Olk/DumpContext.h"
@@ -39,12 +42,16 @@ class TableId {
   static constexpr U8 null = 9;
 
   // Throws RangeException for a value above `null`.
-  TableId(U32 value = null);
+  TableId(U32 value = null) : value_(static_cast<U8>(value)) {
+    if (value > null) refuse();
+  }
   U8 value() const { return value_; }
   bool operator==(const TableId& o) const { return value_ == o.value_; }
   bool operator<(const TableId& o) const { return value_ < o.value_; }
 
  private:
+  [[noreturn]] static void refuse();
+
   U8 value_;
 };
 
@@ -130,7 +137,7 @@ std::ostream& operator<<(std::ostream& os, const Ptr<HashItem const>& item);
 
 // An item with a 32-bit key and precomputed hashes. Tables 2 to 8 all use
 // `hashIndex2`, on purpose: three hashes are all a test needs.
-class IntHashItem : public HashItem {
+class IntHashItem final : public HashItem {
  public:
   U32 key() const { return key_; }
   U32 hashIndex0() const { return hashIndex0_; }
@@ -164,6 +171,10 @@ class CuckooItem : public Zum::PtrInterface {
  private:
   friend Ptr<CuckooItem const> cuckooItemFactory(const CuckooLocation&, const Ptr<HashItem const>&);
   CuckooItem(const CuckooLocation& l, const Ptr<HashItem const>& i) : location_(l), item_(i) {}
+  // A record is made for every write and dropped when the agent
+  // acknowledges it; its memory is recycled rather than returned.
+  static void* operator new(size_t size);
+  static void operator delete(void* p);
 
   CuckooLocation location_;
   Ptr<HashItem const> item_;
@@ -456,6 +467,83 @@ class Status : public Zum::Entity, public Zum::Notifier {
 
 Ptr<Status> statusFactory(const String& name);
 
+// The item shadow: one entry per slot of every table in one flat array,
+// table after table, index after index, bin after bin, so that a slot is
+// found by arithmetic, never by a search. It costs one pointer per slot,
+// allocated when the table starts. Iteration visits the occupied slots in
+// that order as (location, item) pairs.
+class ItemShadow {
+ public:
+  using value_type = std::pair<CuckooLocation, Ptr<HashItem const>>;
+
+  class const_iterator {
+   public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = ItemShadow::value_type;
+    using difference_type = std::ptrdiff_t;
+    using pointer = void;
+    using reference = value_type;
+
+    value_type operator*() const;
+    const_iterator& operator++();
+    bool operator==(const const_iterator& o) const { return slot_ == o.slot_; }
+    bool operator!=(const const_iterator& o) const { return slot_ != o.slot_; }
+
+   private:
+    friend class ItemShadow;
+    const_iterator(const ItemShadow* shadow, size_t slot);
+    void skipEmpty();
+
+    const ItemShadow* shadow_;
+    size_t slot_;  // an occupied slot, or the slot count at the end
+    U8 table_;     // the table holding slot_
+  };
+
+  const_iterator begin() const { return const_iterator(this, 0); }
+  const_iterator end() const { return const_iterator(this, slots_.size()); }
+  // Occupied slots.
+  size_t size() const { return occupied_; }
+  // True for a location inside the tables.
+  bool holds(const CuckooLocation& location) const;
+  // The item at `location`; null for an empty slot or a location outside the tables.
+  Ptr<HashItem const> get(const CuckooLocation& location) const;
+
+ private:
+  friend class HashTable;
+  struct Table {
+    size_t base;  // slot of (index 0, bin 0)
+    U32 size;
+    U8 bins;
+    U64 modMagic;  // 2^64 / size rounded up (0 for size 1), for index()
+  };
+
+  // Lays out empty tables of the given shapes; called once, at start.
+  void tablesIs(const std::vector<Ptr<TableDescriptor const>>& descs);
+  U8 bins(U8 table) const { return tables_[table].bins; }
+  // The index of a hash in `table`: hash % size.
+  U32 index(U8 table, U32 hash) const {
+#if defined(__SIZEOF_INT128__)
+    // By two multiplications instead of a division (Lemire, Kaser and Kurz,
+    // "Faster remainder by direct computation", 2019); exact for every
+    // 32-bit hash and size.
+    const Table& t = tables_[table];
+    return U32((unsigned __int128)(t.modMagic * hash) * t.size >> 64);
+#else
+    return hash % tables_[table].size;
+#endif
+  }
+  // The first slot of `index` in `table`; its bins follow.
+  size_t row(U8 table, U32 index) const { return tables_[table].base + size_t(index) * tables_[table].bins; }
+  size_t slot(const CuckooLocation& l) const { return row(l.tableId.value(), l.index) + l.binId; }
+  const Ptr<HashItem const>& at(size_t slot) const { return slots_[slot]; }
+  // Stores `item` (null empties the slot) and answers what was there.
+  Ptr<HashItem const> exchange(size_t slot, const Ptr<HashItem const>& item);
+
+  std::vector<Table> tables_;
+  std::vector<Ptr<HashItem const>> slots_;  // null: empty
+  size_t occupied_ = 0;                     // non-null entries of slots_
+};
+
 class HashTable : public Zum::Entity {
  public:
   const Ptr<Config>& config() const { return config_; }
@@ -468,7 +556,7 @@ class HashTable : public Zum::Entity {
   Seconds lastSyslogTime() const { return lastSyslogTime_; }
   // The item stored at `location`, null for an empty slot.
   Ptr<HashItem const> itemShadow(const CuckooLocation& location) const { return itemShadow_.get(location); }
-  const Zum::HashMap<CuckooLocation, Ptr<HashItem const>>& itemShadow() const { return itemShadow_; }
+  const ItemShadow& itemShadow() const { return itemShadow_; }
 
   // Inserts and queues the writes on status.cuckooCmds. An item that cannot be
   // placed is kept pending and reviewed later; an item already present (by
@@ -487,7 +575,8 @@ class HashTable : public Zum::Entity {
   Ptr<CuckooItem const> lookupItem(const Ptr<HashItem const>& item) const;
   U32 getTableIndexForItem(TableId tableId, const Ptr<HashItem const>& item) const;
 
-  // Shadow write with item counts kept; returns what it replaced.
+  // Shadow write with item counts kept; returns what it replaced. The
+  // location must lie inside the tables.
   Ptr<EvictCmd const> setItemAtLocation(const Ptr<HashItem const>& item, const CuckooLocation& location);
   // One walk step: places `item` in the first free candidate slot (null
   // returned) or evicts a random victim and returns it.
@@ -560,14 +649,59 @@ class HashTable : public Zum::Entity {
     HashTable* table_;  // owns this reactor
   };
 
+  // One step of a walk: what EvictCmd records, kept by value so that a walk
+  // allocates nothing once its vector has grown.
+  struct Step {
+    CuckooLocation location;
+    Ptr<HashItem const> oldItem;
+    Ptr<HashItem const> newItem;
+    U32 origin = 0;  // index in the EvictCmdPath it came from, if any
+  };
+  using Steps = std::vector<Step>;
+  // A slot a walk wrote and the number of the step that wrote it.
+  using SlotWrite = std::pair<CuckooLocation, U32>;
+
   const TableDescriptor& desc(TableId tableId) const { return *tableDescs_[tableId.value()]; }
+  TableStat& tableStat(TableId tableId) const { return **status()->tableStat().find(tableId); }
   void checkConfig() const;
   void scheduleReviewIfPending();
   void logPendingState();
+  // What the search of lookupItem(item) saw: the slot holding an equal item,
+  // or else, searching for an insertion, the first free candidate slot in
+  // (table, bin) order, where the walk's first step would place the item.
+  struct Probe {
+    static constexpr size_t none = ~size_t(0);
+    size_t found = none;
+    CuckooLocation foundAt;
+    size_t free = none;
+    CuckooLocation freeAt;
+  };
+  Probe lookupItem(const Ptr<HashItem const>& item, bool forInsert) const;
+  // The write of setItemAtLocation(item, location) on slot `slot` of the
+  // shadow; answers what the slot held.
+  Ptr<HashItem const> setItemAtLocation(const Ptr<HashItem const>& item, const CuckooLocation& location, size_t slot);
+  // tryInsertItem on a path of steps.
+  Ptr<HashItem const> tryInsertItem(const Ptr<HashItem const>& item, Steps& path);
+  // The walk step that ends in a free slot.
+  void placeInFreeSlot(const Ptr<HashItem const>& item, const CuckooLocation& location, size_t slot, Steps& path);
+  // The same operations on a path of steps; each empties `path` as the
+  // public one empties its EvictCmdPath, except maybeDeleteCycle, which
+  // leaves the steps that remain.
+  void updateCuckooCmds(Steps& path, const Ptr<CuckooCmds>& cmds);
+  U32 maybeDeleteCycle(Steps& path);
+  void revertChanges(Steps& path);
+  // The latest write of a slot written earlier in `path`, as maybeDeleteCycle
+  // defines it: false when no slot is written twice.
+  bool findLatestLoop(const Steps& path, size_t& first, size_t& last);
+  // The steps of a caller's path, each in `origin` numbered by its place.
+  Steps stepsOf(const Ptr<EvictCmdPath>& path) const;
+  // Fills writes_ with the writes of `path` grouped by slot, earliest first.
+  void sortWrites(const Steps& path);
   // Undo the steps [first, last] of `steps` on the shadow, latest first.
-  void undoSteps(const std::deque<Ptr<EvictCmd const>>& steps, size_t first, size_t last);
-  void emitCmd(const Ptr<EvictCmd const>& step, const Ptr<HashItem const>& prior,
-               const Ptr<CuckooCmds>& cmds);
+  void undoSteps(const Steps& steps, size_t first, size_t last);
+  // Appends the list for `path`: each slot once, latest value, latest step first.
+  void emitSteps(const Steps& path, const Ptr<CuckooCmds>& cmds);
+  void emitCmd(const Step& step, const Ptr<HashItem const>& prior, const Ptr<CuckooCmds>& cmds);
 
   Ptr<Config> config_;
   Ptr<Status> status_;
@@ -575,10 +709,16 @@ class HashTable : public Zum::Entity {
   ConfigReactor configReactor_;
   ReviewReactor reviewReactor_;
   std::vector<Ptr<TableDescriptor const>> tableDescs_;  // by table number, read at start
-  Zum::HashMap<CuckooLocation, Ptr<HashItem const>> itemShadow_;  // occupied slots only
+  ItemShadow itemShadow_;
+  // Scratch space of insert(), kept to spare the allocations: the walk of
+  // the attempt in progress, its writes sorted by slot, and per step the
+  // step whose oldItem its slot held before the walk.
+  Steps walk_;
+  std::vector<SlotWrite> writes_;
+  std::vector<U32> priorStep_;
   // What each write of status.cuckooCmds overwrote, index for index; lets the
   // self-check rebuild the hardware state the list starts from.
-  std::deque<Ptr<HashItem const>> cmdPriorItems_;
+  std::vector<Ptr<HashItem const>> cmdPriorItems_;
   TableId lastEvictedTable_;  // table of the last eviction; null after a free-slot placement
   Seconds pendingItemBeginTime_ = 0.0;  // when items last began to wait; traced only
   Seconds lastSyslogTime_ = 0.0;        // time of the last pending-items message

@@ -171,6 +171,75 @@ void rivlogDump(const Ptr<const DumpContext>& dumpCtx) {
   Rivlog::dump(sink);
 }
 
+namespace {
+
+bool isPlainFileName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+         name.find('\0') == std::string::npos;
+}
+
+// Whether an existing entry may be overwritten: our own regular file, with no
+// other name elsewhere that truncating would reach too.
+bool isOwnDumpFile(const struct stat& st) {
+  return S_ISREG(st.st_mode) && st.st_uid == geteuid() && st.st_nlink == 1;
+}
+
+// Opens the existing `name` in `dirFd` for rewriting, after checking what it
+// is without following it or opening it (opening a device or a FIFO can have
+// effects of its own), and again on the opened descriptor, in case the entry
+// was swapped in between. -1 with errno set on refusal.
+int reopenOwnDumpFile(int dirFd, const char* name) {
+  struct stat st;
+  if (fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return -1;
+  if (S_ISLNK(st.st_mode)) {
+    errno = ELOOP;
+    return -1;
+  }
+  if (!isOwnDumpFile(st)) {
+    errno = EPERM;
+    return -1;
+  }
+  // O_NONBLOCK only matters if a FIFO was swapped in; on a file it is inert.
+  const int fd = openat(dirFd, name, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return -1;
+  int err = 0;
+  if (fstat(fd, &st) != 0) {
+    err = errno;
+  } else if (!isOwnDumpFile(st)) {
+    err = EPERM;
+  } else if (ftruncate(fd, 0) != 0) {
+    err = errno;
+  }
+  if (err == 0) return fd;
+  close(fd);
+  errno = err;
+  return -1;
+}
+
+}  // namespace
+
+gzFile openCompressedDumpFileInDir(const std::string& dir, const std::string& name) {
+  if (!isPlainFileName(name)) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  const int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (dirFd < 0) return nullptr;
+  // O_EXCL never follows a symbolic link: a planted one makes this fail with
+  // EEXIST, and the checks on the existing entry refuse it.
+  int fd = openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0 && errno == EEXIST) fd = reopenOwnDumpFile(dirFd, name.c_str());
+  const int err = errno;
+  close(dirFd);
+  if (fd < 0) {
+    errno = err;
+    return nullptr;
+  }
+  gzFile gz = gzdopen(fd, "wb9h");
+  if (!gz) close(fd);
+  return gz;
+}
+
 const char* objDumpSanitizeTypeName(const char* name) {
   const char* colon = std::strrchr(name, ':');
   return colon ? colon + 1 : name;

@@ -17,6 +17,7 @@
 
 #include <map>
 #include <memory>
+#include <string>
 
 #include "Olk/Types.h"
 #include "platform/Ptr.h"
@@ -146,6 +147,21 @@ int openDumpFile(const char* path, bool* append);
 // appended file gets a further gzip member. Null on failure.
 gzFile openCompressedDumpFile(const char* path);
 void closeCompressedDumpFile(gzFile gz);
+
+// Opens a fresh gzip dump (level 9, Huffman only) named `name` inside the
+// directory `dir`, for dumps whose file name comes from an operator: nothing
+// outside `dir` can be reached and nothing but the process's own dump files
+// can be overwritten.
+// - `name` must be a plain file name: not empty, no '/', no NUL, not "." or
+//   ".."; else null with errno EINVAL.
+// - `dir` itself must not be a symbolic link (errno ELOOP or ENOTDIR).
+// - The file is created with mode 0644 if it does not exist. An existing
+//   entry is truncated only if it is a regular file with a single link owned
+//   by the process's effective uid; a symbolic link gives null with errno
+//   ELOOP, anything else null with errno EPERM. Refused entries are never
+//   opened, followed or changed.
+// Prints nothing: the caller turns errno into its own reply.
+gzFile openCompressedDumpFileInDir(const std::string& dir, const std::string& name);
 
 // The type name without namespace qualifiers: the text after the last colon.
 const char* objDumpSanitizeTypeName(const char* name);

@@ -413,6 +413,10 @@ Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock, U32 tickMs
                                  defaultBucketSize);
 }
 
+Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock) {
+  return timerWheelFactory(systemClock, 10, 8640000, true, 1024);
+}
+
 const Ptr<Zum::Clock>& TimerWheel::systemClock() const { return reactor_->notifier(); }
 
 void TimerWheel::systemClockIs(const Ptr<Zum::Clock>& clock) { reactor_->notifierIs(clock); }

@@ -169,5 +169,8 @@ class TimerWheel : public Zum::Entity {
 
 Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock, U32 tickMsecs,
                                   U32 initialMaxTicks, bool preserveOrder, U32 defaultBucketSize);
+// A wheel as the task runtime builds its own: 10 ms ticks, a horizon of
+// 8640000 ticks (one day), filing order kept, buckets of 1024 slots.
+Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock);
 
 }  // namespace Olk

@@ -1,11 +1,17 @@
 // Design note.
 //
-// The buckets are a vector sorted by bucket number rather than a node-based
-// map: a set holds at most 256 buckets, so inserting into the vector costs at
-// most a short memmove, while lookups become a binary search over contiguous
-// memory and the algebra a straight merge walk that writes its result into a
-// fresh vector once. That keeps unions and intersections of dense 16k sets in
-// the same league as a flat bitset while sparse sets stay small.
+// A set takes one of two forms. The sparse form is a vector of (bucket
+// number, word) pairs sorted by bucket number: a set holds at most 256
+// buckets, so inserting into the vector costs at most a short memmove,
+// lookups are a binary search over contiguous memory and the algebra a
+// straight merge walk. The dense form is a flat array of one word per bucket
+// number, where membership, `nextId` and iteration index the word directly
+// and the algebra is one pass over two arrays, as in a plain bitset. A pair
+// costs twice a word, so the sparse form is the smaller one up to half the
+// buckets; the set turns dense above that and sparse again below a quarter
+// (the gap keeps a set at the border from converting back and forth). Both
+// forms store the same words, so everything observable (text, order,
+// algebra, hash) is the same whichever form a set is in.
 //
 // Checks on caller input print a "Failed(<expr>) <message>" line to standard
 // error first, so the log shows the offending value, and then abort through
@@ -20,9 +26,10 @@
 #include "platform/Exception.h"
 
 // Prints the failure line for `cond` with `message` and aborts.
-#define OLK_IDSET_CHECK(cond, message)                                   \
-  do {                                                                   \
-    if (!(cond)) failCheck(#cond, "!\"" #cond "\"", (message), __LINE__, __func__); \
+#define OLK_IDSET_FAIL(cond, message) failCheck(#cond, "!\"" #cond "\"", (message), __LINE__, __func__)
+#define OLK_IDSET_CHECK(cond, message)      \
+  do {                                      \
+    if (!(cond)) OLK_IDSET_FAIL(cond, message); \
   } while (0)
 
 namespace Olk {
@@ -119,22 +126,39 @@ void IdSet::idSetAll() {
 
 U32 IdSet::ids() const {
   U32 n = 0;
-  for (const Bucket& b : bucket_) n += static_cast<U32>(std::popcount(b.word));
+  forEachBucket([&n](U32, U64 word) { n += static_cast<U32>(std::popcount(word)); });
   return n;
 }
 
+template <class F>
+void IdSet::forEachBucket(F f) const {
+  if (!dense_) {
+    for (const Bucket& b : bucket_) f(U32{b.id.value()}, b.word);
+    return;
+  }
+  for (U32 w = 0; w < word_.size(); ++w) {
+    if (word_[w]) f(w, word_[w]);
+  }
+}
+
 Id IdSet::firstId() const {
+  if (dense_) return denseIdFromWord(0, nullptr);
   return bucket_.empty() ? Id::null() : idOf(bucket_.front().id.value(), bucket_.front().word);
 }
 
-Id IdSet::nextId(Id bitPos) const {
-  OLK_IDSET_CHECK(bitPos.value() < size() || bitPos.value() == Id::null(),
-                  "current bit can't be greater than bitmap limit");
-  if (bitPos == Id::null()) return firstId();
-  return idAtOrAbove(Id(static_cast<U16>(bitPos.value() + 1)));
+void IdSet::failNextIdBeyondLimit() const {
+  OLK_IDSET_FAIL(bitPos.value() < size() || bitPos.value() == Id::null(),
+                 "current bit can't be greater than bitmap limit");
 }
 
-Id IdSet::idAtOrAbove(Id from, std::size_t* hint) const {
+Id IdSet::denseIdFromWord(U32 w, IdCursor* cursor) const {
+  for (; w < word_.size(); ++w) {
+    if (word_[w]) return denseIdAt(w, word_[w], cursor);
+  }
+  return Id::null();
+}
+
+Id IdSet::sparseIdAtOrAbove(Id from, std::size_t* hint) const {
   U32 start = from.value();
   if ((start >> 6) > 0xff) return Id::null();
   BucketId want(static_cast<U8>(start >> 6));
@@ -170,11 +194,20 @@ std::size_t IdSet::bucketIndexAtOrAbove(BucketId b, std::size_t hint) const {
 }
 
 U64 IdSet::bucketValue(BucketId b) const {
+  if (dense_) return b.value() < word_.size() ? word_[b.value()] : 0;
   auto it = bucketAtOrAbove(b);
   return it != bucket_.end() && it->id == b ? it->word : 0;
 }
 
 void IdSet::updateBucket(BucketId b, U64 word) {
+  if (dense_) {
+    ZUM_ASSERT(b.value() < word_.size());
+    U64& slot = word_[b.value()];
+    nonZeroWords_ = nonZeroWords_ - (slot != 0) + (word != 0);
+    slot = word;
+    fitForm();
+    return;
+  }
   auto it = bucket_.begin() + (bucketAtOrAbove(b) - bucket_.cbegin());
   bool present = it != bucket_.end() && it->id == b;
   if (word == 0) {
@@ -184,11 +217,79 @@ void IdSet::updateBucket(BucketId b, U64 word) {
   } else {
     bucket_.insert(it, Bucket{b, word});
   }
+  fitForm();
 }
+
+void IdSet::fitForm() {
+  const U32 used = buckets();
+  if (dense_ ? 4 * used < denseWords() : 2 * used > denseWords()) {
+    dense_ ? toSparse() : toDense();
+  }
+}
+
+void IdSet::toDense() {
+  std::vector<U64> words(denseWords(), 0);
+  for (const Bucket& b : bucket_) words[b.id.value()] = b.word;
+  nonZeroWords_ = static_cast<U32>(bucket_.size());
+  word_.swap(words);
+  Buckets().swap(bucket_);
+  dense_ = true;
+}
+
+void IdSet::toSparse() {
+  Buckets buckets;
+  buckets.reserve(nonZeroWords_);
+  forEachBucket([&buckets](U32 b, U64 word) { buckets.push_back(Bucket{BucketId(static_cast<U8>(b)), word}); });
+  bucket_.swap(buckets);
+  std::vector<U64>().swap(word_);
+  nonZeroWords_ = 0;
+  dense_ = false;
+}
+
+namespace {
+
+// mine[w] = op(mine[w], theirs[w]) for every word; answers how many are
+// non-zero. Four words a step, so that the compiler pairs them into vector
+// instructions.
+template <class Op>
+U32 combineWords(U64* mine, const U64* theirs, std::size_t words, Op op) {
+  U32 nonZero = 0;
+  std::size_t w = 0;
+  for (; w + 4 <= words; w += 4) {
+    const U64 a = op(mine[w], theirs[w]), b = op(mine[w + 1], theirs[w + 1]);
+    const U64 c = op(mine[w + 2], theirs[w + 2]), d = op(mine[w + 3], theirs[w + 3]);
+    mine[w] = a;
+    mine[w + 1] = b;
+    mine[w + 2] = c;
+    mine[w + 3] = d;
+    nonZero += (a != 0) + (b != 0) + (c != 0) + (d != 0);
+  }
+  for (; w < words; ++w) {
+    mine[w] = op(mine[w], theirs[w]);
+    nonZero += mine[w] != 0;
+  }
+  return nonZero;
+}
+
+}  // namespace
 
 template <class Op>
 IdSet& IdSet::combine(const IdSet& other, Op op) {
   ZUM_ASSERT(size() == other.size());
+  if (dense_ || other.dense_) {
+    // Word by word; a sparse operand is spread into a scratch array first.
+    if (!dense_) toDense();
+    U64 scratch[256];
+    const U64* theirs = other.word_.data();
+    if (!other.dense_) {
+      std::fill_n(scratch, word_.size(), 0);
+      for (const Bucket& b : other.bucket_) scratch[b.id.value()] = b.word;
+      theirs = scratch;
+    }
+    nonZeroWords_ = combineWords(word_.data(), theirs, word_.size(), op);
+    fitForm();
+    return *this;
+  }
   Buckets out;
   out.reserve(bucket_.size() + other.bucket_.size());
   auto a = bucket_.cbegin(), aEnd = bucket_.cend();
@@ -210,6 +311,7 @@ IdSet& IdSet::combine(const IdSet& other, Op op) {
     if (U64 word = op(mine, theirs)) out.push_back(Bucket{id, word});
   }
   bucket_.swap(out);
+  fitForm();
   return *this;
 }
 
@@ -240,8 +342,13 @@ IdSet IdSet::operator~() const {
 
 bool IdSet::operator==(const IdSet& other) const {
   ZUM_ASSERT(size() == other.size());
-  return std::equal(bucket_.begin(), bucket_.end(), other.bucket_.begin(), other.bucket_.end(),
-                    [](const Bucket& x, const Bucket& y) { return x.id == y.id && x.word == y.word; });
+  if (buckets() != other.buckets()) return false;
+  if (dense_ && other.dense_) return word_ == other.word_;
+  // Same number of non-zero buckets, so every one of ours matching theirs
+  // leaves none of theirs unmatched.
+  bool same = true;
+  forEachBucket([&](U32 b, U64 word) { same = same && other.bucketValue(BucketId(static_cast<U8>(b))) == word; });
+  return same;
 }
 
 bool IdSet::operator!() const { return *this == IdSet(0, Id::null()); }
@@ -250,11 +357,11 @@ U64 IdSet::hash() const {
   // FNV-1a over (bucket number, word) pairs, with the word folded in whole
   // and then mixed, so sets differing in one bit differ in many hash bits.
   U64 h = 0xcbf29ce484222325ull;
-  for (const Bucket& b : bucket_) {
-    h = (h ^ b.id.value()) * 0x100000001b3ull;
-    h = (h ^ b.word) * 0x100000001b3ull;
+  forEachBucket([&h](U32 b, U64 word) {
+    h = (h ^ b) * 0x100000001b3ull;
+    h = (h ^ word) * 0x100000001b3ull;
     h ^= h >> 29;
-  }
+  });
   return h;
 }
 

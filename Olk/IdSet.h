@@ -2,18 +2,22 @@
 // instances) below a fixed limit, with set algebra, ordered iteration and a
 // compact text form of runs such as (1-3,5,9-10).
 //
-// Id n lives in 64-bit bucket n >> 6 at bit n & 63; only non-zero buckets are
-// stored, in bucket order, so an empty set holds none. Bucket numbers are 8
+// Id n lives in 64-bit bucket n >> 6 at bit n & 63. Bucket numbers are 8
 // bits wide: ids of 16384 and above alias lower ids (sets are meant for sizes
 // up to 16384). The complement is not masked to `size`, `operator!` aborts
 // for any size but 0, and combining sets of different sizes is a broken
 // invariant; all three are kept as they are on purpose.
-// Cost: membership and single-id updates O(log b) for b stored buckets;
-// algebra one merge walk, O(b1 + b2); `nextId` O(log b), while an iterator
-// remembers its bucket and steps in O(1) amortised.
+// A set keeps whichever of two forms is smaller: sparse, only its non-zero
+// buckets in bucket order; or dense, one word per bucket number. It turns
+// dense when more than half the buckets are used and sparse again below a
+// quarter, so a set near the border does not flip on every update.
+// Cost: dense sets answer membership, updates and `nextId` in O(1) and do the
+// algebra word by word; sparse sets O(log b) for b stored buckets and a merge
+// walk, O(b1 + b2). An iterator steps in O(1) amortised in either form.
 // A plain value: copy it freely; not shared between threads.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <iosfwd>
 #include <iterator>
@@ -64,6 +68,16 @@ class BucketId {
 
 class IdSet;
 
+// Where a walk stands in its set, so that the next step need not search
+// again. Every field is only a hint, checked before use: the set may change
+// between steps.
+struct IdCursor {
+  std::size_t bucket = 0;  // sparse form: index where the current id's bucket was last seen
+  U32 word = 0;            // dense form: the word holding `at`
+  U64 above = 0;           // dense form: the bit positions above `at` in that word
+  Id at;                   // the id the dense fields describe; null for none
+};
+
 // Walks the ids of a set in ascending order. Each step asks the set afresh
 // for the next id above the current one, so ids may be added or removed
 // through a non-const iterator's set while walking. The set must outlive the
@@ -71,7 +85,7 @@ class IdSet;
 template <class SetT>
 class BasicIdIterator {
  public:
-  BasicIdIterator(SetT* set, Id from) : set_(set), curId_(set->idAtOrAbove(from, &hint_)) {}
+  BasicIdIterator(SetT* set, Id from) : set_(set), curId_(set->idAtOrAbove(from, &cursor_)) {}
 
   Id key() const;
   void next();
@@ -88,8 +102,8 @@ class BasicIdIterator {
 
  private:
   SetT* set_;
-  std::size_t hint_ = 0;  // where curId_'s bucket was last seen; checked before use
-  Id curId_;              // Id::null() once the walk is over
+  IdCursor cursor_;  // where curId_ was found
+  Id curId_;         // Id::null() once the walk is over
 };
 
 using IdIterator = BasicIdIterator<IdSet>;
@@ -123,7 +137,7 @@ class IdSet {
   // The number of ids (every bit of every bucket, including any bits a
   // complement left above `size`).
   U32 ids() const;
-  bool empty() const { return bucket_.empty(); }
+  bool empty() const { return buckets() == 0; }
 
   // The lowest id, or Id::null() when empty.
   Id firstId() const;
@@ -141,8 +155,8 @@ class IdSet {
 
   // The word of bucket `b`, 0 when the bucket is not stored.
   U64 bucketValue(BucketId b) const;
-  // The number of stored (non-zero) buckets.
-  U32 buckets() const { return static_cast<U32>(bucket_.size()); }
+  // The number of non-zero buckets.
+  U32 buckets() const { return dense_ ? nonZeroWords_ : static_cast<U32>(bucket_.size()); }
 
   // Set algebra; both operands must have the same size. The new-value forms
   // keep the left operand's size and initial id.
@@ -184,26 +198,84 @@ class IdSet {
   void handleInitialized();
   // Fails the check "bitPos.value() < size()" for an id at or above the limit.
   void checkBelowSize(Id bitPos) const;
-  // Stores a non-zero word, removes the bucket for a zero word.
+  // Fails nextId's check; only called once the argument is known bad.
+  [[noreturn]] void failNextIdBeyondLimit() const;
+  // Words of the dense form: one per bucket number in use, at most 256.
+  U32 denseWords() const { return maxBuckets() < 256 ? maxBuckets() : 256; }
+  // Stores a word (0 removes the bucket) and then fits the form.
   void updateBucket(BucketId b, U64 word);
+  // Switches form when the other one would now be smaller (with hysteresis).
+  void fitForm();
+  void toDense();
+  void toSparse();
+  // Calls f(bucket number, word) for every non-zero bucket in bucket order.
+  template <class F>
+  void forEachBucket(F f) const;
   Buckets::const_iterator bucketAtOrAbove(BucketId b) const;
   // The index of the first bucket numbered b or more, trying `hint` first.
   std::size_t bucketIndexAtOrAbove(BucketId b, std::size_t hint) const;
   // The lowest id at or above `from`, with no limit check; null when none.
-  // `hint`, when given, is the index where from's bucket may be, tried before
-  // searching, and is left at the index of the answer's bucket.
-  Id idAtOrAbove(Id from, std::size_t* hint = nullptr) const;
+  // `cursor`, when given, is tried before searching and is left describing
+  // the answer.
+  Id idAtOrAbove(Id from, IdCursor* cursor = nullptr) const;
+  // The lowest id above `cur`, which `cursor` came from; null when none.
+  // A dense walk steps from the cursor's word without recomputing where it is.
+  Id idAfter(Id cur, IdCursor* cursor) const;
+  // As idAtOrAbove in the sparse form; `hint` as IdCursor::bucket.
+  Id sparseIdAtOrAbove(Id from, std::size_t* hint) const;
+  // The lowest id in dense words `w` and above; null when none.
+  Id denseIdFromWord(U32 w, IdCursor* cursor) const;
+  // The id of the lowest bit of `rest`, a non-zero part of dense word `w`.
+  static Id denseIdAt(U32 w, U64 rest, IdCursor* cursor);
   // Replaces the buckets by op(mine, theirs) over the union of bucket numbers.
   template <class Op>
   IdSet& combine(const IdSet& other, Op op);
 
   U16 size_;
   Id initialId_;
-  Buckets bucket_;  // ordered by bucket number, no two with the same number
+  bool dense_ = false;    // which of the two forms below holds the ids
+  U32 nonZeroWords_ = 0;  // dense form: the non-zero entries of word_
+  Buckets bucket_;        // sparse form: ordered by bucket number, unique; empty while dense
+  std::vector<U64> word_; // dense form: denseWords() words by bucket number; empty while sparse
 
   template <class SetT>
   friend class BasicIdIterator;
 };
+
+inline Id IdSet::denseIdAt(U32 w, U64 rest, IdCursor* cursor) {
+  const Id id(static_cast<U16>(w * 64 + static_cast<U32>(std::countr_zero(rest))));
+  if (cursor) {
+    cursor->word = w;
+    cursor->above = ~(rest ^ (rest - 1));  // clears the lowest set bit and all below it
+    cursor->at = id;
+  }
+  return id;
+}
+
+inline Id IdSet::idAtOrAbove(Id from, IdCursor* cursor) const {
+  if (!dense_) return sparseIdAtOrAbove(from, cursor ? &cursor->bucket : nullptr);
+  const U32 start = from.value();
+  const U32 w = start >> 6;
+  if (w >= word_.size()) return Id::null();
+  if (U64 rest = word_[w] & (~U64{0} << (start & 63))) return denseIdAt(w, rest, cursor);
+  return denseIdFromWord(w + 1, cursor);
+}
+
+inline Id IdSet::idAfter(Id cur, IdCursor* cursor) const {
+  // The word is re-read at every step, so ids added or removed since the
+  // last step are seen; only the position within it is carried over.
+  if (dense_ && cursor->at == cur) {
+    if (U64 rest = word_[cursor->word] & cursor->above) return denseIdAt(cursor->word, rest, cursor);
+    return denseIdFromWord(cursor->word + 1, cursor);
+  }
+  return idAtOrAbove(Id(static_cast<U16>(cur.value() + 1)), cursor);
+}
+
+inline Id IdSet::nextId(Id bitPos) const {
+  if (bitPos == Id::null()) return firstId();
+  if (bitPos.value() >= size_) failNextIdBeyondLimit();
+  return idAtOrAbove(Id(static_cast<U16>(bitPos.value() + 1)));
+}
 
 template <class SetT>
 Id BasicIdIterator<SetT>::key() const {
@@ -214,7 +286,7 @@ Id BasicIdIterator<SetT>::key() const {
 template <class SetT>
 void BasicIdIterator<SetT>::next() {
   ZUM_ASSERT(curId_ != Id::null());
-  curId_ = set_->idAtOrAbove(Id(static_cast<U16>(curId_.value() + 1)), &hint_);
+  curId_ = set_->idAfter(curId_, &cursor_);
 }
 
 String valueToStrep(const IdSet& set);

@@ -482,8 +482,8 @@ TaskSchedulerZumActivity::TaskSchedulerZumActivity(const String& name, const Ptr
 void TaskSchedulerZumActivity::handleInitialized() {
   ZUM_TRACE(trace(), 1) << name() << " Scheduler created";
   handleRootZumInit();
-  if (!systemClock_) systemClock_ = Zum::activityManager()->clock();
-  timerWheelIs(timerWheelFactory(systemClock_, 10, 8640000, 1, 1024));
+  systemClock_ = Zum::clockOrLoop(systemClock_);
+  timerWheelIs(timerWheelFactory(systemClock_));
   clock_.notifierIs(systemClock_);
 }
 
@@ -525,6 +525,50 @@ bool TaskGroup::taskGroupForceYieldInTest() const { return group_->forceYieldInT
 void TaskGroup::taskGroupForceYieldInTestIs(bool b) { group_->forceYieldInTestIs(b); }
 bool TaskGroup::parentTaskScheduled() const { return group_->parentTaskScheduled(); }
 U32 TaskGroup::parentTaskRunCount() const { return group_->parentTaskRunCount(); }
+
+// ---- PeriodicTask -----------------------------------------------------------
+
+class PeriodicTask::Runner : public Task::NotifieeConst {
+ public:
+  explicit Runner(PeriodicTask* owner) : owner_(owner) {}
+  void onTaskRun() override { owner_->handleRun(); }
+
+ private:
+  PeriodicTask* const owner_;  // owns this runner
+};
+
+PeriodicTask::PeriodicTask(const Ptr<TaskScheduler>& scheduler, std::chrono::nanoseconds period, Fn fn,
+                           const String& name, TaskPriority priority)
+    : Entity(name), period_(period), fn_(std::move(fn)) {
+  if (period_ <= std::chrono::nanoseconds::zero()) {
+    throw Zum::RangeException("PeriodicTask::period <= 0 not allowed");
+  }
+  if (!fn_) throw Zum::RangeException(Zum::nullParameterText("Olk::PeriodicTask", "fn"));
+  task_ = timerTaskFactory(scheduler, priority, name);
+  runner_ = std::make_unique<Runner>(this);
+  runner_->notifierIs(task_);
+  arm();
+}
+
+// The runner goes first, so the task never calls into a job half torn down.
+PeriodicTask::~PeriodicTask() { runner_.reset(); }
+
+void PeriodicTask::handleRun() {
+  Zum::DestructorGuard guard(this);  // fn may drop the last outside pointer
+  arm();
+  fn_();
+}
+
+void PeriodicTask::arm() { task_->scheduleTaskDelay(std::chrono::duration<Seconds>(period_).count()); }
+
+Ptr<PeriodicTask> every(const Ptr<TaskScheduler>& scheduler, std::chrono::nanoseconds period, PeriodicTask::Fn fn,
+                        const String& name, TaskPriority priority) {
+  return Zum::create<PeriodicTask>(scheduler, period, std::move(fn), name, priority);
+}
+
+Ptr<PeriodicTask> every(std::chrono::nanoseconds period, PeriodicTask::Fn fn, const String& name) {
+  return every(TaskSchedulerZumActivity::findOrCreateAgentScheduler(), period, std::move(fn), name);
+}
 
 // ---- Factories --------------------------------------------------------------
 

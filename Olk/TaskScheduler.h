@@ -15,6 +15,8 @@
 // A scheduler must outlive its tasks: tasks hold it by pointer.
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <vector>
@@ -442,6 +444,48 @@ Ptr<TaskSchedulerZumActivity> taskSchedulerZumActivityFactory(const String& name
                                                               const Ptr<Zum::Clock>& clock = nullptr);
 // A timer task's expiry as a steady time stamp (the largest when none).
 Dorn::TimeStamp timerTaskGetExpiryTime(TaskSchedulerRoot* root, Dorn::TimerTask* timerTask);
+
+class TimerTask;
+
+// Periodic work in one line: `fn` runs every `period` from a timer task named
+// `name` on a scheduler, so the job shows in printStats and tasksRegistered
+// like any task. The first run comes one period after the start; each run
+// re-arms before calling `fn`, so a slow `fn` does not stretch the cadence.
+// The job stops when the last pointer to it goes, also from inside `fn`. Runs are
+// ticks of the root's timer wheel (10 ms): a shorter period runs every tick.
+// An exception from `fn` reaches the loop like any reactor's.
+//
+//   Ptr<PeriodicTask> reaper = every(std::chrono::seconds(5), [&] { reap(); }, "reaper");
+class PeriodicTask : public Zum::Entity {
+ public:
+  using Fn = std::function<void()>;
+
+  ~PeriodicTask() override;
+  std::chrono::nanoseconds period() const { return period_; }
+  // The timer task that carries the job; its statistics are the job's.
+  const Ptr<TimerTask>& task() const { return task_; }
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  class Runner;
+  PeriodicTask(const Ptr<TaskScheduler>& scheduler, std::chrono::nanoseconds period, Fn fn, const String& name,
+               TaskPriority priority);
+  void handleRun();
+  void arm();
+
+  const std::chrono::nanoseconds period_;
+  const Fn fn_;
+  Ptr<TimerTask> task_;
+  std::unique_ptr<Runner> runner_;
+};
+
+// Starts `fn` every `period` on `scheduler`. A period of zero or less, or an
+// empty `fn`, throws RangeException.
+Ptr<PeriodicTask> every(const Ptr<TaskScheduler>& scheduler, std::chrono::nanoseconds period,
+                        PeriodicTask::Fn fn, const String& name, TaskPriority priority = TaskPriority::normal);
+// As above, on the agent scheduler "main".
+Ptr<PeriodicTask> every(std::chrono::nanoseconds period, PeriodicTask::Fn fn, const String& name);
 
 }  // namespace Olk
 

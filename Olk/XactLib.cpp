@@ -24,6 +24,7 @@
 //   wait behind a burst.
 #include "Olk/XactLib.h"
 
+#include <utility>
 #include <vector>
 
 #include "platform/Exception.h"
@@ -101,6 +102,13 @@ std::ostream& operator<<(std::ostream& os, const ExecResult& v) { return os << v
 Xact::Xact(U32 id) : Entity("Xact"), id_(id) {}
 
 Ptr<Xact> xactFactory(U32 id) { return Zum::create<Xact>(id); }
+
+void Xact::handleRunFinished() {
+  if (!completion_) return;
+  const Completion done = std::exchange(completion_, nullptr);
+  Zum::DestructorGuard guard(this);  // the owner may delete the record from its directory
+  done(*this);
+}
 
 void Xact::configVersionIs(U32 v) {
   attributeIs(configVersion_, v, &Notifiee::onConfigVersion);
@@ -433,11 +441,18 @@ void XactAggregatorSm::doStartXact(const Ptr<Xact>& xact) {
   publishXact(xact);
 }
 
+void XactAggregatorSm::doStartXact(const Ptr<Xact>& xact, Xact::Completion done) {
+  ZUM_ASSERT(xact);
+  xact->completionIs(std::move(done));
+  doStartXact(xact);
+}
+
 void XactAggregatorSm::finishAtOnce(const Ptr<Xact>& xact, XactResult r) {
   xact->configVersionInc(1);
   xact->commentDelAll();
   xact->resultIs(r);
   xact->statusVersionIs(xact->configVersion());
+  xact->handleRunFinished();
 }
 
 void XactAggregatorSm::publishXact(const Ptr<Xact>& xact) {
@@ -490,6 +505,7 @@ void XactAggregatorSm::handleBlockingXactStatus(U32 blockerId, const Ptr<Xact>& 
   blocked->resultIs(xactFailure);
   blocked->commentDelAll();
   blocked->statusVersionIs(blocked->configVersion());
+  blocked->handleRunFinished();
 }
 
 void XactAggregatorSm::handleStatusChange(U32 id) {
@@ -536,6 +552,7 @@ void XactAggregatorSm::concludeXact(const Ptr<Xact>& xact, XactResult r, const X
   inProgressXactDel(xact->id());
   xact->resultIs(r);
   xact->statusVersionIs(cv);
+  xact->handleRunFinished();
 }
 
 void XactAggregatorSm::handleInProgressXact(U32 id) {

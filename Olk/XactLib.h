@@ -15,6 +15,7 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <map>
 #include <ostream>
 #include <string_view>
@@ -127,6 +128,17 @@ class Xact : public Zum::Entity, public Zum::Notifier {
     virtual void onFailIfBlockingXactFails() {}
   };
 
+  // What the owner runs when the transaction's current run ends.
+  using Completion = std::function<void(const Xact& xact)>;
+  // The callback for the end of the next run the aggregator concludes
+  // (success, failure or time-out): called once, after result, comment and
+  // statusVersion hold the outcome, and dropped before it is called, so it
+  // may delete this record or start the transaction again with a new one.
+  // Replaces any callback still waiting; an empty one clears it. A run left
+  // by doStopXact never ends: its callback waits for the next run.
+  const Completion& completion() const { return completion_; }
+  void completionIs(Completion done) { completion_ = std::move(done); }
+
   U32 id() const { return id_; }
   U32 configVersion() const { return configVersion_; }
   Seconds startTime() const { return startTime_; }
@@ -165,7 +177,12 @@ class Xact : public Zum::Entity, public Zum::Notifier {
   friend Ptr<T> Zum::create(A&&...);
   explicit Xact(U32 id);
 
+  friend class XactAggregatorSm;
+  // Takes the completion off the record and calls it; nothing when none.
+  void handleRunFinished();
+
   const U32 id_;
+  Completion completion_;  // called at most once, then empty
   U32 configVersion_ = 0;
   Seconds startTime_ = 0.0;
   U32 statusVersion_ = 0;
@@ -281,6 +298,23 @@ class XactStatusDir : public XactNamedDir {
 Ptr<XactStatusDir> xactStatusDirFactory(const Zum::Name& name);
 
 // ---------------------------------------------------------------------------
+// The whole life of a transaction, as a coordinating agent writes it:
+//
+//   Ptr<Xact> x = xacts->xactIs(id);               // a record in the agent's XactDir
+//   x->blockingXactIs(earlier);                     // optional: wait for `earlier`
+//   aggregator->doStartXact(x, [this](const Xact& done) {
+//     log(done.id(), done.result(), done.comment());  // the outcome, once
+//     aggregator->doStopXact(done.id());            // withdraw its configurations
+//     xacts->xactDel(done.id());                    // and forget the record
+//   });
+//
+// The last two lines matter in a long-running agent: finishing a run leaves
+// its XactConfig in every config directory, and each executor keeps its
+// XactStatus as long as the configuration stands, so without doStopXact
+// every directory grows by one entry per transaction forever. Capture the
+// aggregator by raw pointer or `this`: the record holds its completion, and
+// the aggregator holds the record while the run is in progress.
+//
 // The aggregator.
 //
 // Per transaction: blocked (waiting for its blockers) -> pending (waiting for
@@ -330,6 +364,9 @@ class XactAggregatorSm : public Zum::Entity {
   // limit is reached, and otherwise publishes its next configVersion. With no
   // config or no status directory attached it succeeds at once.
   void doStartXact(const Ptr<Xact>& xact);
+  // As doStartXact(xact), with `done` as the transaction's completion; it may
+  // be called before this returns, when the start finishes the run at once.
+  void doStartXact(const Ptr<Xact>& xact, Xact::Completion done);
   // Withdraws `id` from every stage and deletes its configuration from every
   // config directory; the Xact record itself is left as it is.
   void doStopXact(U32 id);

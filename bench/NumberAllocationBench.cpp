@@ -3,6 +3,11 @@
 //
 // Every benchmark builds its inputs outside the timed region and draws them
 // from a fixed seed, so runs compare like with like.
+//
+// Names are <Operation>_<Impl>/<args>, the size last. cpu_time is the time
+// of one iteration; where an iteration holds several operations,
+// items_per_second counts the operations (their time is its inverse).
+
 #include <benchmark/benchmark.h>
 
 #include <boost/icl/interval_set.hpp>
@@ -47,7 +52,7 @@ std::vector<U32> probes(U32 universe, std::size_t count) {
 
 constexpr std::size_t opCount = 1 << 14;
 
-void BM_NumberPool_AddDelRanges(benchmark::State& state) {
+void AddDelRanges_Olk(benchmark::State& state) {
   const auto ops = rangeOps(U32(state.range(0)), opCount);
   for (auto _ : state) {
     auto pool = numberPoolFactory("bench");
@@ -63,7 +68,7 @@ void BM_NumberPool_AddDelRanges(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * ops.size());
 }
 
-void BM_IclIntervalSet_AddDelRanges(benchmark::State& state) {
+void AddDelRanges_IclIntervalSet(benchmark::State& state) {
   const auto ops = rangeOps(U32(state.range(0)), opCount);
   for (auto _ : state) {
     IclSet set;
@@ -79,7 +84,7 @@ void BM_IclIntervalSet_AddDelRanges(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * ops.size());
 }
 
-void BM_NumberPool_IsMember(benchmark::State& state) {
+void IsMember_Olk(benchmark::State& state) {
   const U32 universe = U32(state.range(0));
   auto pool = numberPoolFactory("bench");
   for (const RangeOp& op : rangeOps(universe, opCount)) {
@@ -95,7 +100,7 @@ void BM_NumberPool_IsMember(benchmark::State& state) {
   state.counters["ranges"] = double(pool->ranges().size());
 }
 
-void BM_IclIntervalSet_Contains(benchmark::State& state) {
+void IsMember_IclIntervalSet(benchmark::State& state) {
   const U32 universe = U32(state.range(0));
   IclSet set;
   for (const RangeOp& op : rangeOps(universe, opCount)) {
@@ -122,7 +127,7 @@ constexpr U32 maxBlk = 64;
 // Steady state near 80% occupancy: each step frees a random block or
 // allocates a new one. Counters report fragmentation at the end: the number
 // of free blocks and the largest free block as a share of the free entries.
-void BM_BestFitAllocator_AllocFree(benchmark::State& state) {
+void AllocFree_Olk(benchmark::State& state) {
   const U32 memSz = U32(state.range(0));
   std::mt19937 rng(99);
   auto a = bestFitAllocatorFactory(memSz, 0, maxBlk);
@@ -151,7 +156,7 @@ void BM_BestFitAllocator_AllocFree(benchmark::State& state) {
 }
 
 // 10^5 used blocks with a hole after every one of them.
-void BM_BestFitAllocator_Defragment(benchmark::State& state) {
+void Defragment_Olk(benchmark::State& state) {
   const U32 blocks = U32(state.range(0));
   for (auto _ : state) {
     state.PauseTiming();
@@ -178,11 +183,11 @@ void BM_BestFitAllocator_Defragment(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_NumberPool_AddDelRanges)->Arg(1 << 12)->Arg(1 << 16)->Arg(1 << 20);
-BENCHMARK(BM_IclIntervalSet_AddDelRanges)->Arg(1 << 12)->Arg(1 << 16)->Arg(1 << 20);
-BENCHMARK(BM_NumberPool_IsMember)->Arg(1 << 12)->Arg(1 << 16)->Arg(1 << 20);
-BENCHMARK(BM_IclIntervalSet_Contains)->Arg(1 << 12)->Arg(1 << 16)->Arg(1 << 20);
-BENCHMARK(BM_BestFitAllocator_AllocFree)->Arg(1 << 16)->Arg(1 << 20);
-BENCHMARK(BM_BestFitAllocator_Defragment)->Arg(100000)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(AddDelRanges_Olk)->Arg(1 << 12)->Arg(1 << 16)->Arg(1 << 20);
+BENCHMARK(AddDelRanges_IclIntervalSet)->Arg(1 << 12)->Arg(1 << 16)->Arg(1 << 20);
+BENCHMARK(IsMember_Olk)->Arg(1 << 12)->Arg(1 << 16)->Arg(1 << 20);
+BENCHMARK(IsMember_IclIntervalSet)->Arg(1 << 12)->Arg(1 << 16)->Arg(1 << 20);
+BENCHMARK(AllocFree_Olk)->Arg(1 << 16)->Arg(1 << 20);
+BENCHMARK(Defragment_Olk)->Arg(100000)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 BENCHMARK_MAIN();

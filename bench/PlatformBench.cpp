@@ -1,5 +1,8 @@
 // Costs of the platform's hot paths: an attribute change reaching its
 // notifiees, and a clock notifiee moving its wake-up time among many others.
+//
+// Names are <Operation>_<Impl>/<args>, the size last; every iteration is one
+// operation, so cpu_time is the time of one operation.
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -31,7 +34,7 @@ struct Sink : Counter::Notifiee {
   Zum::U64 calls = 0;
 };
 
-void BM_AttributeSetAndNotify(benchmark::State& state) {
+void AttributeSetAndNotify_Olk(benchmark::State& state) {
   auto counter = Zum::create<Counter>();
   std::vector<Sink> sinks(static_cast<std::size_t>(state.range(0)));
   for (auto& s : sinks) s.notifierIs(counter);
@@ -40,9 +43,9 @@ void BM_AttributeSetAndNotify(benchmark::State& state) {
   benchmark::DoNotOptimize(sinks.front().calls);
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_AttributeSetAndNotify)->Arg(1)->Arg(4)->Arg(16);
+BENCHMARK(AttributeSetAndNotify_Olk)->Arg(1)->Arg(4)->Arg(16);
 
-void BM_AttributeSetUnchanged(benchmark::State& state) {
+void AttributeSetUnchanged_Olk(benchmark::State& state) {
   auto counter = Zum::create<Counter>();
   Sink sink;
   sink.notifierIs(counter);
@@ -50,12 +53,12 @@ void BM_AttributeSetUnchanged(benchmark::State& state) {
   for (auto _ : state) counter->valueIs(1);
   benchmark::DoNotOptimize(sink.calls);
 }
-BENCHMARK(BM_AttributeSetUnchanged);
+BENCHMARK(AttributeSetUnchanged_Olk);
 
 struct Wake : Zum::Clock::Notifiee {};
 
 // One notifiee among N scheduled ones moves its time: O(log N).
-void BM_ClockReschedule(benchmark::State& state) {
+void ClockReschedule_Olk(benchmark::State& state) {
   auto clock = Zum::manualClockFactory(0.0);
   const auto n = static_cast<std::size_t>(state.range(0));
   std::vector<Wake> wakes(n);
@@ -72,7 +75,7 @@ void BM_ClockReschedule(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_ClockReschedule)->RangeMultiplier(10)->Range(1000, 1000000);
+BENCHMARK(ClockReschedule_Olk)->RangeMultiplier(10)->Range(1000, 1000000);
 
 }  // namespace
 

@@ -5,6 +5,11 @@
 // the runtime keeps; Asio: post() and poll()), a batch of such units, and a
 // timer round trip (ours: a timer task on the timer wheel of a manual clock
 // moved one tick; Asio: a steady_timer that has expired, waited on and run).
+//
+// Names are <Operation>_<Impl>/<args>, the size last. cpu_time is the time
+// of one iteration; where an iteration holds several operations,
+// items_per_second counts the operations (their time is its inverse).
+
 #include <benchmark/benchmark.h>
 
 #include <boost/asio/io_context.hpp>
@@ -25,7 +30,7 @@ struct Counter : Olk::Task::NotifieeConst {
   void onTaskRun() override { ++runs; }
 };
 
-void BM_TaskScheduleAndRun(benchmark::State& state) {
+void ScheduleAndRun_Olk(benchmark::State& state) {
   auto root = Olk::taskSchedulerRootFactory("bench");
   auto task = Olk::taskFactory(root, TaskPriority::normal, "empty");
   Counter c;
@@ -37,11 +42,11 @@ void BM_TaskScheduleAndRun(benchmark::State& state) {
   benchmark::DoNotOptimize(c.runs);
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_TaskScheduleAndRun);
+BENCHMARK(ScheduleAndRun_Olk);
 
 // A task that yields and schedules itself again from its run, as a busy
 // worker does; against a handler that posts itself again.
-void BM_TaskRescheduleFromItsRun(benchmark::State& state) {
+void RescheduleFromRun_Olk(benchmark::State& state) {
   auto root = Olk::taskSchedulerRootFactory("bench");
   auto task = Olk::taskFactory(root, TaskPriority::normal, "again");
   struct Again : Olk::Task::NotifieeConst {
@@ -58,9 +63,9 @@ void BM_TaskRescheduleFromItsRun(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * 1000);
 }
-BENCHMARK(BM_TaskRescheduleFromItsRun);
+BENCHMARK(RescheduleFromRun_Olk);
 
-void BM_AsioRepostFromItsHandler(benchmark::State& state) {
+void RescheduleFromRun_Asio(benchmark::State& state) {
   boost::asio::io_context io;
   Zum::U64 left = 0;
   std::function<void()> again = [&] {
@@ -74,9 +79,9 @@ void BM_AsioRepostFromItsHandler(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * 1000);
 }
-BENCHMARK(BM_AsioRepostFromItsHandler);
+BENCHMARK(RescheduleFromRun_Asio);
 
-void BM_AsioPostAndPoll(benchmark::State& state) {
+void ScheduleAndRun_Asio(benchmark::State& state) {
   boost::asio::io_context io;
   Zum::U64 runs = 0;
   for (auto _ : state) {
@@ -87,9 +92,9 @@ void BM_AsioPostAndPoll(benchmark::State& state) {
   benchmark::DoNotOptimize(runs);
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_AsioPostAndPoll);
+BENCHMARK(ScheduleAndRun_Asio);
 
-void BM_TaskBatchScheduleAndRun(benchmark::State& state) {
+void BatchScheduleAndRun_Olk(benchmark::State& state) {
   auto root = Olk::taskSchedulerRootFactory("bench");
   root->dornRoot()->historyEntryCountIs(32);
   std::vector<Zum::Ptr<Olk::Task>> tasks;
@@ -101,9 +106,9 @@ void BM_TaskBatchScheduleAndRun(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(BM_TaskBatchScheduleAndRun)->Arg(10)->Arg(1000);
+BENCHMARK(BatchScheduleAndRun_Olk)->Arg(10)->Arg(1000);
 
-void BM_AsioBatchPostAndPoll(benchmark::State& state) {
+void BatchScheduleAndRun_Asio(benchmark::State& state) {
   boost::asio::io_context io;
   Zum::U64 runs = 0;
   for (auto _ : state) {
@@ -114,9 +119,9 @@ void BM_AsioBatchPostAndPoll(benchmark::State& state) {
   benchmark::DoNotOptimize(runs);
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(BM_AsioBatchPostAndPoll)->Arg(10)->Arg(1000);
+BENCHMARK(BatchScheduleAndRun_Asio)->Arg(10)->Arg(1000);
 
-void BM_TimerTaskRoundTrip(benchmark::State& state) {
+void TimerRoundTrip_Olk(benchmark::State& state) {
   auto clock = Zum::manualClockFactory(1000.0);
   auto sched = Olk::taskSchedulerZumActivityFactory("bench", clock);
   auto task = Olk::timerTaskFactory(sched, TaskPriority::normal, "timer");
@@ -129,9 +134,9 @@ void BM_TimerTaskRoundTrip(benchmark::State& state) {
   if (c.runs != static_cast<Zum::U64>(state.iterations())) state.SkipWithError("timer runs were lost");
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_TimerTaskRoundTrip);
+BENCHMARK(TimerRoundTrip_Olk);
 
-void BM_AsioSteadyTimerRoundTrip(benchmark::State& state) {
+void TimerRoundTrip_Asio(benchmark::State& state) {
   boost::asio::io_context io;
   boost::asio::steady_timer timer(io);
   Zum::U64 runs = 0;
@@ -144,7 +149,7 @@ void BM_AsioSteadyTimerRoundTrip(benchmark::State& state) {
   benchmark::DoNotOptimize(runs);
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_AsioSteadyTimerRoundTrip);
+BENCHMARK(TimerRoundTrip_Asio);
 
 }  // namespace
 

@@ -1,6 +1,6 @@
 // demo_agent: a small agent that shows libOlk at work end to end.
 //
-//   demo_agent [--name NAME] [--seed N]
+//   demo_agent [--name NAME] [--seed N] [--dump-dir DIR]
 //
 // It serves operator commands on the abstract socket "\0s<NAME>" (default
 // "demo") and keeps the library's components busy with a synthetic workload
@@ -9,24 +9,24 @@
 //   olkctl demo help          # the registered commands
 //   olkctl demo stats         # workload and scheduler statistics
 //   olkctl demo dump          # every component's state
-//   olkctl demo dump gz /tmp/demo.gz
+//   olkctl demo dump gz state.gz   # the same into DIR/state.gz
 //   olkctl demo shutdown      # stops cleanly (so do SIGTERM and SIGINT)
 //
-// Each part of the workload is a `DemoModule`: it starts its work, registers
-// its own commands and writes its state into dumps. Adding a component to
-// the demo means adding one module and one line in `DemoAgent::DemoAgent`.
-#include <signal.h>
-#include <sys/signalfd.h>
+// Each part of the workload is a `DemoModule`: it starts its periodic work
+// with `every`, registers its own commands and writes its state into dumps.
+// Adding a component to the demo means adding one module and one line in
+// `DemoAgent::DemoAgent`. Only the agent's own uid and root may send
+// commands: the socket checks the peer's credentials.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -35,17 +35,15 @@
 #include <vector>
 
 #include "Cell/Cell.h"
-#include "Olk/AgentSocketHandler.h"
 #include "Olk/BestFitAllocator.h"
 #include "Olk/CuckooHashTable.h"
 #include "Olk/DumpContext.h"
 #include "Olk/HTimerWheel.h"
 #include "Olk/IdSet.h"
+#include "Olk/MallocTrimmerSm.h"
 #include "Olk/NumAllocator.h"
 #include "Olk/ProcSysUtils.h"
-#include "Olk/MallocTrimmerSm.h"
 #include "Olk/SimpleAgentSocketHandler.h"
-#include "Olk/Task.h"
 #include "Olk/TaskScheduler.h"
 #include "Olk/XactLib.h"
 #include "platform/ActivityManager.h"
@@ -56,80 +54,39 @@ using namespace Olk;
 
 namespace {
 
+using namespace std::chrono_literals;
+
 // What every module may use: the loop, its clock and the command table.
 struct DemoEnv {
   Ptr<Zum::ActivityManager> loop;
   Ptr<Zum::Clock> clock;
-  Ptr<TaskSchedulerZumActivity> scheduler;  // the agent scheduler "main"
   Ptr<SimpleAgentSocketHandler> commands;
 };
 
 class DemoModule {
  public:
   virtual ~DemoModule() = default;
-  virtual const char* name() const = 0;
   // One or more lines for the "stats" command.
   virtual String stats() const = 0;
   virtual void dump(const Ptr<const DumpContext>& ctx) const = 0;
 };
 
-// Splits command arguments at blanks, dropping empty words.
-std::vector<String> words(const String& args) {
-  std::istringstream in(args);
-  std::vector<String> out;
-  for (String w; in >> w;) out.push_back(w);
-  return out;
-}
-
-U32 parseNumber(const String& text, U32 min, U32 max) {
-  char* end = nullptr;
-  const unsigned long v = strtoul(text.c_str(), &end, 10);
-  if (text.empty() || *end != '\0' || v < min || v > max) {
-    throw CommandError(Zum::format("expected a number %u..%u, not '%s'", min, max, text.c_str()));
-  }
-  return static_cast<U32>(v);
-}
-
 // Writes `text` into a dump one line at a time, so that no single call can
 // overrun the context's formatting buffer.
-void dumpText(const Ptr<const DumpContext>& ctx, const String& text) {
+void dumpLines(const Ptr<const DumpContext>& ctx, const String& text) {
   std::istringstream in(text);
   for (String line; std::getline(in, line);) objDumpPrintf(ctx, "%s\n", line.c_str());
 }
-
-// Calls `work` every `period` seconds from a timer task on the agent
-// scheduler, so that each workload shows up in the scheduler's statistics.
-class Periodic : private Task::NotifieeConst {
- public:
-  Periodic(DemoEnv& env, const String& name, Seconds period, std::function<void()> work)
-      : period_(period), work_(std::move(work)) {
-    task_ = timerTaskFactory(env.scheduler, TaskPriority::normal, name);
-    notifierIs(task_);
-    task_->scheduleTaskDelay(period_);
-  }
-
- private:
-  void onTaskRun() override {
-    task_->scheduleTaskDelay(period_);
-    work_();
-  }
-
-  const Seconds period_;
-  const std::function<void()> work_;
-  Ptr<TimerTask> task_;
-};
 
 // --- timer wheel: many self-rearming timers on one clock notifiee -----------
 
 class WheelModule : public DemoModule {
  public:
-  explicit WheelModule(DemoEnv& env)
-      : clock_(env.clock), wheel_(timerWheelFactory(env.clock, 10, 8640000, true, 1024)) {
+  explicit WheelModule(DemoEnv& env) : clock_(env.clock), wheel_(timerWheelFactory(env.clock)) {
     addTimers(200);
-    env.commands->commandIs("timers", "timers [add <n>]: the timer wheel, or arm n more timers",
-                            [this](const CommandRequest& r) { return command(r); });
+    env.commands->commandIs("timers", "timers [add <n>]: the timer wheel, or arm n more timers", 0, 2,
+                            [this](const CommandArgs& a) { return command(a); });
   }
-  const char* name() const override { return "timers"; }
   String stats() const override {
     return Zum::format("timers: armed %zu fired %llu buckets in use %u\n", timers_.size(),
                        static_cast<unsigned long long>(fired_), wheel_->timers());
@@ -161,11 +118,10 @@ class WheelModule : public DemoModule {
     }
   }
 
-  String command(const CommandRequest& r) {
-    const std::vector<String> w = words(r.args);
-    if (w.empty()) return stats();
-    if (w.size() != 2 || w[0] != "add") throw CommandError("usage: timers [add <n>]");
-    addTimers(parseNumber(w[1], 1, 10000));
+  String command(const CommandArgs& a) {
+    if (a.empty()) return stats();
+    if (a.size() != 2 || a[0] != "add") throw CommandError("usage: timers [add <n>]");
+    addTimers(a.number(1, 1, 10000));
     return stats();
   }
 
@@ -187,8 +143,8 @@ class CuckooModule : public DemoModule {
       : clock_(env.clock),
         config_(Cuckoo::configFactory("demo-cuckoo", 3)),
         status_(Cuckoo::statusFactory("demo-cuckoo")),
-        workload_(env, "cuckoo-churn", 0.01, [this] { churn(); }),
-        hardwareWriter_(env, "cuckoo-hardware", 0.05, [this] { writeHardware(); }) {
+        workload_(every(10ms, [this] { churn(); }, "cuckoo-churn")),
+        hardwareWriter_(every(50ms, [this] { writeHardware(); }, "cuckoo-hardware")) {
     for (U32 t = 0; t < 3; ++t) config_->tableDescListIs(Cuckoo::TableId(t), tableSize, binSize);
     config_->pendingItemReviewQuantumIs(1.0);
     table_ = Cuckoo::hashTableFactory(config_, status_, env.clock);
@@ -196,9 +152,8 @@ class CuckooModule : public DemoModule {
         "cuckoo",
         "cuckoo [insert <key> | delete <key> | items [0-2] | fill <n>]: the cuckoo table; fill loads n "
         "items into a fresh 4-table one",
-        [this](const CommandRequest& r) { return command(r); });
+        0, 2, [this](const CommandArgs& a) { return command(a); });
   }
-  const char* name() const override { return "cuckoo"; }
   String stats() const override {
     return Zum::format(
         "cuckoo: items %zu pending %zu occupancy %.2f inserts %llu deletes %llu hardware writes %llu "
@@ -268,32 +223,30 @@ class CuckooModule : public DemoModule {
     return os.str();
   }
 
-  String command(const CommandRequest& r) {
-    const std::vector<String> w = words(r.args);
-    if (w.empty()) {
-      writeToClient(r.clientFd, stats());
-      table_->currentSnapshot(DumpContext::dumpContext(r.clientFd, dumpNormal, false));
-      return "";
+  String command(const CommandArgs& a) {
+    if (a.empty()) return stats() + dumpText([this](const Ptr<const DumpContext>& ctx) { table_->currentSnapshot(ctx); });
+    if (a[0] == "items") {
+      const U32 verbosity = a.size() == 2 ? a.number(1, 0, 2) : 1;
+      return dumpText([&](const Ptr<const DumpContext>& ctx) { table_->displayItems(verbosity, ctx); });
     }
-    if (w[0] == "items" && w.size() <= 2) {
-      const U32 verbosity = w.size() == 2 ? parseNumber(w[1], 0, 2) : 1;
-      table_->displayItems(verbosity, DumpContext::dumpContext(r.clientFd, dumpNormal, false));
-      return "";
-    }
-    if (w[0] == "fill" && w.size() == 2) return fill(parseNumber(w[1], 1, 16384));
-    if ((w[0] != "insert" && w[0] != "delete") || w.size() != 2) {
-      throw CommandError("usage: cuckoo [insert <key> | delete <key> | items [0-2] | fill <n>]");
-    }
-    const U32 key = parseNumber(w[1], 0, 0xffffffffu);
+    if (a.size() != 2) throw CommandError("usage: cuckoo [insert <key> | delete <key> | items [0-2] | fill <n>]");
+    if (a[0] == "fill") return fill(a.number(1, 1, 16384));
+    if (a[0] == "insert") return change(a.number(1, 0, 0xffffffffu), true);
+    if (a[0] == "delete") return change(a.number(1, 0, 0xffffffffu), false);
+    throw CommandError("usage: cuckoo [insert <key> | delete <key> | items [0-2] | fill <n>]");
+  }
+
+  // Inserts or deletes `key` and shows the command list it took.
+  String change(U32 key, bool insertIt) {
     const size_t first = status_->cuckooCmds()->itemSeqs();
     const bool present = keys_.count(key) != 0;
-    if (w[0] == "insert" ? present : !present) {
+    if (insertIt == present) {
       return Zum::format("key %u is %s\n", key, present ? "already present" : "not present");
     }
-    const bool done = w[0] == "insert" ? insert(key) : remove(key);
-    String text = Zum::format("%s %u: %s, command list:\n", w[0].c_str(), key,
-                              done ? "done" : "pending (table full here)");
-    return text + listFrom(first);
+    const bool done = insertIt ? insert(key) : remove(key);
+    return Zum::format("%s %u: %s, command list:\n", insertIt ? "insert" : "delete", key,
+                       done ? "done" : "pending (table full here)") +
+           listFrom(first);
   }
 
   // Inserts n items into a fresh table of four 1024 x 4 tables, writing and
@@ -321,12 +274,11 @@ class CuckooModule : public DemoModule {
         "fill %u: occupancy %.3f pending %zu hardware writes %llu in %llu lists cycles %u longest %u "
         "retries %u\n",
         n, status->occupancy(), status->pendingItemSets(), static_cast<unsigned long long>(writes),
-        static_cast<unsigned long long>(lists),
-        status->cycleCount(), status->longestCycle(), status->retryCount());
+        static_cast<unsigned long long>(lists), status->cycleCount(), status->longestCycle(),
+        status->retryCount());
     for (U32 t = 0; t < tables; ++t) {
       const Ptr<Cuckoo::TableStat> stat = status->tableStat(Cuckoo::TableId(t));
-      out += Zum::format("  table %u: items %u evictions %u\n", t, stat->numOfHashItems(),
-                         stat->numOfEvicts());
+      out += Zum::format("  table %u: items %u evictions %u\n", t, stat->numOfHashItems(), stat->numOfEvicts());
     }
     return out;
   }
@@ -340,8 +292,8 @@ class CuckooModule : public DemoModule {
   U64 deletes_ = 0;
   U64 writes_ = 0;
   U64 violations_ = 0;  // lists that would have lost an item: must stay 0
-  Periodic workload_;
-  Periodic hardwareWriter_;
+  Ptr<PeriodicTask> workload_;
+  Ptr<PeriodicTask> hardwareWriter_;
 };
 
 // --- transactions: one aggregator, three executors ---------------------------
@@ -349,10 +301,9 @@ class CuckooModule : public DemoModule {
 class XactModule : public DemoModule {
  public:
   explicit XactModule(DemoEnv& env)
-      : clock_(env.clock),
-        xacts_(xactDirFactory("demo-xacts")),
+      : xacts_(xactDirFactory("demo-xacts")),
         aggregator_(xactAggregatorSmFactory("demo-aggregator", env.clock)),
-        workload_(env, "xact-start", 0.25, [this] { startXacts(1); }) {
+        workload_(every(250ms, [this] { startXacts(1); }, "xact-start")) {
     aggregator_->timeoutIs(5.0);
     for (const char* name : {"executor-a", "executor-b", "executor-c"}) {
       auto configs = xactConfigDirFactory(name);
@@ -363,12 +314,10 @@ class XactModule : public DemoModule {
       executors_.push_back(Zum::create<Executor>(name, configs, statuses, env.clock,
                                                  String(name) == "executor-c" ? 13u : 0u));
     }
-    env.commands->commandIs("xact", "xact [start <n>]: transaction outcomes, or start n now",
-                            [this](const CommandRequest& r) { return command(r); });
+    env.commands->commandIs("xact", "xact [start <n>]: transaction outcomes, or start n now", 0, 2,
+                            [this](const CommandArgs& a) { return command(a); });
   }
-  ~XactModule() override { aggregator_->xactConfigDirDelAll(); }
 
-  const char* name() const override { return "xact"; }
   String stats() const override {
     return Zum::format("xact: started %u in progress %zu succeeded %llu failed %llu\n", nextId_ - 1,
                        aggregator_->inProgressXact().size(), static_cast<unsigned long long>(succeeded_),
@@ -379,13 +328,11 @@ class XactModule : public DemoModule {
                   aggregator_->name().c_str(), aggregator_->inProgressXact().size(),
                   aggregator_->xactConfigDirCount(), aggregator_->xactStatusDirCount());
     for (const auto& e : executors_) {
-      objDumpPrintf(ctx, "  XactExecutorSm %s seen: %llu processed: %llu backlog: %zu\n",
-                    e->name().c_str(), static_cast<unsigned long long>(e->updatesSeen()),
+      objDumpPrintf(ctx, "  XactExecutorSm %s seen: %llu processed: %llu backlog: %zu\n", e->name().c_str(),
+                    static_cast<unsigned long long>(e->updatesSeen()),
                     static_cast<unsigned long long>(e->updatesProcessed()), e->backlogCount());
     }
-    for (const auto& [id, xact] : xacts_->xact()) {
-      if (ctx->level() == dumpVerbose || !xact->finished()) objDumpPrintf(ctx, "  %s\n", describe(*xact).c_str());
-    }
+    for (const auto& [id, xact] : xacts_->xact()) objDumpPrintf(ctx, "  %s\n", describe(*xact).c_str());
   }
 
  private:
@@ -403,73 +350,57 @@ class XactModule : public DemoModule {
     U32 failEvery_;
   };
 
-  // Watches one transaction until it ends, then counts its outcome.
-  class Outcome : public Xact::Notifiee {
-   public:
-    explicit Outcome(XactModule* owner) : owner_(owner) {}
-    void onStatusVersion() override { owner_->handleFinished(*notifier()); }
-
-   private:
-    XactModule* owner_;
-  };
-
   static String describe(const Xact& x) {
     String text = Zum::format("xact %u: %s", x.id(), stringValue(x.result()).c_str());
     for (const auto& [dir, comment] : x.comment()) text += " " + dir + "=" + comment;
     return text;
   }
 
-  std::vector<U32> startXacts(U32 n) {
-    std::vector<U32> ids;
+  // The whole life of a transaction: a record, a start with its completion,
+  // and at the end its configurations withdrawn and the record deleted, so
+  // that no directory grows with the number of transactions.
+  std::vector<Ptr<Xact>> startXacts(U32 n) {
+    std::vector<Ptr<Xact>> started;
     for (U32 i = 0; i < n; ++i) {
-      const U32 id = nextId_++;
-      Ptr<Xact> xact = xacts_->xactIs(id);
-      auto outcome = std::make_unique<Outcome>(this);
-      outcome->notifierIs(xact);
-      outcomes_[id] = std::move(outcome);
-      aggregator_->doStartXact(xact);
-      ids.push_back(id);
+      Ptr<Xact> xact = xacts_->xactIs(nextId_++);
+      aggregator_->doStartXact(xact, [this](const Xact& done) { handleFinished(done); });
+      started.push_back(xact);
     }
-    return ids;
+    return started;
   }
 
   void handleFinished(const Xact& x) {
-    if (!x.finished() || x.result() == xactInProgress) return;
     ++(x.result() == xactSuccess ? succeeded_ : failed_);
     recent_.push_back(describe(x));
     if (recent_.size() > 10) recent_.pop_front();
-    const U32 id = x.id();
-    if (id > keepFinished) xacts_->xactDel(id - keepFinished);
-    outcomes_.erase(id);  // a notifiee may go from inside its own reaction
+    aggregator_->doStopXact(x.id());
+    xacts_->xactDel(x.id());
   }
 
-  String command(const CommandRequest& r) {
-    const std::vector<String> w = words(r.args);
-    if (w.empty()) {
+  String command(const CommandArgs& a) {
+    if (a.empty()) {
       String text = stats() + "recent outcomes:\n";
       for (const String& line : recent_) text += "  " + line + "\n";
       return text;
     }
-    if (w.size() != 2 || w[0] != "start") throw CommandError("usage: xact [start <n>]");
+    if (a.size() != 2 || a[0] != "start") throw CommandError("usage: xact [start <n>]");
     String text;
-    for (U32 id : startXacts(parseNumber(w[1], 1, 1000))) {
-      text += Zum::format("started xact %u (config version %u)\n", id, xacts_->xact(id)->configVersion());
+    for (const Ptr<Xact>& x : startXacts(a.number(1, 1, 1000))) {
+      text += Zum::format("started xact %u (config version %u)\n", x->id(), x->configVersion());
     }
     return text + "executors answer within their next slices; see: xact\n";
   }
 
-  static constexpr U32 keepFinished = 100;
-
-  Ptr<Zum::Clock> clock_;
+  // Declared before the executors: an executor going away withdraws its
+  // statuses, which may end a run and call handleFinished.
   Ptr<XactDir> xacts_;
   Ptr<XactAggregatorSm> aggregator_;
-  std::vector<Ptr<Executor>> executors_;
-  std::map<U32, std::unique_ptr<Outcome>> outcomes_;
   std::deque<String> recent_;
   U32 nextId_ = 1;
   U64 succeeded_ = 0;
   U64 failed_ = 0;
-  Periodic workload_;
+  std::vector<Ptr<Executor>> executors_;
+  Ptr<PeriodicTask> workload_;
 };
 
 // --- allocation: labels with hold-down, their id set, and table blocks -------
@@ -484,19 +415,18 @@ class AllocModule : public DemoModule {
                                     1.0)),
         activeIds_(labelCount, Id(0)),
         blocks_(bestFitAllocatorFactory(512, 0x1000, 32)),
-        workload_(env, "alloc-churn", 0.05, [this] { churn(); }) {
-    env.commands->commandIs(
-        "labels", "labels [allocate | release <label>]: the label allocator and its active set",
-        [this](const CommandRequest& r) { return labelCommand(r); });
-    env.commands->commandIs("blocks", "blocks [defrag]: the block allocator, or pack its blocks",
-                            [this](const CommandRequest& r) { return blockCommand(r); });
+        workload_(every(50ms, [this] { churn(); }, "alloc-churn")) {
+    env.commands->commandIs("labels",
+                            "labels [allocate | release <label>]: the label allocator and its active set", 0, 2,
+                            [this](const CommandArgs& a) { return labelCommand(a); });
+    env.commands->commandIs("blocks", "blocks [defrag]: the block allocator, or pack its blocks", 0, 1,
+                            [this](const CommandArgs& a) { return blockCommand(a); });
   }
-  const char* name() const override { return "alloc"; }
   String stats() const override { return labelStats() + blockStats(); }
   void dump(const Ptr<const DumpContext>& ctx) const override {
-    dumpText(ctx, labelStats());
+    dumpLines(ctx, labelStats());
     objDumpPrintf(ctx, "  active: %s\n", activeIds_.stringValue().c_str());
-    dumpText(ctx, blockStats());
+    dumpLines(ctx, blockStats());
     if (ctx->level() != dumpVerbose) return;
     for (const auto& [index, blk] : blocks_->inUseBlockMap()) {
       objDumpPrintf(ctx, "  block 0x%x size %u\n", index, blk->size());
@@ -546,25 +476,21 @@ class AllocModule : public DemoModule {
     }
   }
 
-  String labelCommand(const CommandRequest& r) {
-    const std::vector<String> w = words(r.args);
-    if (w.empty()) return labelStats() + "active: " + activeIds_.stringValue() + "\n";
-    if (w.size() == 1 && w[0] == "allocate") {
+  String labelCommand(const CommandArgs& a) {
+    if (a.empty()) return labelStats() + "active: " + activeIds_.stringValue() + "\n";
+    if (a.size() == 1 && a[0] == "allocate") {
       std::optional<U32> label = allocateLabel();
       return label ? Zum::format("allocated label %u\n", *label) : String("no label available\n");
     }
-    if (w.size() == 2 && w[0] == "release") {
-      const U32 label = parseNumber(w[1], labelBase, labelBase + labelCount - 1);
-      if (!releaseLabel(label)) throw CommandError(Zum::format("label %u is not active", label));
-      return Zum::format("released label %u; held down for %g s\n", label, labels_->holdDownTime());
-    }
-    throw CommandError("usage: labels [allocate | release <label>]");
+    if (a.size() != 2 || a[0] != "release") throw CommandError("usage: labels [allocate | release <label>]");
+    const U32 label = a.number(1, labelBase, labelBase + labelCount - 1);
+    if (!releaseLabel(label)) throw CommandError(Zum::format("label %u is not active", label));
+    return Zum::format("released label %u; held down for %g s\n", label, labels_->holdDownTime());
   }
 
-  String blockCommand(const CommandRequest& r) {
-    const std::vector<String> w = words(r.args);
-    if (w.empty()) return blockStats();
-    if (w.size() != 1 || w[0] != "defrag") throw CommandError("usage: blocks [defrag]");
+  String blockCommand(const CommandArgs& a) {
+    if (a.empty()) return blockStats();
+    if (a[0] != "defrag") throw CommandError("usage: blocks [defrag]");
     Ptr<BFA::PendingCmds> moves = blocks_->defragment();
     String text = Zum::format("defragment: %llu moves\n", static_cast<unsigned long long>(moves->pendingCmdLogs()));
     const auto span = moves->pendingCmdLogMetadata();
@@ -579,19 +505,19 @@ class AllocModule : public DemoModule {
   IdSet activeIds_;  // label - labelBase for every active label
   Ptr<BestFitAllocator> blocks_;
   std::vector<Ptr<BFA::Blk>> held_;
-  Periodic workload_;
+  Ptr<PeriodicTask> workload_;
 };
+
 // --- system: the cell this agent runs on and kernel tunables ----------------
 
 class SystemModule : public DemoModule {
  public:
   explicit SystemModule(DemoEnv& env) {
-    env.commands->commandIs("system", "system [sysctl <name>]: cell identity, or read a /proc/sys tunable",
-                            [this](const CommandRequest& r) { return command(r); });
+    env.commands->commandIs("system", "system [sysctl <name>]: cell identity, or read a /proc/sys tunable", 0, 2,
+                            [](const CommandArgs& a) { return command(a); });
   }
-  const char* name() const override { return "system"; }
   String stats() const override { return ""; }
-  void dump(const Ptr<const DumpContext>& ctx) const override { dumpText(ctx, identity()); }
+  void dump(const Ptr<const DumpContext>& ctx) const override { dumpLines(ctx, identity()); }
 
  private:
   // Looked up on demand: a malformed identity file is the operator's news,
@@ -615,22 +541,36 @@ class SystemModule : public DemoModule {
     return buf;
   }
 
-  String command(const CommandRequest& r) {
-    const std::vector<String> w = words(r.args);
-    if (w.empty()) return identity();
-    if (w.size() == 2 && w[0] == "sysctl") return sysctl(w[1]);
-    throw CommandError("usage: system [sysctl <name>]");
+  static String command(const CommandArgs& a) {
+    if (a.empty()) return identity();
+    if (a.size() != 2 || a[0] != "sysctl") throw CommandError("usage: system [sysctl <name>]");
+    return sysctl(a[1]);
   }
 };
 
+// Makes `dir` (mode 0700) unless it exists; refuses anything but a directory
+// of our own, since operators name files inside it.
+void ensureDumpDir(const String& dir) {
+  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+    throw std::runtime_error("cannot create " + dir + ": " + strerror(errno));
+  }
+  struct stat st;
+  if (lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid()) {
+    throw std::runtime_error(dir + " is not a directory of this user");
+  }
+}
+
 class DemoAgent {
  public:
-  explicit DemoAgent(const String& name) {
+  DemoAgent(const String& name, const String& dumpDir) : dumpDir_(dumpDir) {
+    ensureDumpDir(dumpDir_);
     env_.loop = Zum::activityManager();
+    env_.loop->stopOnSignalsIs(true);
     env_.clock = env_.loop->clock();
-    env_.scheduler = TaskSchedulerZumActivity::findOrCreateAgentScheduler();
     env_.commands = simpleAgentSocketHandlerFactory(name);
-    trimmer_ = mallocTrimmerSmFactory(env_.scheduler);
+    env_.commands->agentSocketHandlerSm()->peerCredentialCheckIs(true);
+    scheduler_ = TaskSchedulerZumActivity::findOrCreateAgentScheduler();
+    trimmer_ = mallocTrimmerSmFactory(scheduler_);
     trimmer_->taskDelayIntervalIs(5.0);
     modules_.push_back(std::make_unique<WheelModule>(env_));
     modules_.push_back(std::make_unique<CuckooModule>(env_));
@@ -638,105 +578,78 @@ class DemoAgent {
     modules_.push_back(std::make_unique<AllocModule>(env_));
     modules_.push_back(std::make_unique<SystemModule>(env_));
     registerAgentCommands();
-    watchSignals();
   }
 
-  void run() { env_.loop->run(); }
+  // Until "shutdown", SIGTERM or SIGINT.
+  void run() {
+    env_.loop->run();
+    if (env_.loop->stopSignal()) fprintf(stderr, "demo_agent: signal %d, stopping\n", env_.loop->stopSignal());
+  }
 
  private:
   void registerAgentCommands() {
-    env_.commands->commandIs("stats", "stats [all]: every workload, then the scheduler's task table",
-                             [this](const CommandRequest& r) { return stats(r); });
-    env_.commands->commandIs(
-        "dump", "dump [verbose] [gz <path>]: every component's state, here or to a gzip file",
-        [this](const CommandRequest& r) { return dump(r); });
-    env_.commands->commandIs("shutdown", "stops the agent cleanly", [this](const CommandRequest&) {
+    env_.commands->commandIs("stats", "stats [all]: every workload, then the scheduler's task table", 0, 1,
+                             [this](const CommandArgs& a) { return stats(a); });
+    env_.commands->commandIs("dump",
+                             "dump [verbose] [gz <file>]: every component's state, here or gzipped into a file "
+                             "of the dump directory",
+                             0, 3, [this](const CommandArgs& a) { return dump(a); });
+    env_.commands->commandIs("shutdown", "shutdown: stops the agent cleanly", 0, 0, [this](const CommandArgs&) {
       env_.loop->stop();
       return String("shutting down\n");
     });
   }
 
   // "all" adds tasks that never ran, dead tasks and the run history.
-  String stats(const CommandRequest& r) const {
-    const std::vector<String> w = words(r.args);
-    if (!w.empty() && (w.size() > 1 || w[0] != "all")) throw CommandError("usage: stats [all]");
-    const bool all = !w.empty();
-    String text = Zum::format("loop: descriptors %zu\n", env_.loop->fileDescriptorCount());
-    for (const auto& m : modules_) text += m->stats();
-    writeToClient(r.clientFd, text);
-    env_.scheduler->printStats(DumpContext::dumpContext(r.clientFd, dumpNormal, false), all, all, false, all);
-    return "";
+  String stats(const CommandArgs& a) const {
+    if (!a.empty() && a[0] != "all") throw CommandError("usage: stats [all]");
+    const bool all = !a.empty();
+    std::ostringstream text;
+    text << Zum::format("loop: descriptors %zu\n", env_.loop->fileDescriptorCount());
+    for (const auto& m : modules_) text << m->stats();
+    scheduler_->printStatsToStream(text, all, all, false, all);
+    return text.str();
   }
 
   void dumpAll(const Ptr<const DumpContext>& ctx) const {
     env_.commands->agentSocketHandlerSm()->dumpState(ctx, ctx->level());
     for (const auto& m : modules_) m->dump(ctx);
     trimmer_->dumpState(ctx, ctx->level());
-    env_.scheduler->printStats(ctx, false, false, false, false);
+    scheduler_->printStats(ctx, false, false, false, false);
   }
 
-  String dump(const CommandRequest& r) const {
-    std::vector<String> w = words(r.args);
-    DumpLevel level = dumpNormal;
-    if (!w.empty() && w.front() == "verbose") {
-      level = dumpVerbose;
-      w.erase(w.begin());
-    }
-    if (w.empty()) {
-      dumpAll(DumpContext::dumpContext(r.clientFd, level, false));
-      return "";
-    }
-    if (w.size() != 2 || w[0] != "gz") throw CommandError("usage: dump [verbose] [gz <path>]");
-    // A pipe or a device could stall the loop for as long as nobody reads it.
-    struct stat st;
-    if (stat(w[1].c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
-      throw CommandError(w[1] + " is not a regular file");
-    }
-    gzFile gz = openCompressedDumpFile(w[1].c_str());
-    if (!gz) throw CommandError("cannot open " + w[1]);
+  String dump(const CommandArgs& a) const {
+    const bool verbose = !a.empty() && a[0] == "verbose";
+    const DumpLevel level = verbose ? dumpVerbose : dumpNormal;
+    const size_t rest = a.size() - (verbose ? 1 : 0);
+    if (rest == 0) return dumpText([this](const Ptr<const DumpContext>& ctx) { dumpAll(ctx); }, level);
+    if (rest != 2 || a[a.size() - 2] != "gz") throw CommandError("usage: dump [verbose] [gz <file>]");
+    const String& file = a[a.size() - 1];
+    gzFile gz = openCompressedDumpFileInDir(dumpDir_, file);
+    if (!gz) throw CommandError("cannot write " + file + " in " + dumpDir_ + ": " + strerror(errno));
     dumpAll(dumpContextFactory(0, gz, level));
     closeCompressedDumpFile(gz);
-    return "dumped to " + w[1] + "\n";
+    return "dumped to " + dumpDir_ + "/" + file + "\n";
   }
 
-  // SIGTERM and SIGINT stop the loop like "shutdown" does.
-  void watchSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    signals_ = env_.loop->fileDescriptorNew(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
-    signalReactor_.agent = this;
-    signalReactor_.notifierIs(signals_);
-  }
-
-  struct SignalReactor : Zum::FileDescriptor::Notifiee {
-    DemoAgent* agent = nullptr;
-    void onReadable() override {
-      signalfd_siginfo info;
-      if (read(notifier()->fd(), &info, sizeof(info)) != sizeof(info)) return;
-      fprintf(stderr, "demo_agent: signal %u, stopping\n", info.ssi_signo);
-      agent->env_.loop->stop();
-    }
-  };
-
+  const String dumpDir_;
   DemoEnv env_;
+  Ptr<TaskSchedulerZumActivity> scheduler_;
   Ptr<MallocTrimmerSm> trimmer_;
   std::vector<std::unique_ptr<DemoModule>> modules_;
-  Ptr<Zum::FileDescriptor> signals_;
-  SignalReactor signalReactor_;
 };
 
 const char* const usageText =
-    "usage: demo_agent [--name NAME] [--seed N]\n"
+    "usage: demo_agent [--name NAME] [--seed N] [--dump-dir DIR]\n"
     "Serves operator commands on the abstract socket \"\\0s<NAME>\" (default demo);\n"
+    "\"dump gz <file>\" writes into DIR (default /tmp/demo_agent.<NAME>, made 0700).\n"
     "try: olkctl demo help\n";
 
 }  // namespace
 
 int main(int argc, char** argv) {
   String name = "demo";
+  String dumpDir;
   unsigned seed = 1;
   for (int i = 1; i < argc; ++i) {
     const String opt = argv[i];
@@ -744,18 +657,27 @@ int main(int argc, char** argv) {
       fputs(usageText, stdout);
       return 0;
     }
-    if (i + 1 == argc || (opt != "--name" && opt != "--seed")) {
+    if (i + 1 == argc || (opt != "--name" && opt != "--seed" && opt != "--dump-dir")) {
       fputs(usageText, stderr);
       return 1;
     }
-    if (opt == "--name") name = argv[++i];
-    if (opt == "--seed") seed = static_cast<unsigned>(strtoul(argv[++i], nullptr, 10));
+    const String value = argv[++i];
+    if (opt == "--name") name = value;
+    if (opt == "--seed") seed = static_cast<unsigned>(strtoul(value.c_str(), nullptr, 10));
+    if (opt == "--dump-dir") dumpDir = value;
   }
+  if (dumpDir.empty()) dumpDir = "/tmp/demo_agent." + name;
   srand(seed);
-  DemoAgent agent(name);
-  printf("demo_agent: serving commands on \\0s%s (pid %d)\n", name.c_str(), getpid());
-  fflush(stdout);
-  agent.run();
+  try {
+    DemoAgent agent(name, dumpDir);
+    printf("demo_agent: serving commands on \\0s%s (pid %d), dumps in %s\n", name.c_str(), getpid(),
+           dumpDir.c_str());
+    fflush(stdout);
+    agent.run();
+  } catch (const std::exception& e) {
+    fprintf(stderr, "demo_agent: %s\n", e.what());
+    return 1;
+  }
   printf("demo_agent: stopped\n");
   return 0;
 }

@@ -10,7 +10,9 @@
 //
 // Exit status: 0 reply received; 1 bad usage (also an empty command or one
 // longer than the 1027 bytes an agent reads); 2 no agent listens on that
-// name; 3 the time-out (default 5 s) struck; 4 any other socket error.
+// name; 3 the time-out (default 5 s) struck; 4 any other socket error; 5 the
+// agent answered with an error (a reply that starts with "error: ", or
+// "Unknown Command \n"), which is still printed in full.
 #include <errno.h>
 #include <poll.h>
 #include <stddef.h>
@@ -21,6 +23,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -28,7 +31,7 @@
 
 namespace {
 
-enum Exit { exitOk = 0, exitUsage = 1, exitNoAgent = 2, exitTimeout = 3, exitIo = 4 };
+enum Exit { exitOk = 0, exitUsage = 1, exitNoAgent = 2, exitTimeout = 3, exitIo = 4, exitErrorReply = 5 };
 
 const char* const usageText =
     "usage: olkctl [--timeout SECONDS] <agent> <command> [argument...]\n"
@@ -43,7 +46,8 @@ const char* const usageText =
     "  -h, --help             show this text\n"
     "\n"
     "exit status: 0 reply received, 1 bad usage, 2 no agent listening,\n"
-    "             3 timed out, 4 other socket error\n"
+    "             3 timed out, 4 other socket error, 5 the agent answered\n"
+    "             with an error (\"error: ...\" or \"Unknown Command \")\n"
     "\n"
     "example: olkctl demo help\n";
 
@@ -136,10 +140,24 @@ void sendCommand(int sock, const Options& o) {
   fail(exitIo, o, std::string("send: ") + (n < 0 ? strerror(errno) : "short write"));
 }
 
-// Copies the reply to standard output until the agent closes. An agent that
-// closes with part of a long command unread resets the connection; that
-// still ends a complete reply.
-void copyReply(int sock, const Options& o, double deadline) {
+// How an agent's error replies begin: its command table's failures, and the
+// socket's answer to a word nobody registered.
+constexpr const char* errorReplyStarts[] = {"error: ", "Unknown Command \n"};
+constexpr size_t errorReplyStartBytes = 17;  // the longer of the two
+
+bool isErrorReply(const std::string& head) {
+  for (const char* start : errorReplyStarts) {
+    if (head.compare(0, strlen(start), start) == 0) return true;
+  }
+  return false;
+}
+
+// Copies the reply to standard output until the agent closes, and answers
+// its first bytes (enough to tell an error reply). An agent that closes with
+// part of a long command unread resets the connection; that still ends a
+// complete reply.
+std::string copyReply(int sock, const Options& o, double deadline) {
+  std::string head;
   char buf[65536];
   for (;;) {
     const double left = deadline - monotonicNow();
@@ -150,8 +168,11 @@ void copyReply(int sock, const Options& o, double deadline) {
     if (ready == 0) timedOut(o);
     const ssize_t n = recv(sock, buf, sizeof(buf), 0);
     if (n < 0 && errno == EINTR) continue;
-    if (n == 0 || (n < 0 && errno == ECONNRESET)) return;
+    if (n == 0 || (n < 0 && errno == ECONNRESET)) return head;
     if (n < 0) fail(exitIo, o, std::string("recv: ") + strerror(errno));
+    if (head.size() < errorReplyStartBytes) {
+      head.append(buf, std::min(static_cast<size_t>(n), errorReplyStartBytes - head.size()));
+    }
     if (fwrite(buf, 1, static_cast<size_t>(n), stdout) != static_cast<size_t>(n)) {
       fail(exitIo, o, "cannot write the reply to standard output");
     }
@@ -165,7 +186,8 @@ int main(int argc, char** argv) {
   const double deadline = monotonicNow() + o.timeout;
   const int sock = connectToAgent(o);
   sendCommand(sock, o);
-  copyReply(sock, o, deadline);
+  const std::string head = copyReply(sock, o, deadline);
   close(sock);
-  return fflush(stdout) == 0 ? exitOk : exitIo;
+  if (fflush(stdout) != 0) return exitIo;
+  return isErrorReply(head) ? exitErrorReply : exitOk;
 }

@@ -3,10 +3,12 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "platform/Exception.h"
 
@@ -17,11 +19,13 @@ namespace {
 constexpr U32 readEvents = EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 constexpr U32 writeEvents = EPOLLOUT | EPOLLHUP | EPOLLERR;
 constexpr int maxEventsPerWait = 64;
+// Descriptor serials start at 1; 0 marks the loop's own signalfd.
+constexpr U64 signalSerial = 0;
 
 }  // namespace
 
-FileDescriptor::FileDescriptor(ActivityManager* manager, int fd, U64 serial)
-    : manager_(manager), fd_(fd), serial_(serial) {}
+FileDescriptor::FileDescriptor(ActivityManager* manager, int fd, U64 serial, Name name)
+    : Entity(std::move(name)), manager_(manager), fd_(fd), serial_(serial) {}
 
 FileDescriptor::~FileDescriptor() {
   if (fd_ < 0) return;
@@ -63,12 +67,15 @@ ActivityManager::ActivityManager()
   if (epollFd_ < 0) throw ErrnoException(errno, "epoll_create1");
 }
 
-ActivityManager::~ActivityManager() { ::close(epollFd_); }
+ActivityManager::~ActivityManager() {
+  stopOnSignalsIs(false);
+  ::close(epollFd_);
+}
 
-Ptr<FileDescriptor> ActivityManager::fileDescriptorNew(int fd) {
+Ptr<FileDescriptor> ActivityManager::fileDescriptorNew(int fd, const Name& name) {
   if (fd < 0) throw RangeException("ActivityManager::fileDescriptorNew: fd < 0 not allowed");
   U64 serial = nextSerial_++;
-  Ptr<FileDescriptor> p = create<FileDescriptor>(this, fd, serial);
+  Ptr<FileDescriptor> p = create<FileDescriptor>(this, fd, serial, name);
   descriptors_.emplace(serial, p.ptr());
   interestChanged(p.ptr());
   return p;
@@ -100,6 +107,7 @@ int ActivityManager::waitMillis(Seconds maxWait) const {
 }
 
 std::size_t ActivityManager::dispatch(U64 serial, U32 events) {
+  if (serial == signalSerial) return handleSignals();
   auto it = descriptors_.find(serial);
   if (it == descriptors_.end()) return 0;  // destroyed earlier in this batch
   FileDescriptor* fd = it->second;
@@ -140,6 +148,46 @@ bool ActivityManager::runUntil(const std::function<bool()>& done, Seconds timeou
     runOnce(left);
   }
   return true;
+}
+
+void ActivityManager::stopOnSignalsIs(bool on) {
+  if (on == stopOnSignals()) return;
+  if (!on) {
+    ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, signalFd_, nullptr);
+    ::close(signalFd_);
+    signalFd_ = -1;
+    ::pthread_sigmask(SIG_SETMASK, &savedSignalMask_, nullptr);
+    return;
+  }
+  sigset_t stopping;
+  sigemptyset(&stopping);
+  sigaddset(&stopping, SIGTERM);
+  sigaddset(&stopping, SIGINT);
+  const int fd = ::signalfd(-1, &stopping, SFD_NONBLOCK | SFD_CLOEXEC);
+  if (fd < 0) throw ErrnoException(errno, "signalfd");
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.u64 = signalSerial;
+  if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &ev) < 0) {
+    const int err = errno;
+    ::close(fd);
+    throw ErrnoException(err, "epoll_ctl");
+  }
+  // Blocked only once the loop watches the descriptor, so a signal is
+  // never held back with nobody to read it.
+  ::pthread_sigmask(SIG_BLOCK, &stopping, &savedSignalMask_);
+  signalFd_ = fd;
+}
+
+std::size_t ActivityManager::handleSignals() {
+  std::size_t signals = 0;
+  signalfd_siginfo info;
+  while (::read(signalFd_, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
+    stopSignal_ = static_cast<int>(info.ssi_signo);
+    ++signals;
+  }
+  if (signals != 0) stop();
+  return signals;
 }
 
 Ptr<ActivityManager> activityManagerFactory() { return create<ActivityManager>(); }

@@ -19,6 +19,8 @@
 // batch are dropped.
 #pragma once
 
+#include <signal.h>
+
 #include <cstddef>
 #include <functional>
 #include <unordered_map>
@@ -57,7 +59,7 @@ class FileDescriptor : public Entity, public Notifier {
   friend class ActivityManager;
   template <class T, class... A>
   friend Ptr<T> create(A&&...);
-  FileDescriptor(ActivityManager* manager, int fd, U64 serial);
+  FileDescriptor(ActivityManager* manager, int fd, U64 serial, Name name);
 
   void notifyReadable() { notify(&Notifiee::onReadable); }
   void notifyWritable() { notify(&Notifiee::onWritable); }
@@ -76,8 +78,9 @@ class ActivityManager : public Entity {
 
   const Ptr<SystemClock>& clock() const { return clock_; }
 
-  // Starts watching `fd`, taking ownership of it.
-  Ptr<FileDescriptor> fileDescriptorNew(int fd);
+  // Starts watching `fd`, taking ownership of it. `name` is the entity's
+  // name, shown in traces and dumps; it need not be unique.
+  Ptr<FileDescriptor> fileDescriptorNew(int fd, const Name& name = {});
   std::size_t fileDescriptorCount() const { return descriptors_.size(); }
 
   // Loops until stop() is called from a callback.
@@ -89,6 +92,19 @@ class ActivityManager : public Entity {
   // Runs until done() is true or `timeout` seconds have passed; answers done().
   bool runUntil(const std::function<bool()>& done, Seconds timeout);
 
+  // When on, SIGTERM and SIGINT stop the loop instead of ending the process:
+  // they are blocked for the calling thread and read from a signalfd that
+  // the loop watches, so run() returns once the batch in which one arrived
+  // is done, and stopSignal() says which. Turning it off, or destroying the
+  // loop, puts the signal mask back as it was; a signal still unread then
+  // takes its default action. Turn it on before starting any thread, since
+  // threads inherit the mask and a thread that does not block the signals
+  // may take them. Throws ErrnoException when signalfd fails.
+  bool stopOnSignals() const { return signalFd_ >= 0; }
+  void stopOnSignalsIs(bool on);
+  // The signal that last stopped the loop; 0 when none has.
+  int stopSignal() const { return stopSignal_; }
+
  private:
   friend class FileDescriptor;
   template <class T, class... A>
@@ -99,12 +115,17 @@ class ActivityManager : public Entity {
   std::size_t dispatch(U64 serial, U32 events);
   void interestChanged(FileDescriptor* fd);
   void forget(FileDescriptor* fd);
+  // Reads every signal waiting on signalFd_ and stops the loop; answers how many.
+  std::size_t handleSignals();
 
   int epollFd_;
   Ptr<SystemClock> clock_;
   std::unordered_map<U64, FileDescriptor*> descriptors_;  // by serial
   U64 nextSerial_ = 1;
   bool stopRequested_ = false;
+  int signalFd_ = -1;          // the signalfd while stopOnSignals is on; epoll serial 0
+  sigset_t savedSignalMask_;   // the mask before stopOnSignals was turned on
+  int stopSignal_ = 0;
 };
 
 Ptr<ActivityManager> activityManagerFactory();

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs what a Debian 12 machine lacks to build and test libOlk (iproute2
-# and python3 serve tests: network namespaces and a tokenizer cross-check).
+# Installs what a Debian 12 machine lacks to build, test and package libOlk (iproute2
+# and python3 serve tests: network namespaces and a tokenizer cross-check; file
+# lets CPack find the dependencies of what it packages).
 # Idempotent: when everything is present it installs nothing and prints nothing.
 set -euo pipefail
 
@@ -8,8 +9,11 @@ packages=(
   build-essential cmake ninja-build pkg-config ccache
   zlib1g-dev libboost-filesystem-dev libboost-system-dev libboost-iostreams-dev
   libgtest-dev libgmock-dev libbenchmark-dev libroaring-dev libcuckoo-dev
-  iproute2 python3
+  iproute2 python3 file
 )
+# Callers add what only they need (the fuzz script: clang and its runtimes;
+# the benchmark script: gnuplot).
+packages+=("$@")
 
 missing=()
 for p in "${packages[@]}"; do

@@ -70,6 +70,7 @@ TEST_F(CellTest, CellIdFileParsesStrictlyWithBaseDetection) {
     int id;  // -1: refused
   } cases[] = {
       {"2", 2}, {"0x2", 2}, {"010", 8}, {"1\n", -1}, {"-1", -1}, {"", -1}, {"abc", -1}, {"2 ", -1}, {"0x", -1},
+      {"0x100000002", 2},  // wider than 32 bits: cut to 16 alike in 32- and 64-bit builds
   };
   for (const Case& c : cases) {
     fileIs("/etc/cellid", c.text);
@@ -100,6 +101,11 @@ TEST_F(CellTest, EnvironmentWinsOverFileAndIsCached) {
   setenv("CELLID", "5", 1);
   EXPECT_EQ(s->cellId(), 7) << "looked up once";
   unsetenv("CELLID");
+  EXPECT_EQ(freshStatus()->cellId(), 2);
+}
+
+TEST_F(CellTest, WideEnvironmentCellIdIsCutAlikeOnEveryWidth) {
+  setenv("CELLID", "4294967298", 1);  // 2^32 + 2
   EXPECT_EQ(freshStatus()->cellId(), 2);
 }
 

@@ -2,9 +2,14 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <linux/capability.h>
+#include <pwd.h>
+#include <sched.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <fstream>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -17,6 +22,7 @@
 #include "platform/Trace.h"
 
 using namespace Olk;
+using OlkTest::commandAsUid;
 using OlkTest::pumpUntil;
 using OlkTest::roundTrip;
 using OlkTest::sendCommand;
@@ -49,7 +55,7 @@ class ClientCounter : public AgentSocketHandlerSm::Notifiee {
 class AgentSocketHandlerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    handler = agentSocketHandlerSmFactory(name);
+    listen();
     recorder = Zum::create<RecordingCallback>("echo");
     handler->agentSocketCallbackIs(recorder);
     Zum::logSinkIs([this](const Zum::LogRecord& r) {
@@ -58,6 +64,15 @@ class AgentSocketHandlerTest : public ::testing::Test {
     });
   }
   void TearDown() override { Zum::logSinkIs(nullptr); }
+
+  // (Re)creates the handler listening as `name`.
+  void listen() {
+    handler = nullptr;
+    handler = agentSocketHandlerSmFactory(name);
+    // Without CAP_NET_ADMIN every command would be refused; the refusal has
+    // its own tests below.
+    if (!OlkTest::mayForceSendBuffer()) handler->sndBufFallbackIs(true);
+  }
 
   const String name = OlkTest::uniqueSocketName("ash");
   Ptr<AgentSocketHandlerSm> handler;
@@ -96,6 +111,19 @@ TEST_F(AgentSocketHandlerTest, SplitsAtFirstBlankOnly) {
   EXPECT_TRUE(trace.contains("Closing: clientFd:"));
   EXPECT_EQ(0u, handler->clientCount());
   EXPECT_EQ(0u, handler->fdCount());
+}
+
+TEST_F(AgentSocketHandlerTest, CommandWaitingAtAcceptIsServedInTheSameRound) {
+  const int sock = OlkTest::connectToAgent(name);
+  ASSERT_GE(sock, 0);
+  ASSERT_EQ(4, send(sock, "echo", 4, 0));  // queued before the agent accepts
+  Zum::activityManager()->runOnce(0);
+  char buf[16];
+  EXPECT_EQ(3, recv(sock, buf, sizeof(buf), MSG_DONTWAIT));  // "ok\n", no second round
+  EXPECT_EQ(0, recv(sock, buf, sizeof(buf), MSG_DONTWAIT));  // and closed
+  EXPECT_EQ(1u, recorder->args.size());
+  EXPECT_EQ(0u, handler->clientCount());
+  close(sock);
 }
 
 TEST_F(AgentSocketHandlerTest, LongCommandIsCutAt1027Bytes) {
@@ -291,54 +319,238 @@ namespace {
 
 constexpr uid_t nobody = 65534;
 
-// Connects as `uid` from a forked child and reports whether the reply matched.
-pid_t commandAsUid(const String& name, uid_t uid, const String& expected) {
-  pid_t pid = fork();
-  if (pid != 0) return pid;
-  if (setuid(uid) != 0) _exit(2);
-  _exit(sendCommand(name, "echo") == expected ? 0 : 1);
+}  // namespace
+
+TEST_F(AgentSocketHandlerTest, PeerCredentialCheckRefusesOtherUids) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as uid 65534 (CI does)";
+  EXPECT_FALSE(handler->peerCredentialCheck());
+  EXPECT_EQ("ok\n", commandAsUid(name, nobody, "echo"));  // off by default
+  ASSERT_EQ(1u, recorder->args.size());
+
+  handler->peerCredentialCheckIs(true);
+  EXPECT_EQ("Permission denied: uid 65534 may not send commands to this agent\n",
+            commandAsUid(name, nobody, "echo"));
+  EXPECT_EQ(1u, recorder->args.size());  // the refused command never ran
+  EXPECT_EQ(std::vector<String>{"AGENT_SOCKET_PEER_REFUSED"}, logs);
+  ASSERT_EQ(1u, logTexts.size());
+  EXPECT_EQ(0u, logTexts[0].find("Refused command connection from uid 65534 pid "));
+  EXPECT_EQ(0u, handler->clientCount());
+  EXPECT_EQ("ok\n", roundTrip(name, "echo"));  // the agent's own uid
+
+  handler->allowedUidIs(nobody);
+  EXPECT_EQ("ok\n", commandAsUid(name, nobody, "echo"));
+  EXPECT_EQ(3u, recorder->args.size());
 }
 
-int waitExit(pid_t pid) {
-  int status = -1;
-  pumpUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; });
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+namespace {
+
+// A regular expression matching exactly `text`.
+std::string exactly(const std::string& text) {
+  std::string re = "^";
+  for (char c : text) {
+    if (strchr("\\^$.|?*+()[]{}", c)) re += '\\';
+    re += c;
+  }
+  return re + "$";
+}
+
+// The start of `user`'s subordinate range in `file` (lines "name:start:count"
+// of /etc/subuid or /etc/subgid, the name possibly given as the uid), or -1.
+long subordinateStart(const char* file, uid_t user) {
+  const passwd* pw = getpwuid(user);
+  std::ifstream in(file);
+  for (std::string line; std::getline(in, line);) {
+    const size_t a = line.find(':');
+    const size_t b = line.find(':', a == std::string::npos ? a : a + 1);
+    if (b == std::string::npos) continue;
+    const std::string who = line.substr(0, a);
+    if (who == std::to_string(user) || (pw && who == pw->pw_name)) return std::stol(line.substr(a + 1, b - a - 1));
+  }
+  return -1;
+}
+
+bool runs(const std::vector<std::string>& argv) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  int status = 0;
+  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+bool writes(const std::string& path, const std::string& text) {
+  std::ofstream out(path);
+  out << text;
+  out.flush();
+  return static_cast<bool>(out);
+}
+
+// Whether a user namespace can hold, besides our own uid as 0, a second
+// kernel uid as 1: root maps 65534 itself; anyone else needs newuidmap,
+// newgidmap and subordinate ranges.
+bool canMapSecondUid() {
+  if (geteuid() == 0) return true;
+  return access("/usr/bin/newuidmap", X_OK) == 0 && access("/usr/bin/newgidmap", X_OK) == 0 &&
+         subordinateStart("/etc/subuid", getuid()) >= 0 && subordinateStart("/etc/subgid", getuid()) >= 0;
+}
+
+// Maps, in the user namespace of `pid`, 0 to our own ids and 1 to a second
+// kernel uid and gid.
+bool mapSecondUid(pid_t pid) {
+  const std::string p = std::to_string(pid);
+  const uid_t uid = getuid();
+  const gid_t gid = getgid();
+  if (geteuid() == 0) {
+    return writes("/proc/" + p + "/uid_map", "0 " + std::to_string(uid) + " 1\n1 65534 1\n") &&
+           writes("/proc/" + p + "/gid_map", "0 " + std::to_string(gid) + " 1\n1 65534 1\n");
+  }
+  return runs({"newuidmap", p, "0", std::to_string(uid), "1", "1",
+               std::to_string(subordinateStart("/etc/subuid", uid)), "1"}) &&
+         runs({"newgidmap", p, "0", std::to_string(gid), "1", "1",
+               std::to_string(subordinateStart("/etc/subgid", uid)), "1"});
+}
+
+// Inside the namespace: an agent with the check on, asked by itself (uid 0)
+// and by a client running as uid 1. Runs on a fresh thread, whose loop is
+// not the one this process shares with its parent.
+std::string refusalOfSecondUid() {
+  std::string report;
+  std::thread agent([&] {
+    std::vector<String> logs;
+    Zum::logSinkIs([&](const Zum::LogRecord& r) { logs.push_back(r.key); });
+    const String name = OlkTest::uniqueSocketName("userns");
+    auto handler = agentSocketHandlerSmFactory(name);
+    handler->peerCredentialCheckIs(true);
+    // Capabilities held in a user namespace do not include forcing buffers.
+    handler->sndBufFallbackIs(!OlkTest::mayForceSendBuffer());
+    auto recorder = Zum::create<RecordingCallback>("echo");
+    handler->agentSocketCallbackIs(recorder);
+    report = "uid " + std::to_string(geteuid()) + ": " + roundTrip(name, "echo");
+    report += "uid 1: " + commandAsUid(name, 1, "echo");
+    report += "served: " + std::to_string(recorder->args.size()) + "\n";
+    for (const String& key : logs) report += key + "\n";
+    Zum::logSinkIs(nullptr);
+  });
+  agent.join();
+  return report;
+}
+
+// Runs refusalOfSecondUid in a child inside a new user namespace, prints its
+// report on standard error and ends the process.
+[[noreturn]] void refuseSecondUidInUserNamespace() {
+  int ready[2], go[2], out[2];
+  if (pipe(ready) != 0 || pipe(go) != 0 || pipe(out) != 0) _exit(2);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const bool unshared = unshare(CLONE_NEWUSER) == 0;
+    (void)!write(ready[1], unshared ? "y" : "n", 1);
+    char mapped = 'n';
+    (void)!read(go[0], &mapped, 1);
+    const std::string report = mapped == 'y' ? refusalOfSecondUid() : "<no user namespace>\n";
+    (void)!write(out[1], report.data(), report.size());
+    _exit(0);
+  }
+  close(out[1]);
+  char unshared = 'n';
+  (void)!read(ready[0], &unshared, 1);
+  const bool mapped = unshared == 'y' && mapSecondUid(pid);
+  (void)!write(go[1], mapped ? "y" : "n", 1);
+  const std::string report = OlkTest::readAll(out[0]);
+  waitpid(pid, nullptr, 0);
+  fputs(report.c_str(), stderr);
+  _exit(0);
 }
 
 }  // namespace
 
-TEST_F(AgentSocketHandlerTest, PeerCredentialCheckRefusesOtherUids) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client under another uid";
-  EXPECT_FALSE(handler->peerCredentialCheck());
-  EXPECT_EQ(0, waitExit(commandAsUid(name, nobody, "ok\n")));  // off by default
-
-  handler->peerCredentialCheckIs(true);
-  EXPECT_EQ(0, waitExit(commandAsUid(
-                   name, nobody, "Permission denied: uid 65534 may not send commands to this agent\n")));
-  EXPECT_EQ(std::vector<String>{"AGENT_SOCKET_PEER_REFUSED"}, logs);
-  EXPECT_EQ("ok\n", roundTrip(name, "echo"));  // the agent's own uid
-
-  handler->allowedUidIs(nobody);
-  EXPECT_EQ(0, waitExit(commandAsUid(name, nobody, "ok\n")));
-  EXPECT_EQ(3u, recorder->args.size());
+// The same refusal without root, when the system grants a second uid: in a
+// user namespace the agent is uid 0 and the client uid 1. Root takes this
+// path too, so CI runs it. It runs in a freshly started copy of the test
+// program so that no earlier log is still rate-limited.
+TEST(AgentSocketHandlerUserNamespaceDeathTest, PeerCredentialCheckRefusesSecondUid) {
+  if (!canMapSecondUid()) {
+    GTEST_SKIP() << "needs root, or newuidmap/newgidmap and subordinate ranges for this user in "
+                    "/etc/subuid and /etc/subgid, to give a client a second uid";
+  }
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(refuseSecondUidInUserNamespace(), testing::ExitedWithCode(0),
+              exactly("uid 0: ok\n"
+                      "uid 1: Permission denied: uid 1 may not send commands to this agent\n"
+                      "served: 1\n"
+                      "AGENT_SOCKET_PEER_REFUSED\n"));
 }
 
-TEST(AgentSocketHandlerUnprivileged, AgentThatMayNotForceSendBufferStillServes) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root to drop to another uid";
-  EXPECT_EQ(0, OlkTest::inChild([] {
-    if (setuid(nobody) != 0) return 2;  // drops CAP_NET_ADMIN
-    // A new thread gets its own loop: the inherited one shares its epoll set
-    // with the parent.
-    int result = 1;
-    std::thread agent([&] {
-      const String name = OlkTest::uniqueSocketName("unpriv");
-      auto handler = agentSocketHandlerSmFactory(name);
-      handler->agentSocketCallbackIs(Zum::create<RecordingCallback>("echo"));
-      if (roundTrip(name, "echo") == "ok\n") result = 0;
-    });
-    agent.join();
-    return result;
-  }));
+namespace {
+
+// Takes CAP_NET_ADMIN out of every capability set of this process, so that
+// forcing a send buffer is refused as it is for an agent without it.
+bool dropNetAdmin() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct caps[_LINUX_CAPABILITY_U32S_3] = {};
+  if (syscall(SYS_capget, &header, caps) != 0) return false;
+  const U32 bit = 1u << (CAP_NET_ADMIN % 32);
+  __user_cap_data_struct& word = caps[CAP_NET_ADMIN / 32];
+  word.effective &= ~bit;
+  word.permitted &= ~bit;
+  word.inheritable &= ~bit;
+  return syscall(SYS_capset, &header, caps) == 0 && !OlkTest::mayForceSendBuffer();
+}
+
+// Serves one "echo" from an agent without CAP_NET_ADMIN and ends the process,
+// leaving on standard error what it printed itself, then
+// "reply=[...] served=N clients=N" and the send-buffer trace lines and the
+// log lines, one per line.
+[[noreturn]] void echoWithoutNetAdmin(bool sndBufFallback) {
+  if (!dropNetAdmin()) {
+    fprintf(stderr, "cannot drop CAP_NET_ADMIN\n");
+    _exit(1);
+  }
+  Zum::TraceCapture trace(9);
+  std::vector<String> logs;
+  Zum::logSinkIs([&](const Zum::LogRecord& r) { logs.push_back(String(r.key) + ": " + r.text); });
+  const String name = OlkTest::uniqueSocketName("noadmin");
+  auto handler = agentSocketHandlerSmFactory(name);
+  handler->sndBufFallbackIs(sndBufFallback);
+  auto recorder = Zum::create<RecordingCallback>("echo");
+  handler->agentSocketCallbackIs(recorder);
+  const String reply = roundTrip(name, "echo");
+  String report = "reply=[" + reply + "] served=" + std::to_string(recorder->args.size()) +
+                  " clients=" + std::to_string(handler->clientCount()) + "\n";
+  for (const String& line : trace.texts()) {
+    if (line.find("SNDBUF") != String::npos || line.find("setsockopt") != String::npos) {
+      report += "trace: " + line + "\n";
+    }
+  }
+  for (const String& log : logs) report += log + "\n";
+  fputs(report.c_str(), stderr);
+  fflush(stderr);
+  _exit(0);
+}
+
+}  // namespace
+
+// These run in a freshly started copy of the test program, so that neither
+// an earlier test's rate-limited log nor this process's loop interferes, and
+// the capability drop stays there.
+TEST(AgentSocketHandlerSendBufferDeathTest, RefusedForceClosesTheConnectionUnanswered) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(echoWithoutNetAdmin(false), testing::ExitedWithCode(0),
+              exactly("setsockopt on SO_SNDBFFORCE: Operation not permitted\n"
+                      "reply=[] served=0 clients=0\n"
+                      "trace: setsockopt failed with err= 1\n"
+                      "AGENT_SOCKET_COMMAND_ERROR: Error (Operation not permitted) on command "
+                      "execution\n"));
+}
+
+TEST(AgentSocketHandlerSendBufferDeathTest, FallbackServesWhenOptedIn) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(echoWithoutNetAdmin(true), testing::ExitedWithCode(0),
+              exactly("reply=[ok\n] served=1 clients=0\n"
+                      "trace: SO_SNDBUFFORCE not permitted, asking SO_SNDBUF instead\n"));
 }
 
 TEST_F(AgentSocketHandlerTest, MutatorsRefuseNull) {
@@ -349,7 +561,7 @@ TEST_F(AgentSocketHandlerTest, MutatorsRefuseNull) {
                             "null _fd parameter to mutator for Olk::AgentSocketHandlerSm::fd not allowed\"");
   int pair[2];
   ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-  auto fd = Zum::activityManager()->fileDescriptorNew(pair[0]);
+  auto fd = Zum::activityManager()->fileDescriptorNew(pair[0], clientFdName(pair[0]));
   OlkTest::expectRangeError([&] { handler->clientIs(fd, nullptr); },
                             "null _client parameter to mutator for Olk::AgentSocketHandlerSm::client not allowed\"");
   EXPECT_EQ(0u, handler->clientCount());
@@ -359,7 +571,7 @@ TEST_F(AgentSocketHandlerTest, MutatorsRefuseNull) {
 TEST_F(AgentSocketHandlerTest, ClientConstructorAttributesCannotChange) {
   int pair[2];
   ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-  auto fd = Zum::activityManager()->fileDescriptorNew(pair[0]);
+  auto fd = Zum::activityManager()->fileDescriptorNew(pair[0], clientFdName(pair[0]));
   auto client = handler->clientIs(fd, handler.ptr());
   EXPECT_EQ(client, handler->clientIs(fd, handler.ptr()));
   EXPECT_EQ(client, handler->client(clientFdName(pair[0])));
@@ -413,6 +625,7 @@ TEST(AgentSocketHandlerDeathTest, RunCommandWithoutAgentIsFatal) {
 TEST(AgentSocketHandlerRunCommand, DeliversCommandText) {
   String name = OlkTest::uniqueSocketName("run");
   auto handler = agentSocketHandlerSmFactory(name);
+  handler->sndBufFallbackIs(!OlkTest::mayForceSendBuffer());
   auto recorder = Zum::create<RecordingCallback>("echo");
   handler->agentSocketCallbackIs(recorder);
   testing::internal::CaptureStdout();
@@ -420,8 +633,7 @@ TEST(AgentSocketHandlerRunCommand, DeliversCommandText) {
   String out = testing::internal::GetCapturedStdout();
   ASSERT_TRUE(pumpUntil([&] { return !recorder->args.empty(); }));
   EXPECT_EQ("hello world", recorder->args[0]);
-  EXPECT_NE(String::npos, out.find(name));
-  EXPECT_NE(String::npos, out.find("16"));
+  EXPECT_EQ("Socket name: " + name + "\nSent 16 bytes: echo hello world\n", out);
 }
 
 namespace {
@@ -439,23 +651,48 @@ TEST(BaseOutputSm, StreamsDerivedTypeName) {
   EXPECT_EQ("Olk::AgentSocketHandlerSm", h.str());
 }
 
-TEST(AgentSocketHandlerDump, ShowsSocketClientsAndVerboseCommands) {
+namespace {
+
+class FdRecorder : public AgentSocketHandlerSm::Notifiee {
+ public:
+  std::vector<String> names;
+  void onFd(const String& name) override { names.push_back(name); }
+};
+
+}  // namespace
+
+TEST(AgentSocketHandlerDump, ShowsNamedDescriptorsClientsAndVerboseCommands) {
   String name = OlkTest::uniqueSocketName("dump");
   auto handler = agentSocketHandlerSmFactory(name);
   handler->agentSocketCallbackIs(Zum::create<RecordingCallback>("echo"));
+  FdRecorder fds;
+  fds.notifierIs(handler);
+  const int silent = OlkTest::connectToAgent(name);
+  ASSERT_TRUE(pumpUntil([&] { return handler->clientCount() == 1; }));
+  ASSERT_EQ(1u, fds.names.size());
+  const String clientName = fds.names[0];
+  ASSERT_EQ(0u, clientName.find("clientFd:"));
+  const int clientFd = handler->fd(clientName)->fd();
+  EXPECT_EQ(clientFdName(clientFd), clientName);
+  EXPECT_EQ(clientName, handler->fd(clientName)->name());
+  EXPECT_EQ("AgentSocketHandler server", handler->agentsockFd()->name());
+
   int pair[2];
   ASSERT_EQ(0, pipe(pair));
   handler->dumpState(DumpContext::dumpContext(pair[1], dumpNormal, false), dumpNormal);
   handler->dumpState(DumpContext::dumpContext(pair[1], dumpVerbose, false), dumpVerbose);
   close(pair[1]);
-  char buf[4096];
-  String text(buf, static_cast<size_t>(std::max<ssize_t>(0, read(pair[0], buf, sizeof(buf)))));
+  const String text = OlkTest::readAll(pair[0]);
   close(pair[0]);
-  const String header = "AgentSocketHandlerSm socket: s" + name + " initialized: 1\n";
-  ASSERT_NE(String::npos, text.find(header));
-  EXPECT_NE(text.find(header), text.rfind(header));  // one per dump
-  EXPECT_EQ(text.find("command: echo (recorder)\n"), text.rfind("command: echo (recorder)\n"));
-  EXPECT_NE(String::npos, text.find("command: echo (recorder)\n"));
+  const String once = "AgentSocketHandlerSm socket: s" + name + " initialized: 1\n" +
+                      "  agentsockFd: AgentSocketHandler server fd: " +
+                      std::to_string(handler->agentsockFd()->fd()) + "\n" +
+                      "  peerCredentialCheck: 0 sndBufFallback: " +
+                      std::to_string(handler->sndBufFallback()) +
+                      " maxClients: 128 idleTimeout: 60 clients: 1 commands: 1\n" +
+                      "  fd: " + clientName + "\n  client: " + clientName + "\n";
+  EXPECT_EQ(once + once + "  command: echo (recorder)\n", text);
+  close(silent);
 }
 
 namespace {
@@ -477,14 +714,39 @@ class DropHandlerCallback : public AgentSocketCallback {
 
 }  // namespace
 
+namespace {
+
+// Runs "drop" against `handler`, its command sent before the agent accepts
+// (served at accept) or after (served on a later readability), and returns
+// the reply.
+String dropFromInsideCommand(const String& name, bool sendBeforeAccept) {
+  const int sock = OlkTest::connectToAgent(name);
+  if (sendBeforeAccept) send(sock, "drop", 4, 0);
+  Zum::activityManager()->runOnce(0);
+  if (!sendBeforeAccept) {
+    send(sock, "drop", 4, 0);
+    Zum::activityManager()->runOnce(0);
+  }
+  char buf[16];
+  const ssize_t n = recv(sock, buf, sizeof(buf), MSG_DONTWAIT);
+  close(sock);
+  return n > 0 ? String(buf, static_cast<size_t>(n)) : String("<no reply>");
+}
+
+}  // namespace
+
 TEST_F(AgentSocketHandlerTest, CallbackMayDropLastReferenceToHandler) {
-  auto drop = Zum::create<DropHandlerCallback>();
-  drop->holder = &handler;
-  handler->agentSocketCallbackIs(drop);
-  Zum::TraceCapture trace(9);
-  EXPECT_EQ("bye\n", roundTrip(name, "drop"));
-  EXPECT_EQ(nullptr, handler);
-  EXPECT_TRUE(trace.contains("handleDeletion"));
-  EXPECT_TRUE(trace.contains("Socket deleted"));
-  EXPECT_EQ("<no agent>", sendCommand(name, "echo"));
+  for (bool sendBeforeAccept : {true, false}) {
+    SCOPED_TRACE(sendBeforeAccept ? "served at accept" : "served on readability");
+    listen();
+    auto drop = Zum::create<DropHandlerCallback>();
+    drop->holder = &handler;
+    handler->agentSocketCallbackIs(drop);
+    Zum::TraceCapture trace(9);
+    EXPECT_EQ("bye\n", dropFromInsideCommand(name, sendBeforeAccept));
+    EXPECT_EQ(nullptr, handler);
+    EXPECT_TRUE(trace.contains("handleDeletion"));
+    EXPECT_TRUE(trace.contains("Socket deleted"));
+    EXPECT_EQ("<no agent>", sendCommand(name, "echo"));
+  }
 }

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -60,6 +61,18 @@ inline std::string sendCommand(const std::string& name, const std::string& comma
   return reply;
 }
 
+// Whether this process may force a socket's send buffer (CAP_NET_ADMIN);
+// agents that may not need their handler's sndBufFallback to serve at all.
+inline bool mayForceSendBuffer() {
+  int pair[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return false;
+  int size = 65536;
+  const bool ok = setsockopt(pair[0], SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof(size)) == 0;
+  close(pair[0]);
+  close(pair[1]);
+  return ok;
+}
+
 // A socket name no other test process uses.
 inline std::string uniqueSocketName(const char* tag) {
   static int counter = 0;
@@ -76,6 +89,37 @@ inline bool pumpUntil(const std::function<bool()>& done) {
     loop->runOnce(0.005);
   }
   return true;
+}
+
+// Everything readable from `fd` until end of file.
+inline std::string readAll(int fd) {
+  std::string text;
+  char buf[4096];
+  for (ssize_t n; (n = read(fd, buf, sizeof(buf))) > 0;) text.append(buf, static_cast<size_t>(n));
+  return text;
+}
+
+// Sends `command` from a forked child running as `uid` (group likewise)
+// while this thread drives the agent's loop; returns the reply, or a text
+// saying why the child could not send. Needs root to change uid.
+inline std::string commandAsUid(const std::string& name, uid_t uid, const std::string& command) {
+  int out[2];
+  if (pipe(out) != 0) return "<no pipe>";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(out[0]);
+    const std::string reply = setresgid(uid, uid, uid) == 0 && setresuid(uid, uid, uid) == 0
+                                  ? sendCommand(name, command)
+                                  : "<cannot become uid " + std::to_string(uid) + ">";
+    (void)!write(out[1], reply.data(), reply.size());
+    _exit(0);
+  }
+  close(out[1]);
+  int status = 0;
+  pumpUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; });
+  std::string reply = readAll(out[0]);
+  close(out[0]);
+  return reply;
 }
 
 // Runs `command` against the agent on a client thread while this thread

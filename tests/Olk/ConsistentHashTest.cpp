@@ -126,3 +126,33 @@ TEST(ConsistentHash, AddingAMemberMovesKeysOnlyToIt) {
   EXPECT_GT(moved, keys.size() / 30);  // about 1/11 of them
   EXPECT_LT(moved, keys.size() / 5);
 }
+
+// Keys exactly at each point and one past it pin every point's owner, so a
+// point left behind by a removal, or an owner not updated, shows at once.
+TEST(ConsistentHash, EveryPointKeepsItsOwnerThroughChanges) {
+  const U64 a = 900, b = firstPoint(900);  // b's points are a's from the second on
+  ConsistentHashCircle c;
+  std::map<U64, U64> members;
+  auto check = [&] {
+    std::map<U64, U64> all;
+    for (const auto& [hash, n] : members) {
+      U64 p = hash;
+      for (U64 i = 0; i < n; ++i) all[p = ConsistentHashCircle::nextPoint(p)] = hash;
+    }
+    ASSERT_EQ(all.size(), c.points());
+    for (const auto& [p, unused] : all) {
+      ASSERT_EQ(referenceOwner(members, p), c.getHash(p)) << "point " << p;
+      ASSERT_EQ(referenceOwner(members, p + 1), c.getHash(p + 1)) << "after point " << p;
+    }
+  };
+  for (auto [hash, n] : {std::pair<U64, U64>{b, 5}, {a, 4}, {77, 30}, {a, 4}}) {
+    c.addHash(hash, n);
+    members[hash] = n;
+    check();
+  }
+  for (U64 hash : {a, U64(12345), b}) {
+    c.delHash(hash);
+    members.erase(hash);
+    check();
+  }
+}

@@ -116,7 +116,7 @@ class RandomRun {
         EXPECT_TRUE(f_.table->deleteItem(item(v.key(), v.hashIndex0(), v.hashIndex1(), v.hashIndex2())));
       } else {
         const U32 key = rng_() % keySpace;
-        Item fresh = item(key, rng_(), rng_(), rng_());
+        Item fresh = constantHash_ ? item(key, 5, 5, 5) : item(key, rng_(), rng_(), rng_());
         if (!live.count(key)) f_.table->insertItem(fresh);
       }
       Segment segment{f_.cmds(), {}, !review};
@@ -131,6 +131,9 @@ class RandomRun {
   }
   Fixture& fixture() { return f_; }
   U32 segmentsWithRepeats() const { return repeats_; }
+  // Every new item gets the same hash in every table: all of them compete
+  // for one bucket per table, the worst case for walks and cycles.
+  void constantHashIs(bool on) { constantHash_ = on; }
 
  private:
   void acknowledge() {
@@ -168,6 +171,7 @@ class RandomRun {
   U32 sinceAck_ = 0;
   U32 repeats_ = 0;
   bool missed_ = false;
+  bool constantHash_ = false;
   std::vector<Segment> segments_;
 };
 
@@ -421,6 +425,20 @@ TEST(CuckooHashTable, RandomRunsStayHitlessOnEveryWrite) {
   EXPECT_GT(pendingSeen, 20u);  // and so were full tables
 }
 
+TEST(CuckooHashTable, ConstantHashRunsStayHitlessAndFillOnlyOneBucketPerTable) {
+  for (size_t s = 0; s < shapes.size(); ++s) {
+    for (U32 seed = 1; seed <= 3; ++seed) {
+      RandomRun run(shapes[s], seed * 31 + U32(s), 50, true, 3);
+      run.constantHashIs(true);
+      EXPECT_FALSE(run.go(200, capacity(shapes[s]) + 4)) << "shape " << s << " seed " << seed;
+      EXPECT_EQ(0u, run.segmentsWithRepeats());
+      U32 oneBucketEach = 0;
+      for (const auto& [size, bins] : shapes[s]) oneBucketEach += bins;
+      EXPECT_LE(run.fixture().table->itemShadow().size(), oneBucketEach) << "shape " << s;
+    }
+  }
+}
+
 TEST(CuckooHashTable, WithoutHitlessSelfCheckAgreesWithHardwareModel) {
   bool anyMiss = false;
   for (size_t s = 0; s < shapes.size(); ++s) {
@@ -617,4 +635,196 @@ TEST(CuckooHashTable, SelfCheckFollowsAnAgentThatDequeuesAsItWrites) {
   f.status->cuckooCmds()->itemSeqEnq(cuckooItemFactory(CuckooLocation{0, 0, 1}, nullptr));
   f.status->cuckooCmds()->itemSeqEnq(cuckooItemFactory(CuckooLocation{0, 0, 1}, nullptr));
   EXPECT_FALSE(f.table->verifyCuckooCmdsHitless());
+}
+
+// ---- recorded behaviour ------------------------------------------------------
+
+namespace {
+
+// FNV-1a over a sequence of texts; each text is closed by a separator so that
+// ("ab", "c") and ("a", "bc") differ.
+class Fingerprint {
+ public:
+  Fingerprint& operator<<(std::string_view text) {
+    for (unsigned char c : text) mix(c);
+    mix(0xFF);
+    return *this;
+  }
+  Fingerprint& operator<<(U64 n) { return *this << std::string_view(std::to_string(n)); }
+  U64 value() const { return hash_; }
+
+ private:
+  void mix(unsigned char c) {
+    hash_ ^= c;
+    hash_ *= 0x100000001B3ULL;
+  }
+  U64 hash_ = 0xCBF29CE484222325ULL;
+};
+
+String text(const Item& i) { return i ? i->toStrep() : String("null"); }
+
+// What an agent can observe of one long run, in three parts so that a change
+// shows where it lies: the command lists and answers, the trace and log
+// lines, and the final state with the next number rand() gives.
+struct Observed {
+  U64 commands;
+  U64 traces;
+  U64 state;
+  bool operator==(const Observed&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& os, const Observed& o) {
+  return os << "{0x" << std::hex << o.commands << "ULL, 0x" << o.traces << "ULL, 0x" << o.state << "ULL}"
+            << std::dec;
+}
+
+// Random insertions (fresh, repeated and equal-but-distinct items),
+// deletions (placed, pending and absent) and reviews, acknowledged in
+// batches of `batch`. Keys are drawn from `keysPerCent` of the slot count;
+// with three insertions to each deletion about two thirds of them are live.
+Observed observe(const Shape& shape, U32 seed, U32 maxLoop, bool hitless, U32 ops, U32 batch, U32 keysPerCent,
+                 bool traced) {
+  Fingerprint commands, traces, state;
+  std::optional<Zum::TraceCapture> capture;
+  if (traced) capture.emplace();
+  auto oldLogs = Zum::logSinkIs([&](const Zum::LogRecord& r) { traces << r.key << r.text; });
+  Fixture f(shape, seed, maxLoop, 3, hitless);
+  f.config->numFailureRecordsIs(5);
+  f.start();
+  std::mt19937 rng(seed);
+  const U32 keys = capacity(shape) * keysPerCent / 100;  // above 150 the tables stay full
+  std::map<U32, Item> made;  // key -> the first item made for it
+  for (U32 op = 1; op <= ops; ++op) {
+    const U32 kind = rng() % 10;
+    const U32 key = rng() % keys;
+    auto known = made.find(key);
+    if (kind == 0) {
+      f.clock->advance(f.config->pendingItemReviewQuantum());
+    } else if (kind <= 3) {
+      Item victim = known == made.end() ? item(key, rng(), rng(), rng()) : known->second;
+      if (kind == 3 && known != made.end()) {
+        victim = item(key, intItem(victim).hashIndex0(), intItem(victim).hashIndex1(), intItem(victim).hashIndex2());
+      }
+      commands << "delete" << text(victim) << U64(f.table->deleteItem(victim));
+    } else {
+      Item fresh = item(key, rng(), rng(), rng());
+      if (known != made.end()) {
+        const IntHashItem& k = intItem(known->second);
+        fresh = kind == 9 ? known->second : item(key, k.hashIndex0(), k.hashIndex1(), k.hashIndex2());
+      } else {
+        made.emplace(key, fresh);
+      }
+      commands << "insert" << text(fresh) << U64(f.table->insertItem(fresh));
+    }
+    if (Ptr<CuckooItem const> found = f.table->lookupItem(item(key, 0, 0, 0))) {
+      commands << valueToStrep(found->location()) << text(found->item());
+    }
+    if (op % batch != 0 && op != ops) continue;
+    commands << "verify" << U64(f.table->verifyCuckooCmdsHitless());
+    for (size_t i = 0; i < f.cmds(); ++i) commands << valueToStrep(f.cmd(i)->location()) << text(f.cmd(i)->item());
+    f.config->cmdReadCompletedInc();
+  }
+  if (capture) {
+    for (const Zum::TraceRecord& r : capture->records()) {
+      if (r.handle->name() == "CuckooHashTable") traces << U64(r.level) << r.function << r.text;
+    }
+    capture.reset();
+  }
+  Zum::logSinkIs(oldLogs);
+  Collect dump;
+  Ptr<DumpContext> ctx = dumpContextFactory(1, nullptr, dumpNormal);
+  ctx->writeCallbackIs(&dump);
+  ctx->maxListEntriesDumpedIs(100000);
+  f.table->displayItems(2, ctx);
+  state << dump.text << U64(f.table->lastEvictedTable().value()) << U64(f.status->pendingItemVersion())
+        << U64(f.status->pendingItemSyslogVersion()) << U64(f.status->cycleCount())
+        << U64(f.status->longestCycle()) << U64(f.status->retryCount()) << U64(f.status->totalCmdReadCompleted());
+  for (const auto& [tableId, stat] : f.status->tableStat()) state << valueToStrep(*stat);
+  for (const auto* queue : {&f.status->firstFailLoadFactor(), &f.status->lastFailLoadFactor()}) {
+    for (U64 i = queue->head(); i < queue->tail(); ++i) state << std::to_string(queue->at(i));
+  }
+  state << U64(std::rand());
+  return {commands.value(), traces.value(), state.value()};
+}
+
+}  // namespace
+
+// Pins what the table does, down to the order of its random draws, against a
+// record made from an earlier build: a faster shadow or command list must
+// give the same writes, traces, counters and placements for the same seed.
+TEST(CuckooHashTable, LongSeededRunsMatchTheirRecord) {
+  struct Run {
+    Shape shape;
+    U32 seed, maxLoop;
+    bool hitless;
+    U32 ops, batch, keysPerCent;
+    Observed expected;
+  };
+  const Shape twoByFour = {{64, 4}, {64, 4}};
+  const std::vector<Run> runs = {
+      // High load, nothing fails.
+      {twoByFour, 17, 200, true, 2500, 1, 125,
+       {0x180e8e96851d6a11ULL, 0x19475db9eb3c3846ULL, 0x48d95360f1ef99a3ULL}},
+      // Full: loops dropped, attempts failed, pending items reviewed and logged.
+      {twoByFour, 18, 30, true, 1500, 9, 200,
+       {0xb63255b944fa7248ULL, 0xca9250dd04f2ac30ULL, 0xa3597439ec429e7cULL}},
+      {shapes[2], 19, 40, true, 500, 1, 200,
+       {0x4aa0eec22906c428ULL, 0x908f22100daaabeeULL, 0x75cda96217ba3cabULL}},
+      {shapes[3], 20, 6, true, 500, 4, 200,
+       {0x5ef581b797a64b8eULL, 0x24d57eb34fd18fe5ULL, 0xd1f2b2b8a3b88791ULL}},
+      {shapes[4], 21, 40, true, 500, 3, 200,
+       {0xa414e2fa1874510bULL, 0x81a7df3128708665ULL, 0x331292dfbf497470ULL}},
+      {shapes[5], 22, 40, true, 500, 1, 200,
+       {0x983520c134495586ULL, 0x7053f2efba9b7aa5ULL, 0xa30e69372b22a255ULL}},
+      {shapes[6], 23, 40, false, 500, 2, 200,
+       {0xd060c58e7acb33a4ULL, 0x73357a83b649abb9ULL, 0xadada6fe51bce360ULL}},
+      {shapes[0], 24, 12, true, 300, 5, 200,
+       {0x68f0a7c8083db8b9ULL, 0x89210cf17cb26fa7ULL, 0x4e0e37abc998e232ULL}},
+      {twoByFour, 25, 30, false, 2000, 6, 200,
+       {0x7e45bb7f86fefa65ULL, 0xf509ce94fa80fa5aULL, 0x8698362d981f3b91ULL}},
+  };
+  for (size_t i = 0; i < runs.size(); ++i) {
+    const Run& r = runs[i];
+    const Observed traced = observe(r.shape, r.seed, r.maxLoop, r.hitless, r.ops, r.batch, r.keysPerCent, true);
+    EXPECT_EQ(r.expected, traced) << "run " << i;
+    // Tracing only reports: with it off the table does exactly the same.
+    const Observed quiet = observe(r.shape, r.seed, r.maxLoop, r.hitless, r.ops, r.batch, r.keysPerCent, false);
+    EXPECT_EQ(traced.commands, quiet.commands) << "run " << i;
+    EXPECT_EQ(traced.state, quiet.state) << "run " << i;
+  }
+}
+
+TEST(CuckooHashTable, ShadowListsSlotsInOrderAndRecordsOutliveTheirList) {
+  Fixture f({{4, 2}, {3, 1}});
+  f.start();
+  Item a = item(1, 2, 0), b = item(2, 2, 0), c = item(3, 2, 1), d = item(4, 0, 0);
+  for (const Item& i : {a, b, c, d}) ASSERT_TRUE(f.table->insertItem(i));
+  // Table by table, index by index, bin by bin; empty slots left out.
+  std::vector<std::pair<CuckooLocation, Item>> seen;
+  for (const auto& [l, i] : f.table->itemShadow()) seen.emplace_back(l, i);
+  const std::vector<std::pair<CuckooLocation, Item>> expected = {
+      {CuckooLocation{0, 0, 0}, d}, {CuckooLocation{0, 0, 2}, a}, {CuckooLocation{0, 1, 2}, b},
+      {CuckooLocation{1, 0, 1}, c}};
+  EXPECT_EQ(expected, seen);
+  EXPECT_EQ(4u, f.table->itemShadow().size());
+  EXPECT_FALSE(f.table->itemShadow(CuckooLocation{1, 1, 1}));  // no second bin in table 1
+  EXPECT_FALSE(f.table->itemShadow(CuckooLocation{0, 0, 4}));  // past the last index
+  EXPECT_FALSE(f.table->itemShadow(CuckooLocation{2, 0, 0}));  // no such table
+
+  // A write held by the agent stays as it was while later lists come and go.
+  const Ptr<CuckooItem const> held = f.cmd(2);
+  f.config->cmdReadCompletedInc();
+  for (U32 k = 10; k < 13; ++k) {
+    f.table->insertItem(item(k, k, k));
+    f.config->cmdReadCompletedInc();
+  }
+  EXPECT_EQ((CuckooLocation{1, 0, 1}), held->location());
+  EXPECT_EQ(c, held->item());
+}
+
+TEST(CuckooHashTableDeathTest, WriteOutsideTheTablesAborts) {
+  Fixture f({{4, 2}});
+  f.start();
+  EXPECT_DEATH(f.table->setItemAtLocation(item(1, 0, 0), CuckooLocation{0, 2, 0}),
+               "itemShadow_\\.holds\\(location\\)");
 }

@@ -276,3 +276,104 @@ TEST(DumpContext, SanitizedTypeNameDropsQualifiers) {
   EXPECT_STREQ(objDumpSanitizeTypeName("TimerWheel"), "TimerWheel");
   EXPECT_STREQ(objDumpSanitizeTypeName("Olk::"), "");
 }
+
+namespace {
+
+// A dump directory inside a scratch directory, so that escapes land beside it.
+class DumpDirTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(mkdir(dumps.c_str(), 0755), 0); }
+
+  // Writes `text` through a dump opened in `dumps`; false when refused.
+  bool dump(const std::string& name, const char* text) {
+    gzFile gz = openCompressedDumpFileInDir(dumps, name);
+    if (!gz) return false;
+    objDumpPrintf(dumpContextFactory(99, gz, dumpNormal), "%s", text);
+    closeCompressedDumpFile(gz);
+    return true;
+  }
+  // Expects `name` refused with `err`.
+  void expectRefused(const std::string& name, int err) {
+    errno = 0;
+    EXPECT_EQ(openCompressedDumpFileInDir(dumps, name), nullptr) << name;
+    EXPECT_EQ(errno, err) << name;
+  }
+  static void writeFile(const std::string& path, const char* text) {
+    std::ofstream(path, std::ios::binary) << text;
+  }
+
+  TempDir scratch;
+  const std::string dumps = scratch.file("dumps");
+  const std::string victim = scratch.file("victim");
+};
+
+}  // namespace
+
+TEST_F(DumpDirTest, NewFileIsGzipWithMode0644AndOwnFileIsRewrittenNotAppended) {
+  mode_t old = umask(022);
+  ASSERT_TRUE(dump("state.gz", "first\n"));
+  umask(old);
+  const std::string path = dumps + "/state.gz";
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0644u);
+  EXPECT_EQ(readGzip(path), "first\n");
+
+  ASSERT_TRUE(dump("state.gz", "second\n"));
+  EXPECT_EQ(readGzip(path), "second\n");
+}
+
+TEST_F(DumpDirTest, NamesThatAreNotPlainFileNamesAreRefused) {
+  writeFile(victim, "victim");
+  for (const std::string& name : {std::string(), std::string("."), std::string(".."),
+                                  std::string("../victim"), std::string("../x"), victim,
+                                  scratch.file("absolute"), std::string("sub/x"),
+                                  std::string("x\0y", 3)}) {
+    expectRefused(name, EINVAL);
+  }
+  EXPECT_EQ(readFile(victim), "victim");
+  EXPECT_NE(access(scratch.file("x").c_str(), F_OK), 0);
+  EXPECT_NE(access(scratch.file("absolute").c_str(), F_OK), 0);
+  EXPECT_NE(access((dumps + "/x").c_str(), F_OK), 0);
+}
+
+TEST_F(DumpDirTest, PlantedSymbolicLinksAreNeverFollowed) {
+  writeFile(victim, "victim");
+  ASSERT_EQ(symlink(victim.c_str(), (dumps + "/evil.gz").c_str()), 0);
+  expectRefused("evil.gz", ELOOP);
+  EXPECT_EQ(readFile(victim), "victim");
+
+  // A dangling link must not create its target either.
+  const std::string target = scratch.file("created");
+  ASSERT_EQ(symlink(target.c_str(), (dumps + "/dangling.gz").c_str()), 0);
+  expectRefused("dangling.gz", ELOOP);
+  EXPECT_NE(access(target.c_str(), F_OK), 0);
+
+  // Nor may the dump directory itself be a link elsewhere.
+  const std::string linkedDir = scratch.file("linked");
+  ASSERT_EQ(symlink(dumps.c_str(), linkedDir.c_str()), 0);
+  EXPECT_EQ(openCompressedDumpFileInDir(linkedDir, "x.gz"), nullptr);
+  EXPECT_NE(access((dumps + "/x.gz").c_str(), F_OK), 0);
+}
+
+TEST_F(DumpDirTest, ExistingEntriesOtherThanOwnSingleLinkedFilesAreRefused) {
+  // Opening a FIFO for writing would block the agent with no reader.
+  ASSERT_EQ(mkfifo((dumps + "/fifo").c_str(), 0600), 0);
+  expectRefused("fifo", EPERM);
+  ASSERT_EQ(mkdir((dumps + "/dir").c_str(), 0755), 0);
+  expectRefused("dir", EPERM);
+  // A second name for a file elsewhere would truncate that file too.
+  writeFile(victim, "victim");
+  ASSERT_EQ(link(victim.c_str(), (dumps + "/hard.gz").c_str()), 0);
+  expectRefused("hard.gz", EPERM);
+  EXPECT_EQ(readFile(victim), "victim");
+}
+
+TEST_F(DumpDirTest, FileOfAnotherUserIsNotTouched) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to give a file to another uid";
+  const std::string other = dumps + "/other.gz";
+  writeFile(other, "theirs");
+  ASSERT_EQ(chown(other.c_str(), 65534, 65534), 0);
+  expectRefused("other.gz", EPERM);
+  EXPECT_EQ(readFile(other), "theirs");
+}

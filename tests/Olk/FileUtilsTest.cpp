@@ -100,6 +100,22 @@ TEST(FileUtils, FileTimesCarryNanoseconds) {
   EXPECT_EQ(GetCapturedStderr(), line + line);
 }
 
+// A 32-bit agent examines files past 2 GiB too, whose size a 32-bit offset
+// cannot hold. The file is sparse: it takes no disk space.
+TEST(FileUtils, FilesPastTwoGibibytesCanBeExamined) {
+  TempDir t;
+  std::string f = t.file("big");
+  ASSERT_EQ(truncate64(f.c_str(), off64_t{3} << 30), 0);
+  timespec times[2] = {{1000, 0}, {1700000000, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, f.c_str(), times, 0), 0);
+  bool isDir = true;
+  EXPECT_TRUE(isDirPath(f, isDir, true));
+  EXPECT_FALSE(isDir);
+  double mtime = 0;
+  EXPECT_TRUE(getFileMtime(f, mtime));
+  EXPECT_EQ(mtime, 1700000000.0);
+}
+
 TEST(FileUtils, GlobAppendsMatchesOrLeavesOutputAlone) {
   TempDir t;
   std::string a = t.file("a.conf"), b = t.file("b.conf");

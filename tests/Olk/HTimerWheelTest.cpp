@@ -123,8 +123,6 @@ TEST(TimerWheelConstruction, BucketsCoverCapacityWithAtLeastTwo) {
   EXPECT_EQ(timerWheelFactory(clock, 1, 0xffffffff, false, 0x10000)->maxTicks(), 0xFFFFFFFFu);
 }
 
-TEST_F(TimerWheelTest, StartsIdle) { expectIdle(); }
-
 TEST_F(TimerWheelTest, TicksRoundUpAndFireNeverEarly) {
   Zum::TraceCapture trace;
   Timer t(wheel);

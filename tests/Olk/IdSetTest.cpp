@@ -307,3 +307,60 @@ TEST(IdSet, RandomAlgebraMatchesReferenceSets) {
     }
   }
 }
+
+// A set grown up to a third of its buckets and one thinned down to the same
+// ids from full reach that state by opposite paths, so one is stored sparse
+// and the other dense; nothing observable may differ between them.
+TEST(IdSet, SetsGrownAndThinnedToTheSameIdsAgree) {
+  const U16 size = 16384;
+  std::mt19937 rng(7);
+  Ref ref;
+  for (U32 b = 0; b < 256; b += 3) ref.insert(static_cast<U16>(b * 64 + rng() % 64));
+  IdSet grown = fromRef(size, ref);
+  IdSet thinned(size, Id::null());
+  thinned.idSetAll();
+  for (U32 v = 0; v < size; ++v) {
+    if (!ref.count(static_cast<U16>(v))) thinned.idDel(static_cast<U16>(v));
+  }
+  checkInvariants(grown, ref);
+  checkInvariants(thinned, ref);
+  EXPECT_EQ(grown, thinned);
+  EXPECT_EQ(thinned, grown);
+  EXPECT_EQ(grown.hash(), thinned.hash());
+  EXPECT_EQ(grown.stringValue(), thinned.stringValue());
+  EXPECT_TRUE((grown ^ thinned).empty());
+  EXPECT_TRUE((thinned - grown).empty());
+
+  // Algebra across the two forms, both ways round, against the reference.
+  Ref other = randomRef(rng, size, 0.3);
+  IdSet dense = fromRef(size, other);
+  for (char op : {'|', '-', '&', '^'}) {
+    SCOPED_TRACE(op);
+    auto apply = [op](IdSet x, const IdSet& y) {
+      return op == '|' ? x |= y : op == '-' ? x -= y : op == '&' ? x &= y : x ^= y;
+    };
+    checkInvariants(apply(grown, dense), setOp(ref, other, op));
+    checkInvariants(apply(dense, grown), setOp(other, ref, op));
+    checkInvariants(apply(thinned, dense), setOp(ref, other, op));
+  }
+}
+
+// A walk re-reads the set at every step: within the word it is in, an id
+// added ahead is visited and one removed ahead is not.
+TEST(IdSet, WalkSeesChangesAheadOfItInADenseSet) {
+  IdSet s(128, Id::null());
+  s.idSetRange(0, 128);
+  for (U16 v = 0; v < 128; v += 2) s.idDel(v);
+  s.idDel(3);  // 1, 5, 7, ... 127: every bucket in use
+  std::vector<U16> seen;
+  for (IdIterator it = s.idIterator(); it; it.next()) {
+    seen.push_back(it.key().value());
+    if (it.key() == Id(1)) {
+      s.idIs(2, true);
+      s.idDel(5);
+    }
+  }
+  std::vector<U16> expected{1, 2};
+  for (U16 v = 7; v < 128; v += 2) expected.push_back(v);
+  EXPECT_EQ(seen, expected);
+}

@@ -96,16 +96,30 @@ TEST_F(LoopFixture, DescriptorDestroyedFromItsOwnCallback) {
   EXPECT_FALSE(loop->runOnce(0));
 }
 
-TEST_F(LoopFixture, StopFromCallbackEndsRun) {
-  struct Stopper : Zum::Clock::Notifiee {
-    void onTime() override { loop->stop(); }
-    Zum::ActivityManager* loop;
-  } s;
-  s.loop = loop.ptr();
-  s.notifierIs(loop->clock());
-  s.timeMinIs(0.0);
-  loop->run();  // returns only because of the stop
-  SUCCEED();
+// Stops the loop from its callback and counts how often it was called.
+struct Stopper : Zum::Clock::Notifiee {
+  void onTime() override {
+    ++calls;
+    loop->stop();
+  }
+  Zum::ActivityManager* loop = nullptr;
+  int calls = 0;
+};
+
+TEST_F(LoopFixture, StopFromCallbackEndsRunBeforeLaterWork) {
+  // The backstop is due well after the stopper; if stop() failed to end
+  // run(), the backstop would be the one to end it, and the test fails
+  // instead of hanging.
+  Stopper first, backstop;
+  first.loop = backstop.loop = loop.ptr();
+  first.notifierIs(loop->clock());
+  backstop.notifierIs(loop->clock());
+  first.timeMinIs(0.0);
+  backstop.timeMinIs(loop->clock()->now() + 2.0);
+  loop->run();
+  EXPECT_EQ(first.calls, 1);
+  EXPECT_EQ(backstop.calls, 0);
+  EXPECT_EQ(first.timeMin(), Zum::endOfTime);
 }
 
 TEST_F(LoopFixture, ReleaseHandsBackDescriptorOpen) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -92,6 +94,26 @@ TEST_F(RivlogTest, RecordTextNamesNumberHandleAndLevel) {
   EXPECT_EQ(text.rfind(seq + " ", 0), 0u) << text;
   EXPECT_NE(text.find(" RivlogTest/3 hello ring"), std::string::npos) << text;
   EXPECT_EQ(text.size(), seq.size() + std::string(" hh:mm:ss.uuuuuu RivlogTest/3 hello ring").size());
+}
+
+// Records written after 2038, past a 32-bit time_t, still read as their time
+// of day: 2040-01-01 00:00:00.0015 UTC.
+TEST_F(RivlogTest, RecordTextReadsTimesPast2038) {
+  RIVLOG(h, 3, "late");
+  Rivlog::Record r = Rivlog::ring().records().front();
+  r.timeNs = 2208988800ull * 1000000000u + 1500000u;
+  const char* tz = std::getenv("TZ");
+  const std::string savedTz = tz ? tz : "";
+  setenv("TZ", "UTC0", 1);
+  tzset();
+  const std::string text = Rivlog::recordText(r);
+  if (tz) {
+    setenv("TZ", savedTz.c_str(), 1);
+  } else {
+    unsetenv("TZ");
+  }
+  tzset();
+  EXPECT_NE(text.find(" 00:00:00.001500 RivlogTest/3 late"), std::string::npos) << text;
 }
 
 TEST_F(RivlogTest, DumpsHeadingThenRecordsOldestFirst) {
