@@ -21,9 +21,9 @@
 
 #include <map>
 
+#include "Olk/Types.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"
-#include "platform/Types.h"
 
 namespace Cell {
 
@@ -73,7 +73,7 @@ class ActiveCell : public Zum::Entity, public Zum::Notifier {
 
   CellId cellId() const { return cellId_; }
   void cellIdIs(CellId id) {
-    if (Zum::assignIfChanged(cellId_, id)) notify(&Notifiee::onCellId);
+    attributeIs(cellId_, id, &Notifiee::onCellId);
   }
 
  private:

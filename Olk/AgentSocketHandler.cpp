@@ -155,8 +155,8 @@ void ClientSm::IdleTimer::onTime() {
 void ClientSm::handleDataFromClient() {
   // Closing the connection drops the handler's reference to this client, and
   // a callback may drop the agent's last reference to the handler.
-  Ptr<ClientSm> self(this);
-  Ptr<AgentSocketHandlerSm> handler(agentSocketHandlerSm_);
+  Zum::DestructorGuard guard(this, agentSocketHandlerSm_);
+  AgentSocketHandlerSm* const handler = agentSocketHandlerSm_;
   const int fd = clientFd_->fd();
   char buf[AgentSocketHandlerSm::maxCommandBytes + 1];
   errno = 0;
@@ -167,7 +167,7 @@ void ClientSm::handleDataFromClient() {
     ZUM_TRACE(tr, 3) << "recv error from client fd: " << fd << " errno: " << errno;
   }
   if (n <= 0) {
-    handler->doCloseClientConnection(self);
+    handler->doCloseClientConnection(this);
     return;
   }
   idleTimer_.timeMinIs(Zum::endOfTime);
@@ -371,15 +371,15 @@ void AgentSocketHandlerSm::dumpState(const Ptr<const DumpContext>& dumpContext, 
 void AgentSocketHandlerSm::fdIs(const Ptr<Zum::FileDescriptor>& fd) {
   Zum::requireNonNull(fd, handlerClass, "fd");
   const String& name = fd->name();
-  if (fd_.set(name, fd)) notify(&Notifiee::onFd, name);
+  entryIs(fd_, name, fd, &Notifiee::onFd);
 }
 
 void AgentSocketHandlerSm::fdDel(const String& name) {
-  if (fd_.del(name)) notify(&Notifiee::onFd, name);
+  entryDel(fd_, name, &Notifiee::onFd);
 }
 
 void AgentSocketHandlerSm::fdDelAll() {
-  fd_.delAll([&](const String& name) { notify(&Notifiee::onFd, name); });
+  entryDelAll(fd_, &Notifiee::onFd);
 }
 
 Ptr<ClientSm> AgentSocketHandlerSm::clientIs(const Ptr<Zum::FileDescriptor>& clientFd,
@@ -403,32 +403,30 @@ Ptr<ClientSm> AgentSocketHandlerSm::clientIs(const Ptr<Zum::FileDescriptor>& cli
     return existing;
   }
   Ptr<ClientSm> client = Zum::create<ClientSm>(name, clientFd, handler);
-  client_.set(name, client);
-  notify(&Notifiee::onClient, name);
+  entryIs(client_, name, client, &Notifiee::onClient);
   return client;
 }
 
 void AgentSocketHandlerSm::clientDel(const String& name) {
-  if (client_.del(name)) notify(&Notifiee::onClient, name);
+  entryDel(client_, name, &Notifiee::onClient);
 }
 
 void AgentSocketHandlerSm::clientDelAll() {
-  client_.delAll([&](const String& name) { notify(&Notifiee::onClient, name); });
+  entryDelAll(client_, &Notifiee::onClient);
 }
 
 void AgentSocketHandlerSm::agentSocketCallbackIs(const Ptr<AgentSocketCallback>& callback) {
   Zum::requireNonNull(callback, handlerClass, "agentSocketCallback");
   const String& key = callback->commandType();
-  if (agentSocketCallback_.set(key, callback)) notify(&Notifiee::onAgentSocketCallback, key);
+  entryIs(agentSocketCallback_, key, callback, &Notifiee::onAgentSocketCallback);
 }
 
 void AgentSocketHandlerSm::agentSocketCallbackDel(const String& commandType) {
-  if (agentSocketCallback_.del(commandType)) notify(&Notifiee::onAgentSocketCallback, commandType);
+  entryDel(agentSocketCallback_, commandType, &Notifiee::onAgentSocketCallback);
 }
 
 void AgentSocketHandlerSm::agentSocketCallbackDelAll() {
-  agentSocketCallback_.delAll(
-      [&](const String& key) { notify(&Notifiee::onAgentSocketCallback, key); });
+  entryDelAll(agentSocketCallback_, &Notifiee::onAgentSocketCallback);
 }
 
 void AgentSocketHandlerSm::clockIs(const Ptr<Zum::Clock>& clock) {

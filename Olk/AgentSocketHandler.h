@@ -37,12 +37,12 @@
 #include <string_view>
 #include <utility>
 
+#include "Olk/Types.h"
 #include "platform/ActivityManager.h"
 #include "platform/Clock.h"
 #include "platform/Collection.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"
-#include "platform/Types.h"
 
 namespace Olk {
 

@@ -132,7 +132,7 @@ void BestFitAllocator::numFreeEntriesDec(U32 n) {
 }
 
 void BestFitAllocator::memSzIs(U32 memSz) {
-  if (Zum::assignIfChanged(memSz_, memSz)) notify(&Notifiee::onMemSz);
+  attributeIs(memSz_, memSz, &Notifiee::onMemSz);
 }
 
 void BestFitAllocator::doAddFreeBlk(U32 blkSz, U32 startIndex) {

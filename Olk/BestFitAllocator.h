@@ -20,12 +20,12 @@
 #include <set>
 #include <unordered_set>
 
+#include "Olk/Types.h"
 #include "platform/Collection.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"
 #include "platform/Ptr.h"
 #include "platform/Strep.h"
-#include "platform/Types.h"
 
 namespace Olk {
 

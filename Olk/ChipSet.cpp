@@ -38,7 +38,7 @@ void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, Generation* out) {
 std::ostream& operator<<(std::ostream& os, const Generation& g) { return os << valueToStrep(g); }
 
 void GenerationEntity::generationIs(const Generation& g) {
-  if (Zum::assignIfChanged(generation_, g)) notify(&Notifiee::onGeneration);
+  attributeIs(generation_, g, &Notifiee::onGeneration);
 }
 
 Ptr<GenerationEntity> generationEntityFactory(const String& name) {

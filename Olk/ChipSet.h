@@ -16,10 +16,10 @@
 
 #include <iosfwd>
 
+#include "Olk/Types.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"
 #include "platform/Strep.h"
-#include "platform/Types.h"
 
 namespace Olk {
 

@@ -18,6 +18,7 @@
 #include <memory>
 
 #include "Olk/Task.h"
+#include "Olk/Types.h"
 #include "platform/Clock.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"

@@ -18,7 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/Types.h"
+#include "Olk/Types.h"
 
 namespace Olk::ConsistentHash {
 

@@ -285,16 +285,15 @@ Ptr<CuckooCmds> cuckooCmdsFactory() { return Ptr<CuckooCmds>(new CuckooCmds()); 
 void Config::tableDescListIs(TableId tableId, U32 tableSize, U32 binSize) {
   Ptr<TableDescriptor const> slot = tableDescList_.get(tableId);
   if (!storeDescriptor(slot, tableId, tableSize, binSize)) return;
-  tableDescList_.set(tableId, slot);
-  notify(&Notifiee::onTableDescList, tableId);
+  entryIs(tableDescList_, tableId, slot, &Notifiee::onTableDescList);
 }
 
 void Config::tableDescListDel(TableId tableId) {
-  if (tableDescList_.del(tableId)) notify(&Notifiee::onTableDescList, tableId);
+  entryDel(tableDescList_, tableId, &Notifiee::onTableDescList);
 }
 
 void Config::tableDescListDelAll() {
-  tableDescList_.delAll([&](TableId t) { notify(&Notifiee::onTableDescList, t); });
+  entryDelAll(tableDescList_, &Notifiee::onTableDescList);
 }
 
 Ptr<Config> configFactory(const String& name, U8 numTables) { return Zum::create<Config>(name, numTables); }
@@ -305,7 +304,7 @@ void TableStat::tableDescIs(TableId tableId, U32 tableSize, U32 binSize) {
 
 void TableStat::numOfHashItemsDec() {
   ZUM_ASSERT(numOfHashItems_ > 0);
-  set(numOfHashItems_, numOfHashItems_ - 1, &Notifiee::onNumOfHashItems);
+  attributeIs(numOfHashItems_, numOfHashItems_ - 1, &Notifiee::onNumOfHashItems);
 }
 
 float TableStat::occupancy() const {
@@ -326,17 +325,16 @@ String valueToStrep(const TableStat& s) {
 Ptr<TableStat> Status::tableStatIs(TableId tableId) {
   if (Ptr<TableStat> present = tableStat_.get(tableId)) return present;
   Ptr<TableStat> stat = tableStatFactory(tableId);
-  tableStat_.set(tableId, stat);
-  notify(&Notifiee::onTableStat, tableId);
+  entryIs(tableStat_, tableId, stat, &Notifiee::onTableStat);
   return stat;
 }
 
 void Status::tableStatDel(TableId tableId) {
-  if (tableStat_.del(tableId)) notify(&Notifiee::onTableStat, tableId);
+  entryDel(tableStat_, tableId, &Notifiee::onTableStat);
 }
 
 void Status::tableStatDelAll() {
-  tableStat_.delAll([&](TableId t) { notify(&Notifiee::onTableStat, t); });
+  entryDelAll(tableStat_, &Notifiee::onTableStat);
 }
 
 std::vector<Ptr<HashItem const>> Status::pendingItemSet() const {
@@ -374,7 +372,7 @@ void Status::pendingItemSyslogVersionInc() {
   notify(&Notifiee::onPendingItemSyslogVersion);
 }
 
-void Status::totalCmdReadCompletedIs(U32 v) { set(totalCmdReadCompleted_, v, &Notifiee::onTotalCmdReadCompleted); }
+void Status::totalCmdReadCompletedIs(U32 v) { attributeIs(totalCmdReadCompleted_, v, &Notifiee::onTotalCmdReadCompleted); }
 
 void Status::enq(Zum::Queue<float>& queue, float v, QueueReaction reaction) {
   notify(reaction, queue.push(v));
@@ -473,8 +471,7 @@ Ptr<HashTable> hashTableFactory(const Ptr<Config>& config, const Ptr<Status>& st
                                 const Ptr<Zum::Clock>& clock) {
   Zum::requireNonNull(config, "HashTable", "config");
   Zum::requireNonNull(status, "HashTable", "status");
-  Ptr<Zum::Clock> driver = clock ? clock : Ptr<Zum::Clock>(Zum::activityManager()->clock());
-  return Zum::create<HashTable>(config, status, driver);
+  return Zum::create<HashTable>(config, status, Zum::clockOrLoop(clock));
 }
 
 void HashTable::checkConfig() const {

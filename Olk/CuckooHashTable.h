@@ -26,12 +26,12 @@
 #include <vector>
 
 #include "Olk/DumpContext.h"
+#include "Olk/Types.h"
 #include "platform/Clock.h"
 #include "platform/Collection.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"
 #include "platform/Strep.h"
-#include "platform/Types.h"
 
 namespace Olk::Cuckoo {
 
@@ -243,18 +243,9 @@ class CuckooCmds : public Zum::PtrInterface {
 
 Ptr<CuckooCmds> cuckooCmdsFactory();
 
-// A notifier whose setters store only a changed value and then notify.
-class AttributeNotifier : public Zum::Notifier {
- protected:
-  template <class T, class V, class Reaction>
-  void set(T& slot, V v, Reaction reaction) {
-    if (Zum::assignIfChanged(slot, static_cast<T>(v))) notify(reaction);
-  }
-};
-
 // What the agent asks of a table. Setters store only a changed value and then
 // notify. The table reads the descriptors once, when it starts.
-class Config : public Zum::Entity, public AttributeNotifier {
+class Config : public Zum::Entity, public Zum::Notifier {
  public:
   class Notifiee : public Zum::BaseNotifiee<Config> {
    public:
@@ -287,32 +278,32 @@ class Config : public Zum::Entity, public AttributeNotifier {
   void tableDescListDelAll();
 
   U32 cmdReadCompleted() const { return cmdReadCompleted_; }
-  void cmdReadCompletedIs(U32 v) { set(cmdReadCompleted_, v, &Notifiee::onCmdReadCompleted); }
+  void cmdReadCompletedIs(U32 v) { attributeIs(cmdReadCompleted_, v, &Notifiee::onCmdReadCompleted); }
   void cmdReadCompletedInc() { cmdReadCompletedIs(cmdReadCompleted_ + 1); }
   bool tryReduceCmdsOnInsert() const { return tryReduceCmdsOnInsert_; }
-  void tryReduceCmdsOnInsertIs(bool v) { set(tryReduceCmdsOnInsert_, v, &Notifiee::onTryReduceCmdsOnInsert); }
+  void tryReduceCmdsOnInsertIs(bool v) { attributeIs(tryReduceCmdsOnInsert_, v, &Notifiee::onTryReduceCmdsOnInsert); }
   bool hitless() const { return hitless_; }
-  void hitlessIs(bool v) { set(hitless_, v, &Notifiee::onHitless); }
+  void hitlessIs(bool v) { attributeIs(hitless_, v, &Notifiee::onHitless); }
   U32 maxLoop() const { return maxLoop_; }
-  void maxLoopIs(U32 v) { set(maxLoop_, v, &Notifiee::onMaxLoop); }
+  void maxLoopIs(U32 v) { attributeIs(maxLoop_, v, &Notifiee::onMaxLoop); }
   U32 maxRetry() const { return maxRetry_; }
-  void maxRetryIs(U32 v) { set(maxRetry_, v, &Notifiee::onMaxRetry); }
+  void maxRetryIs(U32 v) { attributeIs(maxRetry_, v, &Notifiee::onMaxRetry); }
   bool reviewPendingItemSupport() const { return reviewPendingItemSupport_; }
-  void reviewPendingItemSupportIs(bool v) { set(reviewPendingItemSupport_, v, &Notifiee::onReviewPendingItemSupport); }
+  void reviewPendingItemSupportIs(bool v) { attributeIs(reviewPendingItemSupport_, v, &Notifiee::onReviewPendingItemSupport); }
   Seconds pendingItemReviewQuantum() const { return pendingItemReviewQuantum_; }
-  void pendingItemReviewQuantumIs(Seconds v) { set(pendingItemReviewQuantum_, v, &Notifiee::onPendingItemReviewQuantum); }
+  void pendingItemReviewQuantumIs(Seconds v) { attributeIs(pendingItemReviewQuantum_, v, &Notifiee::onPendingItemReviewQuantum); }
   U32 maxPendingItemsToReview() const { return maxPendingItemsToReview_; }
-  void maxPendingItemsToReviewIs(U32 v) { set(maxPendingItemsToReview_, v, &Notifiee::onMaxPendingItemsToReview); }
+  void maxPendingItemsToReviewIs(U32 v) { attributeIs(maxPendingItemsToReview_, v, &Notifiee::onMaxPendingItemsToReview); }
   // Infinite: never log about pending items.
   Seconds syslogIntervalForPendingItems() const { return syslogIntervalForPendingItems_; }
   void syslogIntervalForPendingItemsIs(Seconds v) {
-    set(syslogIntervalForPendingItems_, v, &Notifiee::onSyslogIntervalForPendingItems);
+    attributeIs(syslogIntervalForPendingItems_, v, &Notifiee::onSyslogIntervalForPendingItems);
   }
   // Read when the table starts; changing it later has no effect on that table.
   U32 randomSeed() const { return randomSeed_; }
-  void randomSeedIs(U32 v) { set(randomSeed_, v, &Notifiee::onRandomSeed); }
+  void randomSeedIs(U32 v) { attributeIs(randomSeed_, v, &Notifiee::onRandomSeed); }
   U32 numFailureRecords() const { return numFailureRecords_; }
-  void numFailureRecordsIs(U32 v) { set(numFailureRecords_, v, &Notifiee::onNumFailureRecords); }
+  void numFailureRecordsIs(U32 v) { attributeIs(numFailureRecords_, v, &Notifiee::onNumFailureRecords); }
 
  private:
   template <class T, class... A>
@@ -337,7 +328,7 @@ class Config : public Zum::Entity, public AttributeNotifier {
 Ptr<Config> configFactory(const String& name, U8 numTables);
 
 // Per-table statistics, written by the table; each change notifies.
-class TableStat : public Zum::Entity, public AttributeNotifier {
+class TableStat : public Zum::Entity, public Zum::Notifier {
  public:
   class Notifiee : public Zum::BaseNotifiee<TableStat> {
    public:
@@ -355,16 +346,16 @@ class TableStat : public Zum::Entity, public AttributeNotifier {
 
   // Kept for the agent; the table never changes them.
   U32 lookupSuccess() const { return lookupSuccess_; }
-  void lookupSuccessInc() { set(lookupSuccess_, lookupSuccess_ + 1, &Notifiee::onLookupSuccess); }
+  void lookupSuccessInc() { attributeIs(lookupSuccess_, lookupSuccess_ + 1, &Notifiee::onLookupSuccess); }
   U32 lookupFailures() const { return lookupFailures_; }
-  void lookupFailuresInc() { set(lookupFailures_, lookupFailures_ + 1, &Notifiee::onLookupFailures); }
+  void lookupFailuresInc() { attributeIs(lookupFailures_, lookupFailures_ + 1, &Notifiee::onLookupFailures); }
 
   // Slots overwritten on the hardware by evictions in this table.
   U32 numOfEvicts() const { return numOfEvicts_; }
-  void numOfEvictsInc() { set(numOfEvicts_, numOfEvicts_ + 1, &Notifiee::onNumOfEvicts); }
+  void numOfEvictsInc() { attributeIs(numOfEvicts_, numOfEvicts_ + 1, &Notifiee::onNumOfEvicts); }
   // Occupied slots in this table.
   U32 numOfHashItems() const { return numOfHashItems_; }
-  void numOfHashItemsInc() { set(numOfHashItems_, numOfHashItems_ + 1, &Notifiee::onNumOfHashItems); }
+  void numOfHashItemsInc() { attributeIs(numOfHashItems_, numOfHashItems_ + 1, &Notifiee::onNumOfHashItems); }
   void numOfHashItemsDec();
   // numOfHashItems / capacity; 0 without a descriptor.
   float occupancy() const;
@@ -387,7 +378,7 @@ String valueToStrep(const TableStat& s);
 
 // What the table reports. The pending set keeps insertion order, so reviews
 // retry the oldest items first and equal runs review in equal order.
-class Status : public Zum::Entity, public AttributeNotifier {
+class Status : public Zum::Entity, public Zum::Notifier {
  public:
   class Notifiee : public Zum::BaseNotifiee<Status> {
    public:
@@ -429,7 +420,7 @@ class Status : public Zum::Entity, public AttributeNotifier {
   U32 totalCmdReadCompleted() const { return totalCmdReadCompleted_; }
   void totalCmdReadCompletedIs(U32 v);
   U32 retryCount() const { return retryCount_; }
-  void retryCountInc() { set(retryCount_, retryCount_ + 1, &Notifiee::onRetryCount); }
+  void retryCountInc() { attributeIs(retryCount_, retryCount_ + 1, &Notifiee::onRetryCount); }
 
   const Zum::Queue<float>& firstFailLoadFactor() const { return firstFailLoadFactor_; }
   void firstFailLoadFactorEnq(float v) { enq(firstFailLoadFactor_, v, &Notifiee::onFirstFailLoadFactor); }
@@ -441,9 +432,9 @@ class Status : public Zum::Entity, public AttributeNotifier {
   void lastFailLoadFactorDelAll() { delAll(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
 
   U32 longestCycle() const { return longestCycle_; }
-  void longestCycleIs(U32 v) { set(longestCycle_, v, &Notifiee::onLongestCycle); }
+  void longestCycleIs(U32 v) { attributeIs(longestCycle_, v, &Notifiee::onLongestCycle); }
   U32 cycleCount() const { return cycleCount_; }
-  void cycleCountIs(U32 v) { set(cycleCount_, v, &Notifiee::onCycleCount); }
+  void cycleCountIs(U32 v) { attributeIs(cycleCount_, v, &Notifiee::onCycleCount); }
 
   // Occupied slots over all slots of all tables; traces each table's counts.
   float occupancy() const;

@@ -8,9 +8,11 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <string>
 
 #include "platform/Exception.h"
+#include "platform/Rivlog.h"
 
 namespace Olk {
 
@@ -143,6 +145,31 @@ gzFile openCompressedDumpFile(const char* path) {
 }
 
 void closeCompressedDumpFile(gzFile gz) { gzclose(gz); }
+
+namespace {
+
+// The trace ring's view of a dump context; a null context has no list cap.
+class RivlogDumpSink : public Rivlog::DumpSink {
+ public:
+  explicit RivlogDumpSink(const Ptr<const DumpContext>& ctx) : ctx_(ctx) {}
+  void line(const std::string& text) override { objDumpPrintf(ctx_, "%s", text.c_str()); }
+  std::size_t maxEntries() const override {
+    return ctx_ ? ctx_->maxListEntriesDumped() : std::numeric_limits<std::size_t>::max();
+  }
+  void truncated() override {
+    if (ctx_) ctx_->truncatedIs(true);
+  }
+
+ private:
+  const Ptr<const DumpContext>& ctx_;
+};
+
+}  // namespace
+
+void rivlogDump(const Ptr<const DumpContext>& dumpCtx) {
+  RivlogDumpSink sink(dumpCtx);
+  Rivlog::dump(sink);
+}
 
 namespace {
 

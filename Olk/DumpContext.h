@@ -19,31 +19,16 @@
 #include <memory>
 #include <string>
 
+#include "Olk/Types.h"
 #include "platform/Ptr.h"
-#include "platform/Types.h"
 
 namespace Olk {
 
 enum DumpLevel { dumpNormal = 0, dumpVerbose = 1 };
 
-// A sink for dumps that go neither to a descriptor nor to a gzip stream.
-class DumpWriteCallbackBase {
- public:
-  virtual ~DumpWriteCallbackBase() = default;
-  // Consumes `length` bytes; returns the number written, 0 or less on failure.
-  virtual int write(const void* buffer, U32 length);
-};
-
-// State of a dump that can be resumed later; dumpers derive their own.
-class DumpBookmarkBase {
- public:
-  virtual ~DumpBookmarkBase() = default;
-  bool disableYielding() const { return disableYielding_; }
-  void disableYieldingIs(bool v) { disableYielding_ = v; }
-
- private:
-  bool disableYielding_ = false;
-};
+// A context points to a write callback and a bookmark, both declared below.
+class DumpWriteCallbackBase;
+class DumpBookmarkBase;
 
 class DumpContext : public Zum::PtrInterface {
  public:
@@ -68,7 +53,7 @@ class DumpContext : public Zum::PtrInterface {
   DumpBookmarkBase* bookmark() const { return bookmark_; }
   void bookmarkIs(DumpBookmarkBase* b) { bookmark_ = b; }
   // True when a bookmark is present and allows yielding.
-  bool yieldingEnabled() const { return bookmark_ && !bookmark_->disableYielding(); }
+  bool yieldingEnabled() const;
 
   U32 maxListEntriesDumped() const { return maxListEntriesDumped_; }
   void maxListEntriesDumpedIs(U32 v) { maxListEntriesDumped_ = v; }
@@ -123,9 +108,35 @@ class DumpContext : public Zum::PtrInterface {
 
 Ptr<DumpContext> dumpContextFactory(unsigned fd, gzFile gz, DumpLevel level);
 
+// A sink for dumps that go neither to a descriptor nor to a gzip stream.
+class DumpWriteCallbackBase {
+ public:
+  virtual ~DumpWriteCallbackBase() = default;
+  // Consumes `length` bytes; returns the number written, 0 or less on failure.
+  virtual int write(const void* buffer, U32 length);
+};
+
+// State of a dump that can be resumed later; dumpers derive their own.
+class DumpBookmarkBase {
+ public:
+  virtual ~DumpBookmarkBase() = default;
+  bool disableYielding() const { return disableYielding_; }
+  void disableYieldingIs(bool v) { disableYielding_ = v; }
+
+ private:
+  bool disableYielding_ = false;
+};
+
+inline bool DumpContext::yieldingEnabled() const { return bookmark_ && !bookmark_->disableYielding(); }
+
 // printf into the dump; a null context writes to standard output.
 void objDumpPrintf(const Ptr<const DumpContext>& dumpCtx, const char* fmt, ...)
     __attribute__((format(printf, 2, 3)));
+
+// Writes the process's trace ring (platform/Rivlog.h) into the dump, at most
+// maxListEntriesDumped records, the newest; marks the context truncated when
+// older ones are left out. A null context writes to standard output.
+void rivlogDump(const Ptr<const DumpContext>& dumpCtx);
 
 // Opens `path` for a dump. Ordinary files (and missing ones, created with
 // mode 0644) are opened for appending and *append is set true; pipes,

@@ -26,12 +26,11 @@ Ptr<EventClock> EventClockIs(const Ptr<Zum::Clock>& clock, Seconds pollingInterv
 }
 
 Seconds EventClock::now() const {
-  // Without a clock of its own the watchdog reads the loop's wall clock.
-  return clock_ ? clock_->notifier()->now() : Zum::activityManager()->clock()->now();
+  return Zum::clockOrLoop(clock_ ? clock_->notifier() : nullptr)->now();
 }
 
 void EventClock::deadlineIs(Seconds t) {
-  if (Zum::assignIfChanged(deadline_, t)) notify(&NotifieeConst::onDeadline);
+  attributeIs(deadline_, t, &NotifieeConst::onDeadline);
 }
 
 void EventClock::eventCheckInc(U32 n) {

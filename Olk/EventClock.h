@@ -18,6 +18,7 @@
 #include <bit>
 #include <memory>
 
+#include "Olk/Types.h"
 #include "platform/AttrLog.h"
 #include "platform/Clock.h"
 #include "platform/Entity.h"

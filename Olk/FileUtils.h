@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "Olk/Types.h"
+
 namespace Olk {
 
 // Sets `isDir` (following symbolic links) and answers true; answers false

@@ -14,7 +14,7 @@
 #include <cstddef>
 #include <ostream>
 
-#include "platform/Types.h"
+#include "Olk/Types.h"
 
 namespace Olk {
 

@@ -18,7 +18,7 @@
 #include <iterator>
 #include <vector>
 
-#include "platform/Types.h"
+#include "Olk/Types.h"
 
 namespace Olk {
 

@@ -98,7 +98,7 @@ class TimerWheel::SystemClockReactor : public Zum::Clock::Notifiee {
   // part of us when we leave.
   ~SystemClockReactor() override { notifierIs(nullptr); }
   void onTime() override {
-    Ptr<TimerWheel> keep(wheel_);  // a timer may drop the last other reference
+    Zum::DestructorGuard guard(wheel_);  // a timer may drop the last other reference
     wheel_->handleSystemClock();
   }
 

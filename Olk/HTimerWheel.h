@@ -19,10 +19,10 @@
 #include <vector>
 
 #include "Olk/DumpContext.h"
+#include "Olk/Types.h"
 #include "platform/Clock.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"
-#include "platform/Types.h"
 
 namespace Olk {
 

@@ -23,9 +23,9 @@
 #include <iterator>
 #include <vector>
 
+#include "Olk/Types.h"
 #include "platform/Exception.h"
 #include "platform/Strep.h"
-#include "platform/Types.h"
 
 namespace Olk {
 

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "Olk/IoctlDrvInterface.h"
+#include "Olk/Types.h"
 
 namespace Olk {
 

@@ -10,8 +10,8 @@
 // takes. It is used from the event-loop thread only.
 #pragma once
 
+#include "Olk/Types.h"
 #include "platform/Entity.h"
-#include "platform/Types.h"
 
 namespace Olk {
 

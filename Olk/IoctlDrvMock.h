@@ -16,6 +16,7 @@
 #pragma once
 
 #include "Olk/IoctlDrvInterface.h"
+#include "Olk/Types.h"
 #include "platform/Collection.h"
 #include "platform/Strep.h"
 

@@ -19,6 +19,7 @@
 
 #include "Olk/AgentSocketHandler.h"
 #include "Olk/Task.h"
+#include "Olk/Types.h"
 #include "platform/Rivlog.h"
 #include "platform/Trace.h"
 

@@ -18,10 +18,10 @@
 #include <vector>
 
 #include "Olk/NumberPool.h"
+#include "Olk/Types.h"
 #include "platform/Clock.h"
 #include "platform/Entity.h"
 #include "platform/Ptr.h"
-#include "platform/Types.h"
 
 namespace Olk {
 

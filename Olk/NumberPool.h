@@ -18,11 +18,11 @@
 #include <iosfwd>
 #include <map>
 
+#include "Olk/Types.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"
 #include "platform/Ptr.h"
 #include "platform/Strep.h"
-#include "platform/Types.h"
 
 namespace Olk {
 

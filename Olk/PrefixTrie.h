@@ -17,9 +17,9 @@
 
 #include <vector>
 
+#include "Olk/Types.h"
 #include "platform/Collection.h"
 #include "platform/Entity.h"
-#include "platform/Types.h"
 
 namespace Olk {
 

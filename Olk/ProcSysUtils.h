@@ -22,6 +22,8 @@
 #include <string>
 #include <vector>
 
+#include "Olk/Types.h"
+
 namespace Olk {
 
 // Writes strlen(value) bytes to `path` in one write(); a short write is not

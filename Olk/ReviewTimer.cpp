@@ -22,8 +22,7 @@ Ptr<ReviewTimer> reviewTimerFactory(Zum::Clock::Notifiee* clockNotifiee, float f
 }
 
 Seconds ReviewTimer::now() const {
-  const Ptr<Zum::Clock>& clock = clockNotifiee_->notifier();
-  return clock ? clock->now() : Zum::activityManager()->clock()->now();
+  return Zum::clockOrLoop(clockNotifiee_->notifier())->now();
 }
 
 bool ReviewTimer::reviewPending() const { return clockNotifiee_->timeMin() != Zum::endOfTime; }

@@ -14,6 +14,7 @@
 // reactor must outlive the timer. Single-threaded, on the loop's thread.
 #pragma once
 
+#include "Olk/Types.h"
 #include "platform/Clock.h"
 #include "platform/Entity.h"
 

@@ -32,6 +32,7 @@
 
 #include "Olk/AgentSocketHandler.h"
 #include "Olk/DumpContext.h"
+#include "Olk/Types.h"
 
 namespace Olk {
 

@@ -70,7 +70,7 @@ TaskStat::TaskStatus Task::taskStatus() const { return taskTaskStatus2olkTaskSta
 void Task::taskRunInc(U32 n) { taskRunIs(taskRun_ + n); }
 
 void Task::taskRunIs(U32 n) {
-  if (Zum::assignIfChanged(taskRun_, n)) notify(&NotifieeConst::onTaskRun);
+  attributeIs(taskRun_, n, &NotifieeConst::onTaskRun);
 }
 
 void Task::notifyTaskBusy() { notify(&NotifieeConst::onTaskBusy); }
@@ -112,8 +112,7 @@ void TimerTask::scheduleTaskLowestDelay(Seconds delay) const { dornTimer().sched
 void TimerTask::stopTimerTask() const { dornTimer().stop(); }
 
 Seconds TimerTask::currentExpirationTime() const {
-  auto* wrapper = static_cast<TaskSchedulerRootWrapper*>(dornTimer().root());
-  return wrapper->timerExpirySeconds(&dornTimer());
+  return taskScheduler_->root()->timerExpirySeconds(&dornTimer());
 }
 
 // ---- FileDescriptorTask -----------------------------------------------------
@@ -143,17 +142,11 @@ void FileDescriptorTask::handleFileDescriptorTaskInitialized(int fd) {
 void FileDescriptorTask::notifyTaskBusy() { notify(&NotifieeConst::onTaskBusy); }
 
 void FileDescriptorTask::taskRunReadableInc(U32 n) {
-  if (n != 0) {
-    taskRunReadable_ += n;
-    notify(&NotifieeConst::onTaskRunReadable);
-  }
+  attributeIs(taskRunReadable_, taskRunReadable_ + n, &NotifieeConst::onTaskRunReadable);
 }
 
 void FileDescriptorTask::taskRunWritableInc(U32 n) {
-  if (n != 0) {
-    taskRunWritable_ += n;
-    notify(&NotifieeConst::onTaskRunWritable);
-  }
+  attributeIs(taskRunWritable_, taskRunWritable_ + n, &NotifieeConst::onTaskRunWritable);
 }
 
 int FileDescriptorTask::taskWatchFd() const { return dornFd().watchFd(); }
@@ -199,7 +192,5 @@ Ptr<FileDescriptorTask> fileDescriptorTaskFactory(const Ptr<TaskScheduler>& sche
                                                   const String& name, int fd) {
   return Zum::create<FileDescriptorTask>(scheduler, priority, name, fd);
 }
-
-TaskKey TaskKey::create(const Task* task) { return task ? task->taskKey() : TaskKey(); }
 
 }  // namespace Olk

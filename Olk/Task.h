@@ -18,6 +18,7 @@
 #include <memory>
 
 #include "Olk/TaskScheduler.h"
+#include "Olk/Types.h"
 
 namespace Olk {
 

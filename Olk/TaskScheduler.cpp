@@ -76,6 +76,8 @@ void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskPriority* out)
   out->priorityIs(e);
 }
 
+TaskKey TaskKey::create(const Task* task) { return task ? task->taskKey() : TaskKey(); }
+
 String TaskKey::toStrep() const { return "TaskKey(" + std::to_string(value_) + ")"; }
 
 String valueToStrep(const TaskKey& k) { return Zum::valueToStrep(k.value()); }
@@ -389,13 +391,17 @@ void TaskSchedulerRootZum::handleRootDestroy() { olkSchedulerRoot_.reset(); }
 
 Dorn::RootScheduler* TaskSchedulerRootZum::dornRoot() const { return olkSchedulerRoot_.get(); }
 
+Seconds TaskSchedulerRootZum::timerExpirySeconds(Dorn::TimerTask* timer) const {
+  return olkSchedulerRoot_ ? olkSchedulerRoot_->timerExpirySeconds(timer) : Zum::endOfTime;
+}
+
 void TaskSchedulerRootZum::handleSchedulerRun() {
   schedulerRunRequested_ = false;
   TaskSchedulerRoot::handleSchedulerRun();
 }
 
 void TaskSchedulerRootZum::requestSchedulerRun() {
-  if (Zum::assignIfChanged(schedulerRunRequested_, true)) notify(&Notifiee::onSchedulerRunRequested);
+  attributeIs(schedulerRunRequested_, true, &Notifiee::onSchedulerRunRequested);
 }
 
 // ---- TaskSchedulerRootWrapper -----------------------------------------------
@@ -433,7 +439,7 @@ void TaskSchedulerRootWrapper::notifieeIs(Dorn::TimerTask* timer, std::unique_pt
 
 void TaskSchedulerRootWrapper::timerDestroyed(Dorn::TimerTask* timer) { timer->handleIs(nullptr); }
 
-bool TaskSchedulerRootWrapper::timerStart(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) {
+bool TaskSchedulerRootWrapper::timerStartSeconds(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) {
   ClockNotifiee* n = notifiee(timer);
   if (!n) return false;
   const Seconds expiry = wheelNow() + delaySeconds;
@@ -476,7 +482,7 @@ TaskSchedulerZumActivity::TaskSchedulerZumActivity(const String& name, const Ptr
 void TaskSchedulerZumActivity::handleInitialized() {
   ZUM_TRACE(trace(), 1) << name() << " Scheduler created";
   handleRootZumInit();
-  if (!systemClock_) systemClock_ = Zum::activityManager()->clock();
+  systemClock_ = Zum::clockOrLoop(systemClock_);
   timerWheelIs(timerWheelFactory(systemClock_));
   clock_.notifierIs(systemClock_);
 }
@@ -548,7 +554,7 @@ PeriodicTask::PeriodicTask(const Ptr<TaskScheduler>& scheduler, std::chrono::nan
 PeriodicTask::~PeriodicTask() { runner_.reset(); }
 
 void PeriodicTask::handleRun() {
-  Ptr<PeriodicTask> self(this);  // fn may drop the last outside pointer
+  Zum::DestructorGuard guard(this);  // fn may drop the last outside pointer
   arm();
   fn_();
 }

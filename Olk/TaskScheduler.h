@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Olk/HTimerWheel.h"
+#include "Olk/Types.h"
 #include "platform/Clock.h"
 #include "platform/Collection.h"
 #include "platform/Dorn.h"
@@ -168,13 +169,13 @@ class TaskCollection : public Zum::Entity, public Zum::Notifier {
   std::vector<Key> keys() const { return t_.keys(); }
   // Inserts or replaces the record under its own key.
   void tIs(const TaskStat& s) {
-    if (t_.set(s.*field, s)) notify(&Notifiee::onT, s.*field);
+    entryIs(t_, s.*field, s, &Notifiee::onT);
   }
   void tDel(const Key& key) {
-    if (t_.del(key)) notify(&Notifiee::onT, key);
+    entryDel(t_, key, &Notifiee::onT);
   }
   void tDelAll() {
-    t_.delAll([this](const Key& k) { notify(&Notifiee::onT, k); });
+    entryDelAll(t_, &Notifiee::onT);
   }
 
  private:
@@ -284,6 +285,10 @@ class TaskSchedulerRoot : public TaskScheduler {
 
   virtual Dorn::RootScheduler* dornRoot() const = 0;
   Dorn::Scheduler* dornScheduler() const override { return dornRoot(); }
+  // The expiry of `timer`, one of this root's timer tasks, in its timer
+  // wheel's clock seconds; +infinity when the timer is not running or this
+  // root keeps no timers.
+  virtual Seconds timerExpirySeconds(Dorn::TimerTask*) const { return Zum::endOfTime; }
 
  protected:
   explicit TaskSchedulerRoot(const String& name) : TaskScheduler(name, this) {}
@@ -309,6 +314,7 @@ class TaskSchedulerRootZum : public TaskSchedulerRoot {
   // Clears schedulerRunRequested, then runs the runtime once.
   void handleSchedulerRun() override;
   Dorn::RootScheduler* dornRoot() const override;
+  Seconds timerExpirySeconds(Dorn::TimerTask* timer) const override;
 
  protected:
   explicit TaskSchedulerRootZum(const String& name) : TaskSchedulerRoot(name) {}
@@ -348,10 +354,6 @@ class TaskSchedulerRootWrapper : public Dorn::RootScheduler {
   void timerCreated(Dorn::TimerTask* timer) override;
   void timerDestroyed(Dorn::TimerTask* timer) override;
   void notifieeIs(Dorn::TimerTask* timer, std::unique_ptr<ClockNotifiee> notifiee);
-  using Dorn::RootScheduler::timerStart;
-  // Without a notifiee, false. A later expiry than the present one is taken
-  // only when `force`; answers whether the expiry was set.
-  bool timerStart(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) override;
   void timerStop(Dorn::TimerTask* timer) override;
   // The expiry as a steady time stamp; the largest when there is none.
   Dorn::TimeStamp timerExpiry(Dorn::TimerTask* timer) override;
@@ -360,6 +362,9 @@ class TaskSchedulerRootWrapper : public Dorn::RootScheduler {
   Seconds timerExpirySeconds(Dorn::TimerTask* timer) const;
 
  private:
+  // Without a notifiee, false. A later expiry than the present one is taken
+  // only when `force`; answers whether the expiry was set.
+  bool timerStartSeconds(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) override;
   static ClockNotifiee* notifiee(Dorn::TimerTask* timer);
   Seconds wheelNow() const;
 

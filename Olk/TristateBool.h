@@ -8,9 +8,9 @@
 
 #include <ostream>
 
+#include "Olk/Types.h"
 #include "platform/AttrLog.h"
 #include "platform/Strep.h"
-#include "platform/Types.h"
 
 namespace Olk {
 

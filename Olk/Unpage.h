@@ -16,7 +16,7 @@
 // costs one pass over smaps and one system call per mapping.
 #pragma once
 
-#include "platform/Types.h"
+#include "Olk/Types.h"
 
 namespace Olk {
 

@@ -106,54 +106,54 @@ Ptr<Xact> xactFactory(U32 id) { return Zum::create<Xact>(id); }
 void Xact::handleRunFinished() {
   if (!completion_) return;
   const Completion done = std::exchange(completion_, nullptr);
-  Ptr<Xact> keep(this);  // the owner may delete the record from its directory
+  Zum::DestructorGuard guard(this);  // the owner may delete the record from its directory
   done(*this);
 }
 
 void Xact::configVersionIs(U32 v) {
-  if (Zum::assignIfChanged(configVersion_, v)) notify(&Notifiee::onConfigVersion);
+  attributeIs(configVersion_, v, &Notifiee::onConfigVersion);
 }
 
 void Xact::startTimeIs(Seconds t) {
-  if (Zum::assignIfChanged(startTime_, t)) notify(&Notifiee::onStartTime);
+  attributeIs(startTime_, t, &Notifiee::onStartTime);
 }
 
 void Xact::statusVersionIs(U32 v) {
-  if (Zum::assignIfChanged(statusVersion_, v)) notify(&Notifiee::onStatusVersion);
+  attributeIs(statusVersion_, v, &Notifiee::onStatusVersion);
 }
 
 void Xact::resultIs(XactResult r) {
-  if (Zum::assignIfChanged(result_, r)) notify(&Notifiee::onResult);
+  attributeIs(result_, r, &Notifiee::onResult);
 }
 
 void Xact::failIfBlockingXactFailsIs(bool on) {
-  if (Zum::assignIfChanged(failIfBlockingXactFails_, on)) notify(&Notifiee::onFailIfBlockingXactFails);
+  attributeIs(failIfBlockingXactFails_, on, &Notifiee::onFailIfBlockingXactFails);
 }
 
 void Xact::commentIs(const String& key, const String& value) {
-  if (comment_.set(key, value)) notify(&Notifiee::onComment, key);
+  entryIs(comment_, key, value, &Notifiee::onComment);
 }
 
 void Xact::commentDel(const String& key) {
-  if (comment_.del(key)) notify(&Notifiee::onComment, key);
+  entryDel(comment_, key, &Notifiee::onComment);
 }
 
 void Xact::commentDelAll() {
-  comment_.delAll([&](const String& key) { notify(&Notifiee::onComment, key); });
+  entryDelAll(comment_, &Notifiee::onComment);
 }
 
 void Xact::blockingXactIs(const Ptr<const Xact>& blocker) {
   Zum::requireNonNull(blocker, "Olk::Xact", "blockingXact");
   const U32 id = blocker->id();
-  if (blockingXact_.set(id, blocker)) notify(&Notifiee::onBlockingXact, id);
+  entryIs(blockingXact_, id, blocker, &Notifiee::onBlockingXact);
 }
 
 void Xact::blockingXactDel(U32 id) {
-  if (blockingXact_.del(id)) notify(&Notifiee::onBlockingXact, id);
+  entryDel(blockingXact_, id, &Notifiee::onBlockingXact);
 }
 
 void Xact::blockingXactDelAll() {
-  blockingXact_.delAll([&](U32 id) { notify(&Notifiee::onBlockingXact, id); });
+  entryDelAll(blockingXact_, &Notifiee::onBlockingXact);
 }
 
 // ---------------------------------------------------------------------------
@@ -162,45 +162,44 @@ void Xact::blockingXactDelAll() {
 Ptr<Xact> XactDir::xactIs(U32 id) {
   if (Ptr<Xact> existing = xact_.get(id)) return existing;
   Ptr<Xact> created = xactFactory(id);
-  xact_.set(id, created);
-  notify(&Notifiee::onXact, id);
+  entryIs(xact_, id, created, &Notifiee::onXact);
   return created;
 }
 
 void XactDir::xactDel(U32 id) {
-  if (xact_.del(id)) notify(&Notifiee::onXact, id);
+  entryDel(xact_, id, &Notifiee::onXact);
 }
 
 void XactDir::xactDelAll() {
-  xact_.delAll([&](U32 id) { notify(&Notifiee::onXact, id); });
+  entryDelAll(xact_, &Notifiee::onXact);
 }
 
 Ptr<XactDir> xactDirFactory(const Zum::Name& name) { return Zum::create<XactDir>(name); }
 
 void XactConfigDir::xactConfigIs(const XactConfig& cfg) {
-  if (xactConfig_.set(cfg.id, cfg)) notify(&Notifiee::onXactConfig, cfg.id);
+  entryIs(xactConfig_, cfg.id, cfg, &Notifiee::onXactConfig);
 }
 
 void XactConfigDir::xactConfigDel(U32 id) {
-  if (xactConfig_.del(id)) notify(&Notifiee::onXactConfig, id);
+  entryDel(xactConfig_, id, &Notifiee::onXactConfig);
 }
 
 void XactConfigDir::xactConfigDelAll() {
-  xactConfig_.delAll([&](U32 id) { notify(&Notifiee::onXactConfig, id); });
+  entryDelAll(xactConfig_, &Notifiee::onXactConfig);
 }
 
 Ptr<XactConfigDir> xactConfigDirFactory(const Zum::Name& name) { return Zum::create<XactConfigDir>(name); }
 
 void XactStatusDir::xactStatusIs(const XactStatus& st) {
-  if (xactStatus_.set(st.id, st)) notify(&Notifiee::onXactStatus, st.id);
+  entryIs(xactStatus_, st.id, st, &Notifiee::onXactStatus);
 }
 
 void XactStatusDir::xactStatusDel(U32 id) {
-  if (xactStatus_.del(id)) notify(&Notifiee::onXactStatus, id);
+  entryDel(xactStatus_, id, &Notifiee::onXactStatus);
 }
 
 void XactStatusDir::xactStatusDelAll() {
-  xactStatus_.delAll([&](U32 id) { notify(&Notifiee::onXactStatus, id); });
+  entryDelAll(xactStatus_, &Notifiee::onXactStatus);
 }
 
 Ptr<XactStatusDir> xactStatusDirFactory(const Zum::Name& name) { return Zum::create<XactStatusDir>(name); }
@@ -220,8 +219,7 @@ XactAggregatorSm::ZumBlockingXact::ZumBlockingXact(XactAggregatorSm* sm, const P
 
 void XactAggregatorSm::ZumBlockingXact::handleBlockingXactStatus() {
   // The aggregator's answer usually destroys this reactor.
-  Ptr<ZumBlockingXact> self(this);
-  Ptr<XactAggregatorSm> keep(sm_);
+  Zum::DestructorGuard guard(this, sm_);
   sm_->handleBlockingXactStatus(notifier()->id(), blocked_);
 }
 
@@ -256,8 +254,7 @@ class XactAggregatorSm::ZumXactStatusDir : public Zum::PtrInterface, public Xact
   void onXactStatus(U32 id) override { handleStatus(id); }
 
   void handleStatus(U32 id) {
-    Ptr<ZumXactStatusDir> self(this);
-    Ptr<XactAggregatorSm> keep(sm_);
+    Zum::DestructorGuard guard(this, sm_);
     ZUM_TRACE(tr, 8) << "void Olk::XactAggregatorSm::ZumXactStatusDir::handleStatus(U32) " << sm_->name()
                      << " xactStatusDir: " << notifier()->name() << " id: " << id;
     sm_->handleStatusChange(id);
@@ -266,7 +263,7 @@ class XactAggregatorSm::ZumXactStatusDir : public Zum::PtrInterface, public Xact
  protected:
   // Attaching is a notification for the whole collection.
   void onNotifier() override {
-    Ptr<ZumXactStatusDir> self(this);
+    Zum::DestructorGuard guard(this);
     for (U32 id : notifier()->xactStatus().keys()) {
       if (!notifier()) return;  // detached by an earlier reaction
       handleStatus(id);
@@ -281,8 +278,7 @@ class XactAggregatorSm::ZumClock : public Zum::PtrInterface, public Zum::Clock::
  public:
   explicit ZumClock(XactAggregatorSm* sm) : sm_(sm) {}
   void onTime() override {
-    Ptr<ZumClock> self(this);
-    Ptr<XactAggregatorSm> keep(sm_);
+    Zum::DestructorGuard guard(this, sm_);
     sm_->handleClock();
   }
 
@@ -616,8 +612,7 @@ class XactExecutorSm::ZumXactConfigDir : public Zum::PtrInterface, public XactCo
  public:
   explicit ZumXactConfigDir(XactExecutorSm* sm) : sm_(sm) {}
   void onXactConfig(U32 id) override {
-    Ptr<ZumXactConfigDir> self(this);
-    Ptr<XactExecutorSm> keep(sm_);
+    Zum::DestructorGuard guard(this, sm_);
     sm_->handleXactConfig(id);
   }
 
@@ -629,8 +624,7 @@ class XactExecutorSm::ZumClock : public Zum::PtrInterface, public Zum::Clock::No
  public:
   explicit ZumClock(XactExecutorSm* sm) : sm_(sm) {}
   void onTime() override {
-    Ptr<ZumClock> self(this);
-    Ptr<XactExecutorSm> keep(sm_);
+    Zum::DestructorGuard guard(this, sm_);
     sm_->handleClock();
   }
 

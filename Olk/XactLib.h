@@ -20,13 +20,13 @@
 #include <ostream>
 #include <string_view>
 
+#include "Olk/Types.h"
 #include "platform/Clock.h"
 #include "platform/Collection.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"
 #include "platform/Ptr.h"
 #include "platform/Strep.h"
-#include "platform/Types.h"
 
 namespace Olk {
 

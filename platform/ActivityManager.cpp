@@ -110,7 +110,8 @@ std::size_t ActivityManager::dispatch(U64 serial, U32 events) {
   if (serial == signalSerial) return handleSignals();
   auto it = descriptors_.find(serial);
   if (it == descriptors_.end()) return 0;  // destroyed earlier in this batch
-  Ptr<FileDescriptor> fd(it->second);
+  FileDescriptor* fd = it->second;
+  DestructorGuard guard(fd);  // its readable reaction may release it
   std::size_t calls = 0;
   if (fd->readInterest_ && (events & readEvents)) {
     fd->notifyReadable();
@@ -124,7 +125,7 @@ std::size_t ActivityManager::dispatch(U64 serial, U32 events) {
 }
 
 bool ActivityManager::runOnce(Seconds maxWait) {
-  Ptr<ActivityManager> keep(this);
+  DestructorGuard guard(this);
   epoll_event events[maxEventsPerWait];
   int n = ::epoll_wait(epollFd_, events, maxEventsPerWait, waitMillis(maxWait));
   if (n < 0 && errno != EINTR) throw ErrnoException(errno, "epoll_wait");
@@ -195,5 +196,7 @@ Ptr<ActivityManager> activityManager() {
   thread_local Ptr<ActivityManager> loop = activityManagerFactory();
   return loop;
 }
+
+Ptr<Clock> clockOrLoop(const Ptr<Clock>& clock) { return clock ? clock : Ptr<Clock>(activityManager()->clock()); }
 
 }  // namespace Zum

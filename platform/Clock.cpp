@@ -103,7 +103,7 @@ bool Clock::fireNext(Seconds t, U64 orderLimit) {
 }
 
 std::size_t Clock::fireDue(Seconds t) {
-  Ptr<Clock> keep(this);  // a notifiee may drop the last other reference
+  DestructorGuard guard(this);  // a notifiee may drop the last other reference
   const U64 limit = nextOrder_;
   std::size_t fired = 0;
   while (fireNext(t, limit)) ++fired;
@@ -128,7 +128,7 @@ Seconds SystemClock::now() const { return wallTime(); }
 
 void ManualClock::nowIs(Seconds t) {
   ZUM_ASSERT(!std::isnan(t));
-  Ptr<Clock> keep(this);
+  DestructorGuard guard(this);
   for (;;) {
     Seconds next = nextTime();
     if (next > t) break;

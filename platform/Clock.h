@@ -12,6 +12,12 @@
 // fires what falls due as it moves. Components take the clock as a
 // `Ptr<Clock>` and never read time any other way.
 //
+// A component given no clock (a null `Ptr<Clock>`) follows one rule: it
+// schedules nothing of its own (it sets no wake-up time, and work it would
+// spread over time runs at once), and where it still has to read the time,
+// or its factory documents the clock as optional, it uses the activity
+// loop's clock through `clockOrLoop()`.
+//
 // Scheduled notifiees sit in a binary heap indexed from each notifiee, so
 // setting, moving or cancelling a time is O(log n) whatever else is scheduled.
 #pragma once
@@ -24,6 +30,11 @@
 #include "platform/Types.h"
 
 namespace Zum {
+
+class Clock;
+
+// `clock`, or the calling thread's activity loop clock when it is null.
+Ptr<Clock> clockOrLoop(const Ptr<Clock>& clock);
 
 class Clock : public Entity, public Notifier {
  public:

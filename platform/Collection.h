@@ -1,15 +1,9 @@
 // Collection attributes: keyed maps, a queue with running indexes, a stack.
 //
 // These hold a component's collection attributes and answer, for every
-// mutation, whether anything changed, so the component's `xIs(key, v)`,
-// `xDel(key)` and `xDelAll()` notify exactly when they should:
-//
-//   void commentIs(const String& k, const String& v) {
-//     if (comment_.set(k, v)) notify(&Notifiee::onComment, k);
-//   }
-//   void commentDelAll() {
-//     comment_.delAll([&](const String& k) { notify(&Notifiee::onComment, k); });
-//   }
+// mutation, whether anything changed; the notifying operations of
+// Notifier.h (`entryIs`, `entryDel`, `entryDelAll`) build a component's
+// `xIs(key, v)`, `xDel(key)` and `xDelAll()` on that answer.
 //
 // `OrderedMap` iterates by key; `HashMap` in no promised order. Values are
 // compared with ==, which for `Ptr` means identity.

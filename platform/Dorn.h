@@ -16,6 +16,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <functional>
 #include <iosfwd>
 #include <map>
@@ -531,14 +532,29 @@ class RootScheduler : public Scheduler {
   // timers keeps these defaults: timers never start.
   virtual void timerCreated(TimerTask*) {}
   virtual void timerDestroyed(TimerTask*) {}
-  virtual bool timerStart(TimerTask*, Seconds /*delay*/, bool /*force*/) { return false; }
-  virtual bool timerStart(TimerTask* t, Duration delay, bool force);
+  //
+  // Starting a timer takes a typed duration, so the unit is never guessed:
+  // a bare number does not convert to either, and a floating-point count of
+  // seconds cannot silently truncate to nanoseconds. Both forward to a
+  // distinctly named hook, so a binding that overrides one keeps the other.
+  bool timerStart(TimerTask* t, std::chrono::duration<double> delay, bool force) {
+    return timerStartSeconds(t, delay.count(), force);
+  }
+  bool timerStart(TimerTask* t, std::chrono::nanoseconds delay, bool force) {
+    return timerStartDuration(t, delay.count(), force);
+  }
   virtual void timerStop(TimerTask*) {}
   virtual TimeStamp timerExpiry(TimerTask*) { return maxTimeStamp; }
   virtual Duration timerRemaining(TimerTask* t);
 
   // A random percentage in [0, maxPercentage], for timer jitter.
   U32 jitterPercent(U8 maxPercentage);
+
+ protected:
+  // The hooks behind timerStart. By default timers never start, and a
+  // nanosecond delay is converted and handed to timerStartSeconds.
+  virtual bool timerStartSeconds(TimerTask*, Seconds /*delay*/, bool /*force*/) { return false; }
+  virtual bool timerStartDuration(TimerTask* t, Duration delay, bool force);
 
  private:
   friend class Scheduler;

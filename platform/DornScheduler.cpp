@@ -352,8 +352,8 @@ void RootScheduler::suspendedIs(bool s) {
   if (!s && !queue_.empty()) requestRunIfIdle(now());
 }
 
-bool RootScheduler::timerStart(TimerTask* t, Duration delay, bool force) {
-  return timerStart(t, toSeconds(delay), force);
+bool RootScheduler::timerStartDuration(TimerTask* t, Duration delay, bool force) {
+  return timerStartSeconds(t, toSeconds(delay), force);
 }
 
 Duration RootScheduler::timerRemaining(TimerTask* t) {

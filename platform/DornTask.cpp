@@ -231,7 +231,7 @@ TimerTask::~TimerTask() {
 }
 
 void TimerTask::start(Duration delay, bool force) {
-  if (root()->timerStart(this, delay, force)) timerRunning_ = true;
+  if (root()->timerStart(this, std::chrono::nanoseconds(delay), force)) timerRunning_ = true;
 }
 
 void TimerTask::scheduleDelay(Duration delay) { start(delay, true); }

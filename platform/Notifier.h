@@ -13,13 +13,18 @@
 //       virtual void onOpen() {}
 //     };
 //     bool open() const { return open_; }
-//     void openIs(bool v) { if (Zum::assignIfChanged(open_, v)) notify(&Notifiee::onOpen); }
+//     void openIs(bool v) { attributeIs(open_, v, &Notifiee::onOpen); }
+//     void labelIs(const String& k, const String& v) { entryIs(label_, k, v, &Notifiee::onLabel); }
+//     void labelDel(const String& k) { entryDel(label_, k, &Notifiee::onLabel); }
+//     void labelDelAll() { entryDelAll(label_, &Notifiee::onLabel); }
 //    private:
 //     bool open_ = false;
+//     Zum::OrderedMap<String, String> label_;  // Collection.h
 //   };
 //
-// Guarantees: notifiees are called in registration order; a setter that
-// stores an equal value calls nobody (`assignIfChanged`). From inside a
+// Every notifying setter is one of those four calls, so the rule lives in
+// one place. Guarantees: notifiees are called in registration order; a
+// setter that stores an equal value calls nobody. From inside a
 // reaction a notifiee may detach itself or any other notifiee, attach new
 // ones, or destroy itself: detached ones are not called afterwards, new ones
 // are first called on the next change, and nobody still attached is skipped.
@@ -135,6 +140,15 @@ class NotifieeList {
   Walk* walks_ = nullptr;             // innermost walk in progress, or null
 };
 
+// Stores `v` in `slot` and answers whether the stored value changed; the
+// building block of every notify-on-change setter.
+template <class T, class V>
+bool assignIfChanged(T& slot, V&& v) {
+  if (slot == v) return false;
+  slot = std::forward<V>(v);
+  return true;
+}
+
 // Mixin for anything that has notifiees.
 class Notifier {
  public:
@@ -161,6 +175,38 @@ class Notifier {
   template <class F>
   bool forEachNotifiee(F&& f) const {
     return notifiees_.forEach(std::forward<F>(f));
+  }
+
+  // The notifying scalar setter: stores `v` in `slot` and, only when the
+  // stored value changed, calls `reaction`. Returns whether it changed.
+  template <class T, class V, class N>
+  bool attributeIs(T& slot, V&& v, void (N::*reaction)()) const {
+    if (!assignIfChanged(slot, static_cast<T>(std::forward<V>(v)))) return false;
+    notify(reaction);
+    return true;
+  }
+
+  // The notifying collection operations over a keyed map (Collection.h's
+  // OrderedMap or HashMap): each changed key is announced as reaction(key).
+  // entryIs inserts or replaces and is silent when the value is equal;
+  // entryDel is silent for an absent key; entryDelAll announces every key it
+  // removes, one at a time, also keys added by a reaction while it clears.
+  template <class M, class V, class N, class P>
+  bool entryIs(M& map, const typename M::key_type& key, V&& v, void (N::*reaction)(P)) const {
+    if (!map.set(key, std::forward<V>(v))) return false;
+    notify(reaction, key);
+    return true;
+  }
+  template <class M, class N, class P>
+  bool entryDel(M& map, const typename M::key_type& key, void (N::*reaction)(P)) const {
+    const typename M::key_type gone = key;  // `key` may live in the entry being erased
+    if (!map.del(gone)) return false;
+    notify(reaction, gone);
+    return true;
+  }
+  template <class M, class N, class P>
+  void entryDelAll(M& map, void (N::*reaction)(P)) const {
+    map.delAll([&](const typename M::key_type& key) { notify(reaction, key); });
   }
 
  private:
@@ -205,14 +251,5 @@ class BaseNotifiee : public RootNotifiee {
 
   Ptr<NotifierT> notifier_;
 };
-
-// Stores `v` in `slot` and answers whether the stored value changed; the
-// building block of every notify-on-change setter.
-template <class T, class V>
-bool assignIfChanged(T& slot, V&& v) {
-  if (slot == v) return false;
-  slot = std::forward<V>(v);
-  return true;
-}
 
 }  // namespace Zum

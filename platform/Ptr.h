@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <tuple>
 #include <utility>
 
 #include "platform/Types.h"
@@ -120,13 +121,33 @@ Ptr<T> ptr_dynamic_cast(const Ptr<U>& p) {
   return Ptr<T>(dynamic_cast<T*>(p.ptr()));
 }
 
+// Keeps objects alive to the end of the enclosing scope: the one rule for
+// "this callback may destroy me". Create one on the stack in any function
+// that calls out (a notifiee, a callback, an owner's handler) to code that
+// may drop the last other reference to `this`, or to an object the function
+// still touches afterwards:
+//
+//   void Reactor::onTime() {
+//     Zum::DestructorGuard guard(this, owner_);
+//     owner_->handleClock();  // may release both; they go with `guard`
+//   }
+//
+// Objects released meanwhile are destroyed when the guard goes, after the
+// function's last use of them. Null pointers are allowed and hold nothing.
+template <class... T>
+class DestructorGuard {
+ public:
+  explicit DestructorGuard(T*... objects) noexcept : held_(Ptr<T>(objects)...) {}
+  DestructorGuard(const DestructorGuard&) = delete;
+  DestructorGuard& operator=(const DestructorGuard&) = delete;
+
+ private:
+  std::tuple<Ptr<T>...> held_;
+};
+
 }  // namespace Zum
 
 template <class T>
 struct std::hash<Zum::Ptr<T>> {
   size_t operator()(const Zum::Ptr<T>& p) const noexcept { return std::hash<const void*>()(p.ptr()); }
 };
-
-namespace Olk {
-using Zum::Ptr;
-}

@@ -19,7 +19,6 @@
 #include <map>
 #include <memory>
 
-#include "Olk/DumpContext.h"
 #include "platform/Exception.h"
 #include "platform/Format.h"
 
@@ -89,20 +88,18 @@ std::string recordText(const Record& r) {
                      static_cast<unsigned>(r.level), r.text);
 }
 
-void dump(const Zum::Ptr<const Olk::DumpContext>& ctx) {
+void dump(DumpSink& sink) {
   const Ring& r = ring();
   std::vector<Record> records = r.records();
-  Olk::objDumpPrintf(ctx, "Rivlog ring: %u records kept of %llu written, capacity %u\n", r.size(),
-                     static_cast<unsigned long long>(r.written()), r.capacity());
+  sink.line(Zum::format("Rivlog ring: %u records kept of %llu written, capacity %u\n", r.size(),
+                        static_cast<unsigned long long>(r.written()), r.capacity()));
   std::size_t skip = 0;
-  if (ctx && records.size() > ctx->maxListEntriesDumped()) {
-    skip = records.size() - ctx->maxListEntriesDumped();
-    ctx->truncatedIs(true);
-    Olk::objDumpPrintf(ctx, "  (%zu older records not dumped)\n", skip);
+  if (records.size() > sink.maxEntries()) {
+    skip = records.size() - sink.maxEntries();
+    sink.truncated();
+    sink.line(Zum::format("  (%zu older records not dumped)\n", skip));
   }
-  for (std::size_t i = skip; i < records.size(); ++i) {
-    Olk::objDumpPrintf(ctx, "  %s\n", recordText(records[i]).c_str());
-  }
+  for (std::size_t i = skip; i < records.size(); ++i) sink.line("  " + recordText(records[i]) + "\n");
 }
 
 }  // namespace Rivlog

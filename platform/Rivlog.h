@@ -6,8 +6,8 @@
 // ring of fixed-size records kept in this process's memory, so that after
 // something went wrong the last few thousand events can be dumped. Writing a
 // record is one clock read and one bounded vsnprintf into the next slot; no
-// allocation, no system call, no lock. dump() writes the ring through an
-// Olk::DumpContext.
+// allocation, no system call, no lock. dump() writes the ring into a
+// `Rivlog::DumpSink`, which a dump facility above the platform adapts to.
 //
 //   static Rivlog::Handle& rh = Rivlog::handle("MallocTrimmer");
 //   RIVLOG(rh, 3, "freed %u bytes in %u calls", freed, calls);
@@ -26,13 +26,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Ptr.h"
 #include "platform/Trace.h"
 #include "platform/Types.h"
-
-namespace Olk {
-class DumpContext;
-}
 
 namespace Rivlog {
 
@@ -94,11 +89,23 @@ void write(const Handle& h, int level, const char* fmt, ...) __attribute__((form
 // "<seq> <hh:mm:ss.uuuuuu> <handle>/<level> <text>": how a record reads in a dump.
 std::string recordText(const Record& r);
 
+// Where a dump of the ring goes.
+class DumpSink {
+ public:
+  virtual ~DumpSink() = default;
+  // Takes one whole line, its '\n' included.
+  virtual void line(const std::string& text) = 0;
+  // The most records one dump may list.
+  virtual std::size_t maxEntries() const = 0;
+  // Called when a dump left older records out.
+  virtual void truncated() = 0;
+};
+
 // Writes a heading line and the kept records of the process's ring, oldest
-// first, one line each. At most the context's maxListEntriesDumped records
-// are written, the newest ones; when older ones are left out, a line says
-// how many and the context is marked truncated.
-void dump(const Zum::Ptr<const Olk::DumpContext>& ctx);
+// first, one line each. At most sink.maxEntries() records are written, the
+// newest ones; when older ones are left out, a line says how many and the
+// sink is told it was truncated.
+void dump(DumpSink& sink);
 
 }  // namespace Rivlog
 

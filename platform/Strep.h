@@ -161,9 +161,3 @@ class ValueStrepReader {
 };
 
 }  // namespace Zum
-
-namespace Olk {
-using Zum::sequenceToValue;
-using Zum::strepToValue;
-using Zum::valueToStrep;
-}  // namespace Olk

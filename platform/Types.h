@@ -30,16 +30,3 @@ using Seconds = double;
 inline constexpr Seconds endOfTime = std::numeric_limits<double>::infinity();
 
 }  // namespace Zum
-
-namespace Olk {
-using Zum::S16;
-using Zum::S32;
-using Zum::S64;
-using Zum::S8;
-using Zum::Seconds;
-using Zum::String;
-using Zum::U16;
-using Zum::U32;
-using Zum::U64;
-using Zum::U8;
-}  // namespace Olk

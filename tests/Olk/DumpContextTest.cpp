@@ -6,6 +6,8 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include "platform/Rivlog.h"
+
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -99,6 +101,23 @@ TEST(DumpContext, CountsLinesAndPrefixesLineNumbers) {
   EXPECT_EQ(cb.text, "       1 a 1\n       2 b\nc       3 \n");
   EXPECT_EQ(ctx->currentLineNum(), 3u);
   EXPECT_TRUE(ctx->bufEndsWithNewLine());
+}
+
+// The trace ring dumps as counted lines and obeys the context's list cap.
+TEST(DumpContext, TraceRingDumpsWithinListCap) {
+  Rivlog::ring().capacityIs(8);
+  Rivlog::Handle& h = Rivlog::handle("DumpContextTest");
+  for (const char* t : {"one", "two", "three"}) RIVLOG(h, 1, "%s", t);
+  CollectingCallback cb;
+  Ptr<DumpContext> ctx = callbackContext(cb);
+  ctx->maxListEntriesDumpedIs(2);
+  rivlogDump(ctx);
+  Rivlog::ring().capacityIs(Rivlog::Ring::defaultCapacity);
+  EXPECT_EQ(cb.text.rfind("Rivlog ring: 3 records kept of ", 0), 0u) << cb.text;
+  EXPECT_TRUE(ctx->truncated());
+  EXPECT_EQ(ctx->currentLineNum(), 4u);  // heading, left-out note, two records
+  EXPECT_EQ(cb.text.find("DumpContextTest/1 one\n"), std::string::npos) << cb.text;
+  EXPECT_LT(cb.text.find("DumpContextTest/1 two\n"), cb.text.find("DumpContextTest/1 three\n"));
 }
 
 TEST(DumpContext, DeduplicatesByAddressUnlessDumpingDuplicates) {

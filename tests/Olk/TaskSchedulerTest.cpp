@@ -220,8 +220,11 @@ TEST_F(SchedulerFixture, LowestDelayOnlyMovesTheExpiryEarlier) {
   EXPECT_EQ(t->currentExpirationTime(), 1005.0);
   auto* root = static_cast<Olk::TaskSchedulerRootWrapper*>(sched->dornRoot());
   auto* dt = static_cast<Dorn::TimerTask*>(&t->dornTask());
-  EXPECT_FALSE(root->timerStart(dt, 6.0, false));  // later without force: refused
-  EXPECT_TRUE(root->timerStart(dt, 3.0, false));
+  using FloatSeconds = std::chrono::duration<double>;
+  EXPECT_FALSE(root->timerStart(dt, FloatSeconds(6.0), false));  // later without force: refused
+  EXPECT_TRUE(root->timerStart(dt, std::chrono::seconds(4) * 1.0, false));
+  EXPECT_FALSE(root->timerStart(dt, std::chrono::nanoseconds(5'000'000'000), false));  // the same rule in nanoseconds
+  EXPECT_TRUE(root->timerStart(dt, std::chrono::milliseconds(3000) * 1.0, false));
   Dorn::Duration left = root->timerRemaining(dt);
   EXPECT_GT(left, Dorn::toDuration(2.9));
   EXPECT_LE(left, Dorn::toDuration(3.0));
@@ -231,7 +234,7 @@ TEST_F(SchedulerFixture, LowestDelayOnlyMovesTheExpiryEarlier) {
   clock->advance(20.0);
   EXPECT_EQ(r.runs, 0);
   root->timerDestroyed(dt);  // no notifiee: nothing starts
-  EXPECT_FALSE(root->timerStart(dt, 1.0, true));
+  EXPECT_FALSE(root->timerStart(dt, FloatSeconds(1.0), true));
   EXPECT_EQ(root->timerExpiry(dt), Dorn::maxTimeStamp);
 }
 

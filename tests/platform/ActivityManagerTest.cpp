@@ -139,3 +139,10 @@ TEST_F(LoopFixture, NonBlockingFlag) {
 }
 
 }  // namespace
+
+// The one fallback for a component given no clock: the loop's own clock.
+TEST(ClockOrLoop, NullMeansTheThreadsLoopClockAndAGivenClockStands) {
+  Zum::Ptr<Zum::Clock> manual = Zum::manualClockFactory(5.0);
+  EXPECT_EQ(Zum::clockOrLoop(manual), manual);
+  EXPECT_EQ(Zum::clockOrLoop(nullptr), Zum::Ptr<Zum::Clock>(Zum::activityManager()->clock()));
+}

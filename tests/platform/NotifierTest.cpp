@@ -19,18 +19,10 @@ class Door : public Zum::Entity, public Zum::Notifier {
     virtual void onLabel(const std::string&) {}
   };
   bool open() const { return open_; }
-  void openIs(bool v) {
-    if (Zum::assignIfChanged(open_, v)) notify(&Notifiee::onOpen);
-  }
-  void labelIs(const std::string& k, const std::string& v) {
-    if (label_.set(k, v)) notify(&Notifiee::onLabel, k);
-  }
-  void labelDel(const std::string& k) {
-    if (label_.del(k)) notify(&Notifiee::onLabel, k);
-  }
-  void labelDelAll() {
-    label_.delAll([&](const std::string& k) { notify(&Notifiee::onLabel, k); });
-  }
+  void openIs(bool v) { attributeIs(open_, v, &Notifiee::onOpen); }
+  void labelIs(const std::string& k, const std::string& v) { entryIs(label_, k, v, &Notifiee::onLabel); }
+  void labelDel(const std::string& k) { entryDel(label_, k, &Notifiee::onLabel); }
+  void labelDelAll() { entryDelAll(label_, &Notifiee::onLabel); }
   const Zum::OrderedMap<std::string, std::string>& label() const { return label_; }
 
  private:

@@ -64,6 +64,23 @@ TEST(Ptr, CastsAndComparisons) {
   EXPECT_EQ(std::hash<Zum::Ptr<Probe>>()(base), std::hash<Zum::Ptr<Derived>>()(d));
 }
 
+// A callback that drops the last outside reference to two objects: both
+// survive to the end of the guarded scope and are destroyed with the guard.
+TEST(Ptr, DestructorGuardDefersDestructionToEndOfScope) {
+  std::vector<std::string> log;
+  Zum::Ptr<Probe> owner = Zum::create<Probe>(&log);
+  Zum::Ptr<Derived> reactor = Zum::create<Derived>(&log);
+  log.clear();
+  {
+    Zum::DestructorGuard guard(reactor.ptr(), owner.ptr(), static_cast<Probe*>(nullptr));
+    owner = nullptr;
+    reactor = nullptr;
+    EXPECT_TRUE(log.empty());
+    log.push_back("scope end");
+  }
+  EXPECT_EQ(log, (std::vector<std::string>{"scope end", "del refs=2", "destroyed", "del refs=2", "destroyed"}));
+}
+
 TEST(Ptr, InitializeRunsOnce) {
   std::vector<std::string> log;
   Zum::Ptr<Probe> a = Zum::create<Probe>(&log);
