@@ -73,11 +73,11 @@ corpus("ValueStrepFuzz", {f"type-{i:02d}": bytes([i]) + t.encode() for i, t in e
 
 # --- ShellTokenizeFuzz: the command itself ------------------------------------
 corpus("ShellTokenizeFuzz", {
-    "quoted-special": "echo 'a;b' \"c|d\"",
+    "quoted-metachars": "echo 'a;b' \"c|d\"",
     "runs-of-blanks": "a  b\tc   ",
     "empty-quoted": "'' x \"\"",
     "joined-pieces": "a\"b c\"d e\\ f",
-    "refused-special": "echo a;b",
+    "refused-metachars": "echo a;b",
     "unclosed": "echo \"unclosed 'x'",
     "trailing-backslash": "ls \\",
     "passed-through": "run $HOME {a} ?! 'single \\ backslash'",
