@@ -16,19 +16,12 @@
 #include <vector>
 
 #include "Olk/XactLib.h"
+#include "XactBenchSupport.h"
 #include "platform/ActivityManager.h"
 
 namespace {
 
 using namespace Olk;
-
-class SuccessExecutor : public XactExecutorSm {
- public:
-  SuccessExecutor(const Zum::Name& name, const Ptr<const XactConfigDir>& c, const Ptr<XactStatusDir>& s,
-                  const Ptr<Zum::Clock>& clock)
-      : XactExecutorSm(name, c, s, clock) {}
-  ExecResult doExecute(const XactConfig&) override { return ExecResult(xactSuccess); }
-};
 
 class FinishCounter : public Xact::Notifiee {
  public:
@@ -53,7 +46,7 @@ void BM_XactEndToEnd(benchmark::State& state) {
     Ptr<XactStatusDir> s = xactStatusDirFactory(name);
     agg->xactConfigDirIs(c);
     agg->xactStatusDirIs(s);
-    execs.push_back(Zum::create<SuccessExecutor>(name, c, s, loop->clock()));
+    execs.push_back(Zum::create<OlkBench::SuccessExecutor>(name, c, s, loop->clock()));
   }
   std::vector<Ptr<Xact>> xacts;
   std::vector<std::unique_ptr<FinishCounter>> counters;
@@ -82,12 +75,12 @@ void BM_ExecutorSlice(benchmark::State& state) {
   double slices = 0, meanMs = 0, maxMs = 0;
   // Set up and torn down outside the timing: only the slices are measured.
   Ptr<XactConfigDir> c;
-  Ptr<SuccessExecutor> exec;
+  Ptr<OlkBench::SuccessExecutor> exec;
   for (auto _ : state) {
     state.PauseTiming();
     exec = nullptr;
     c = xactConfigDirFactory("c");
-    exec = Zum::create<SuccessExecutor>("e", c, xactStatusDirFactory("s"), clock);
+    exec = Zum::create<OlkBench::SuccessExecutor>("e", c, xactStatusDirFactory("s"), clock);
     exec->backlogQuantumIs(quantum);
     for (U32 id = 0; id < burst; ++id) c->xactConfigIs(XactConfig(id, 1));
     state.ResumeTiming();

@@ -29,6 +29,7 @@
 
 #include "Olk/XactDirMirror.h"
 #include "RedisTestSupport.h"
+#include "XactBenchSupport.h"
 
 namespace {
 
@@ -63,14 +64,6 @@ void reportLatency(benchmark::State& state, std::vector<double>& latencies) {
   state.counters["p99_ms"] = latencies[latencies.size() * 99 / 100] * 1e3;
   state.SetItemsProcessed(static_cast<int64_t>(latencies.size()));
 }
-
-class SuccessExecutor : public XactExecutorSm {
- public:
-  SuccessExecutor(const Zum::Name& name, const Ptr<const XactConfigDir>& c, const Ptr<XactStatusDir>& s,
-                  const Ptr<Zum::Clock>& clock)
-      : XactExecutorSm(name, c, s, clock) {}
-  ExecResult doExecute(const XactConfig&) override { return ExecResult(xactSuccess); }
-};
 
 // Records when a transaction finishes, relative to its burst's start.
 class FinishTimer : public Xact::Notifiee {
@@ -126,7 +119,7 @@ void XactRedis_Olk(benchmark::State& state) {
       auto mirror = xactDirMirrorFactory(executorName(k), address, prefix, loop);
       auto status = xactStatusDirFactory(executorName(k));
       mirror->publishedStatusDirIs(status);
-      auto exec = Zum::create<SuccessExecutor>(executorName(k), mirror->followedConfigDirIs(executorName(k)),
+      auto exec = Zum::create<OlkBench::SuccessExecutor>(executorName(k), mirror->followedConfigDirIs(executorName(k)),
                                                status, loop->clock());
       loop->run();
     });
@@ -153,7 +146,7 @@ void XactRedis_InProcess(benchmark::State& state) {
     auto status = xactStatusDirFactory(executorName(k));
     agg->xactConfigDirIs(config);
     agg->xactStatusDirIs(status);
-    executors.push_back(Zum::create<SuccessExecutor>(executorName(k), config, status, loop->clock()));
+    executors.push_back(Zum::create<OlkBench::SuccessExecutor>(executorName(k), config, status, loop->clock()));
   }
   runBursts(state, *loop, *agg);
 }

@@ -17,18 +17,24 @@ ninja -C "$build" -j2 olk demo_agent olkctl
 agent="$build/examples/demo_agent"
 ctl="$build/examples/olkctl"
 name="demo-$$"
+
+# Waits until agent $1 answers on its command socket.
+wait_agent() {
+  tries=0
+  until "$ctl" --timeout 1 "$1" help >/dev/null 2>&1; do
+    tries=$((tries + 1))
+    [ "$tries" -lt 50 ] || { echo "run_demo: agent $1 did not come up" >&2; exit 1; }
+    sleep 0.1
+  done
+}
+
 dumps="$build/demo-dumps"
 "$agent" --name "$name" --dump-dir "$dumps" &
 pid=$!
 trap 'kill "$pid" 2>/dev/null || true' EXIT
 
 # Wait until the agent answers, then let its workloads run for a moment.
-tries=0
-until "$ctl" --timeout 1 "$name" help >/dev/null 2>&1; do
-  tries=$((tries + 1))
-  [ "$tries" -lt 50 ] || { echo "run_demo: the agent did not come up" >&2; exit 1; }
-  sleep 0.1
-done
+wait_agent "$name"
 sleep 2
 
 for cmd in "help" "stats" "cuckoo insert 4242" "cuckoo fill 16000" "xact start 2" "xact" "labels" "blocks defrag" \
@@ -73,14 +79,6 @@ start_agent() {
   "$xagent" --redis "$sock" "$@" &
   eval "$var=$!"
   agent_pids="$agent_pids $!"
-}
-wait_agent() {
-  tries=0
-  until "$ctl" --timeout 1 "$1" help >/dev/null 2>&1; do
-    tries=$((tries + 1))
-    [ "$tries" -lt 50 ] || { echo "run_demo: agent $1 did not come up" >&2; exit 1; }
-    sleep 0.1
-  done
 }
 ctl_show() {
   echo "\$ olkctl $*"
