@@ -5,9 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
 
+#include "TestSupport.h"
 #include "platform/Exception.h"
 
 namespace {
@@ -19,16 +19,13 @@ const char* const identityVariables[] = {"CELLID", "CELLTYPE", "PRODUCT", "ELECT
 class CellTest : public testing::Test {
  protected:
   CellTest() {
-    char pattern[] = "/tmp/CellTest.XXXXXX";
-    root_ = mkdtemp(pattern);
-    mkdir((root_ + "/etc").c_str(), 0755);
+    mkdir(dir_.path("etc").c_str(), 0755);
     for (const char* v : identityVariables) unsetenv(v);
     Cell::testHookFileRootIs(root_);
   }
   ~CellTest() override {
     for (const char* v : identityVariables) unsetenv(v);
     Cell::testHookFileRootIs("");
-    std::system(("rm -rf " + root_).c_str());
   }
 
   void fileIs(const char* name, const std::string& text) {
@@ -39,7 +36,8 @@ class CellTest : public testing::Test {
   // A Status that has cached nothing yet.
   Zum::Ptr<Cell::Status> freshStatus() { return Cell::statusFactory("test"); }
 
-  std::string root_;
+  OlkTest::TempDir dir_;
+  const std::string root_ = dir_.root();
 };
 
 std::string rangeError(const Zum::Ptr<Cell::Status>& s) {

@@ -6,9 +6,9 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include "TestSupport.h"
 #include "platform/Rivlog.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -26,19 +26,7 @@ class CollectingCallback : public DumpWriteCallbackBase {
   std::string text;
 };
 
-// A fresh directory removed with its files at the end of the test.
-class TempDir {
- public:
-  TempDir() {
-    char pattern[] = "/tmp/DumpContextTest.XXXXXX";
-    path_ = mkdtemp(pattern);
-  }
-  ~TempDir() { std::system(("rm -rf " + path_).c_str()); }
-  std::string file(const char* name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
+using OlkTest::TempDir;
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -187,7 +175,7 @@ TEST(DumpContext, ZeroByteWritesCountAsWriteErrors) {
 
 TEST(DumpContext, OpenDumpFileCreatesAndAppends) {
   TempDir dir;
-  std::string path = dir.file("dump.txt");
+  std::string path = dir.path("dump.txt");
   mode_t old = umask(022);
   bool append = false;
   int fd = openDumpFile(path.c_str(), &append);
@@ -210,7 +198,7 @@ TEST(DumpContext, OpenDumpFileCreatesAndAppends) {
 
 TEST(DumpContext, OpenDumpFileOnFifoDoesNotAppend) {
   TempDir dir;
-  std::string path = dir.file("fifo");
+  std::string path = dir.path("fifo");
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   bool append = true;
   int fd = openDumpFile(path.c_str(), &append);
@@ -225,7 +213,7 @@ TEST(DumpContext, OpenDumpFileOnFifoDoesNotAppend) {
 
 TEST(DumpContext, OpenFailuresPrintAndReturnMinusOne) {
   TempDir dir;
-  std::string file = dir.file("plain");
+  std::string file = dir.path("plain");
   close(open(file.c_str(), O_WRONLY | O_CREAT, 0644));
   std::string underFile = file + "/x";  // stat fails with ENOTDIR
   bool append;
@@ -234,7 +222,7 @@ TEST(DumpContext, OpenFailuresPrintAndReturnMinusOne) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Cannot open " + underFile + ", error " + std::to_string(ENOTDIR) + "\n");
 
-  std::string directory = dir.file("");  // open of a directory for writing fails
+  std::string directory = dir.path("");  // open of a directory for writing fails
   testing::internal::CaptureStderr();
   EXPECT_EQ(openCompressedDumpFile(directory.c_str()), nullptr);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
@@ -243,7 +231,7 @@ TEST(DumpContext, OpenFailuresPrintAndReturnMinusOne) {
 
 TEST(DumpContext, CompressedDumpIsGzipAndAppendsAMember) {
   TempDir dir;
-  std::string path = dir.file("dump.gz");
+  std::string path = dir.path("dump.gz");
   gzFile gz = openCompressedDumpFile(path.c_str());
   ASSERT_NE(gz, nullptr);
   Ptr<DumpContext> ctx = dumpContextFactory(99, gz, dumpNormal);
@@ -291,8 +279,8 @@ class DumpDirTest : public ::testing::Test {
   }
 
   TempDir scratch;
-  const std::string dumps = scratch.file("dumps");
-  const std::string victim = scratch.file("victim");
+  const std::string dumps = scratch.path("dumps");
+  const std::string victim = scratch.path("victim");
 };
 
 }  // namespace
@@ -315,13 +303,13 @@ TEST_F(DumpDirTest, NamesThatAreNotPlainFileNamesAreRefused) {
   writeFile(victim, "victim");
   for (const std::string& name : {std::string(), std::string("."), std::string(".."),
                                   std::string("../victim"), std::string("../x"), victim,
-                                  scratch.file("absolute"), std::string("sub/x"),
+                                  scratch.path("absolute"), std::string("sub/x"),
                                   std::string("x\0y", 3)}) {
     expectRefused(name, EINVAL);
   }
   EXPECT_EQ(readFile(victim), "victim");
-  EXPECT_NE(access(scratch.file("x").c_str(), F_OK), 0);
-  EXPECT_NE(access(scratch.file("absolute").c_str(), F_OK), 0);
+  EXPECT_NE(access(scratch.path("x").c_str(), F_OK), 0);
+  EXPECT_NE(access(scratch.path("absolute").c_str(), F_OK), 0);
   EXPECT_NE(access((dumps + "/x").c_str(), F_OK), 0);
 }
 
@@ -329,7 +317,7 @@ TEST_F(DumpDirTest, NamesThatAreNotPlainFileNamesAreRefused) {
 // users' files are refused, and nothing they lead to is touched.
 TEST_F(DumpDirTest, PlantedEntriesAreRefusedTouchingNothing) {
   writeFile(victim, "victim");
-  const std::string target = scratch.file("created");
+  const std::string target = scratch.path("created");
   ASSERT_EQ(symlink(victim.c_str(), (dumps + "/evil.gz").c_str()), 0);
   ASSERT_EQ(symlink(target.c_str(), (dumps + "/dangling.gz").c_str()), 0);
   ASSERT_EQ(mkfifo((dumps + "/fifo").c_str(), 0600), 0);  // would block the agent with no reader
@@ -343,7 +331,7 @@ TEST_F(DumpDirTest, PlantedEntriesAreRefusedTouchingNothing) {
   EXPECT_NE(access(target.c_str(), F_OK), 0);
 
   // Nor may the dump directory itself be a link elsewhere.
-  const std::string linkedDir = scratch.file("linked");
+  const std::string linkedDir = scratch.path("linked");
   ASSERT_EQ(symlink(dumps.c_str(), linkedDir.c_str()), 0);
   EXPECT_EQ(openCompressedDumpFileInDir(linkedDir, "x.gz"), nullptr);
   EXPECT_NE(access((dumps + "/x.gz").c_str(), F_OK), 0);

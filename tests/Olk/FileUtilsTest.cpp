@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -22,19 +21,9 @@ namespace {
 
 using OlkTest::inChild;
 
-// A fresh directory removed with everything in it at the end of the test.
-class TempDir {
+// A scratch directory that also creates files and subdirectories.
+class TempDir : public OlkTest::TempDir {
  public:
-  TempDir() {
-    char pattern[] = "/tmp/FileUtilsTest.XXXXXX";
-    path_ = mkdtemp(pattern);
-  }
-  ~TempDir() {
-    chmod(path_.c_str(), 0755);
-    std::system(("chmod -R u+rwx " + path_ + " 2>/dev/null; rm -rf " + path_).c_str());
-  }
-  std::string path(const std::string& rel) const { return path_ + "/" + rel; }
-  const std::string& root() const { return path_; }
   std::string file(const std::string& rel) const {
     std::string p = path(rel);
     close(open(p.c_str(), O_CREAT | O_WRONLY, 0644));
@@ -45,9 +34,6 @@ class TempDir {
     mkdir(p.c_str(), 0755);
     return p;
   }
-
- private:
-  std::string path_;
 };
 
 std::vector<std::string> sorted(std::vector<std::string> v) {
