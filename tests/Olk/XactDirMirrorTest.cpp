@@ -166,7 +166,8 @@ class XactDirMirrorTest : public ::testing::Test {
 
 // --- one process, two agents' mirrors --------------------------------------
 
-TEST_F(XactDirMirrorTest, FollowerTracksSetsChangesAndDeletionsAndAResyncNotifiesNothing) {
+// Changes and deletions reach a follower in the late-follower and restart cases.
+TEST_F(XactDirMirrorTest, FollowerTracksABurstInOneRoundTripAndAResyncNotifiesNothing) {
   auto pub = mirror("pub");
   auto config = xactConfigDirFactory("e1");
   pub->publishedConfigDirIs(config);
@@ -174,12 +175,6 @@ TEST_F(XactDirMirrorTest, FollowerTracksSetsChangesAndDeletionsAndAResyncNotifie
   auto followed = fol->followedConfigDirIs("e1");
   for (U32 id = 1; id <= 100; ++id) config->xactConfigIs({id, 1});
   ASSERT_TRUE(runUntil([&] { return settled(pub) && up(fol) && sameConfigs(*config, *followed); }));
-
-  for (U32 id = 1; id <= 10; ++id) config->xactConfigIs({id, 2});
-  for (U32 id = 50; id < 70; ++id) config->xactConfigDel(id);
-  ASSERT_TRUE(runUntil([&] { return settled(pub) && sameConfigs(*config, *followed); }));
-  EXPECT_EQ(followed->xactConfig(5), XactConfig(5, 2));
-  EXPECT_FALSE(followed->xactConfigHas(60));
 
   // A burst costs one transaction on the publisher's side and one read on
   // the follower's, whatever its size.
