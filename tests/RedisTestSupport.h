@@ -64,27 +64,17 @@ class RedisServer {
   RedisServer(const RedisServer&) = delete;
   RedisServer& operator=(const RedisServer&) = delete;
 
-  const std::string& dir() const { return dir_; }
   std::string socketPath() const { return dir_ + "/r.sock"; }
   bool running() const { return pid_ > 0; }
 
   // Starts the server and returns once it answers PING.
   void start() {
-    std::vector<std::string> args{"redis-server",
-                                  "--port",
-                                  std::to_string(options_.tcpPort),
-                                  "--unixsocket",
-                                  socketPath(),
-                                  "--dir",
-                                  dir_,
-                                  "--save",
-                                  "",
-                                  "--appendonly",
-                                  options_.persistent ? "yes" : "no",
-                                  "--appendfsync",
-                                  "always",
-                                  "--logfile",
-                                  dir_ + "/redis.log"};
+    // clang-format off
+    std::vector<std::string> args{"redis-server", "--port", std::to_string(options_.tcpPort),
+                                  "--unixsocket", socketPath(), "--dir", dir_, "--save", "",
+                                  "--appendonly", options_.persistent ? "yes" : "no",
+                                  "--appendfsync", "always", "--logfile", dir_ + "/redis.log"};
+    // clang-format on
     if (options_.tcpPort) args.insert(args.end(), {"--bind", "127.0.0.1"});
     args.insert(args.end(), options_.extra.begin(), options_.extra.end());
     pid_ = ::fork();
@@ -172,12 +162,7 @@ class RedisServer {
   // Any answer will do, a refusal to an unauthenticated client included.
   bool ping() const {
     redisContext* c = redisConnectUnix(socketPath().c_str());
-    bool ok = c && !c->err;
-    if (ok) {
-      auto* r = static_cast<redisReply*>(redisCommand(c, "PING"));
-      ok = r != nullptr;
-      if (r) freeReplyObject(r);
-    }
+    const bool ok = c && !c->err && run(c, {"PING"}) != "(no reply)";
     if (c) redisFree(c);
     return ok;
   }
@@ -191,7 +176,6 @@ class RedisServer {
 // return until killed); SIGKILLed and reaped when the object goes.
 class ChildProcess {
  public:
-  ChildProcess() = default;
   explicit ChildProcess(const std::function<void()>& body) {
     pid_ = ::fork();
     if (pid_ == 0) {
@@ -212,7 +196,6 @@ class ChildProcess {
   }
   ~ChildProcess() { kill(); }
 
-  pid_t pid() const { return pid_; }
   void kill() {
     if (pid_ <= 0) return;
     ::kill(pid_, SIGKILL);

@@ -39,16 +39,16 @@ inline int connectToAgent(const std::string& name) {
   return sock;
 }
 
-// Reads until the server closes; a reset after the reply counts as the end.
-inline std::string readToEnd(int sock) {
-  std::string reply;
+// Everything readable from `fd` until end of file; a reset after a reply
+// counts as the end.
+inline std::string readAll(int fd) {
+  std::string text;
   char buf[65536];
-  for (;;) {
-    ssize_t n = recv(sock, buf, sizeof(buf), 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return reply;
-    reply.append(buf, static_cast<size_t>(n));
+  for (ssize_t n; (n = read(fd, buf, sizeof(buf))) != 0;) {
+    if (n < 0 && errno != EINTR) break;
+    if (n > 0) text.append(buf, static_cast<size_t>(n));
   }
+  return text;
 }
 
 // Sends `command` in one send and returns the whole reply, or "<no agent>".
@@ -56,7 +56,7 @@ inline std::string sendCommand(const std::string& name, const std::string& comma
   int sock = connectToAgent(name);
   if (sock < 0) return "<no agent>";
   send(sock, command.data(), command.size(), MSG_NOSIGNAL);
-  std::string reply = readToEnd(sock);
+  std::string reply = readAll(sock);
   close(sock);
   return reply;
 }
@@ -89,14 +89,6 @@ inline bool pumpUntil(const std::function<bool()>& done) {
     loop->runOnce(0.005);
   }
   return true;
-}
-
-// Everything readable from `fd` until end of file.
-inline std::string readAll(int fd) {
-  std::string text;
-  char buf[4096];
-  for (ssize_t n; (n = read(fd, buf, sizeof(buf))) > 0;) text.append(buf, static_cast<size_t>(n));
-  return text;
 }
 
 // Sends `command` from a forked child running as `uid` (group likewise)

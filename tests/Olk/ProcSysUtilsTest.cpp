@@ -10,10 +10,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -24,7 +22,6 @@
 #include "platform/Trace.h"
 
 using namespace Olk;
-using Args = std::vector<std::string>;
 
 namespace {
 
@@ -185,28 +182,6 @@ TEST(ProcSysUtils, UnknownNamespaceFallsBackToCallersOwn) {
   EXPECT_STREQ(buf, "Linux\n");
 }
 
-TEST(ProcSysUtils, TokenizerSplitsQuotesAndBackslashes) {
-  struct Case {
-    const char* cmd;
-    Args args;
-  } cases[] = {
-      {"", {}},
-      {"a  b", {"a", "b"}},
-      {"'' x", {"", "x"}},
-      {"a\"b \"c'd'", {"ab cd"}},
-      {"'a\"b'", {"a\"b"}},
-      {"a\\ b", {"a b"}},
-      {"a\\;b \\'", {"a;b", "'"}},
-      {"\"a\\\"b\\\\c\\x\"", {"a\"b\\cx"}},
-      {"'a\\b'", {"a\\b"}},
-      {"'a\\'", {"a\\"}},
-      {"echo 'a;b' \"c|d\" '~`&*()<>'", {"echo", "a;b", "c|d", "~`&*()<>"}},
-      {"a\tb", {"a\tb"}},
-      {"echo $HOME ?! {x}", {"echo", "$HOME", "?!", "{x}"}},
-  };
-  for (const Case& c : cases) EXPECT_EQ(tokenizeShellCommand(c.cmd), c.args) << "command: " << c.cmd;
-}
-
 TEST(ProcSysUtils, TokenizerRefusesShellSyntaxWithExactMessages) {
   for (char c : std::string("~`&*()|;<>")) {
     std::string cmd = std::string("echo a") + c + "b";
@@ -221,67 +196,14 @@ TEST(ProcSysUtils, TokenizerRefusesShellSyntaxWithExactMessages) {
   EXPECT_EQ(refusal("a;b 'c"), "Unsupported special character ; used in Olk::run command: a;b 'c");
 }
 
-// Cross-check with Python's shlex.split on inputs where both rules agree: no
-// tabs, no special characters, and backslashes only before a backslash or a
-// double quote. The pieces are glued at random with a fixed seed.
-TEST(ProcSysUtils, TokenizerAgreesWithShlexWhereRulesCoincide) {
-  if (system("python3 -c 'import shlex' 2>/dev/null") != 0) GTEST_SKIP() << "python3 not available";
-  const char* pieces[] = {"a", "b", " ", "  ", "'", "\"", "\\\\", "\\\"", "$x", "-"};
-  std::mt19937 rng(1234);
-  std::vector<std::string> inputs = {"a 'b c' \"d\"e", "'' \"\" x", "a\\\"b", "\"a\\\\b\""};
-  while (inputs.size() < 400) {
-    std::string s;
-    for (int n = 1 + static_cast<int>(rng() % 8); n > 0; --n) s += pieces[rng() % std::size(pieces)];
-    inputs.push_back(s);
-  }
-  TempFile in;
-  {
-    std::ofstream out(in.path());
-    for (const std::string& s : inputs) out << s << '\n';
-  }
-  std::string script =
-      "import shlex,sys\n"
-      "for line in open(sys.argv[1]).read().split('\\n')[:-1]:\n"
-      "    try: print('\\x1f'.join(['<'+t+'>' for t in shlex.split(line)]))\n"
-      "    except ValueError: print('!')\n";
-  std::string cmd = "python3 -c \"" + script + "\" " + in.path();
-  FILE* p = popen(cmd.c_str(), "r");
-  ASSERT_NE(p, nullptr);
-  std::string answers;
-  char chunk[4096];
-  while (size_t n = fread(chunk, 1, sizeof chunk, p)) answers.append(chunk, n);
-  ASSERT_EQ(pclose(p), 0);
 
-  std::istringstream lines(answers);
-  std::string expected;
-  int compared = 0;
-  for (const std::string& s : inputs) {
-    ASSERT_TRUE(std::getline(lines, expected));
-    std::string ours;
-    try {
-      for (const std::string& t : tokenizeShellCommand(s.c_str())) ours += (ours.empty() ? "" : "\x1f") + ("<" + t + ">");
-    } catch (const std::invalid_argument&) {
-      ours = "!";
-    }
-    EXPECT_EQ(ours, expected) << "input: [" << s << "]";
-    ++compared;
+// A child whose exec failed comes back from run() with -1 (99 here).
+TEST(ProcSysUtils, RunReturnsExitCodesSignalsAndExecFailures) {
+  for (auto [cmd, rc] : {std::pair{"true", 0}, {"false", 1}, {"sh -c 'exit 7'", 7}, {"sh -c 'exit 255'", 255},
+                         {"sh -c 'kill -9 $$'", -9}, {"sh -c 'kill -TERM $$'", -15},
+                         {"/nonexistent/program arg", 99}, {"", 99}, {"   ", 99}}) {
+    EXPECT_EQ(runFromTest(cmd), rc) << cmd;
   }
-  EXPECT_EQ(compared, 400);
-}
-
-TEST(ProcSysUtils, RunReturnsExitCodesAndSignals) {
-  EXPECT_EQ(runFromTest("true"), 0);
-  EXPECT_EQ(runFromTest("false"), 1);
-  EXPECT_EQ(runFromTest("sh -c 'exit 7'"), 7);
-  EXPECT_EQ(runFromTest("sh -c 'exit 255'"), 255);
-  EXPECT_EQ(runFromTest("sh -c 'kill -9 $$'"), -9);
-  EXPECT_EQ(runFromTest("sh -c 'kill -TERM $$'"), -15);
-}
-
-TEST(ProcSysUtils, RunChildWhoseExecFailsReturnsMinusOneInTheChild) {
-  EXPECT_EQ(runFromTest("/nonexistent/program arg"), 99);
-  EXPECT_EQ(runFromTest(""), 99);
-  EXPECT_EQ(runFromTest("   "), 99);
 }
 
 TEST(ProcSysUtils, RunRefusesShellSyntaxBeforeStartingAnything) {
@@ -296,16 +218,13 @@ TEST(ProcSysUtils, RunPlacesGivenDescriptorsAndNullDevice) {
   EXPECT_EQ(runFromTest("echo 'hello  world'", -1, out.fd(), -1), 0);
   EXPECT_EQ(out.text(), "hello  world\n");
 
-  // -2 puts the null device on the child's standard output.
+  // -2 puts the null device on the child's standard input or output.
   const char* stdoutIsNull = "sh -c '[ \"$(readlink /proc/$$/fd/1)\" = /dev/null ]'";
   EXPECT_EQ(runFromTest(stdoutIsNull, -1, -2, -1), 0);
   EXPECT_EQ(runFromTest(stdoutIsNull, -1, out.fd(), -1), 1);
-}
-
-TEST(ProcSysUtils, RunNullDeviceAsStandardInputIsWriteOnlyOnPurpose) {
-  // cat would exit 0 on end of file; the write-only descriptor makes its read fail.
-  EXPECT_EQ(runFromTest("cat", -2, -1, -2), 1);
   EXPECT_EQ(runFromTest("sh -c '[ \"$(readlink /proc/$$/fd/0)\" = /dev/null ]'", -2, -1, -1), 0);
+  // Write-only on purpose: cat's read fails, where end of file would let it exit 0.
+  EXPECT_EQ(runFromTest("cat", -2, -1, -2), 1);
 }
 
 TEST(ProcSysUtils, RunChildInheritsUnnamedDescriptors) {

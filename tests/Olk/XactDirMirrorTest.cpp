@@ -105,6 +105,31 @@ class LogCapture {
   Zum::LogSink old_;
 };
 
+bool up(const Ptr<XactDirMirror>& m) { return m->connectionState() == XactDirMirror::connectionUp; }
+// Up, and every published change confirmed by the server.
+bool settled(const Ptr<XactDirMirror>& m) { return up(m) && m->pendingWriteCount() == 0; }
+
+using S = XactDirMirror::ConnectionState;
+// The states a mirror passes through from its start over one loss of the server.
+const std::vector<S> upDownAndUpAgain{S::connectionSyncing, S::connectionUp, S::connectionDown, S::connectionSyncing,
+                                      S::connectionUp};
+
+// Coordinator side: one published config directory and one followed status
+// directory per executor name.
+Ptr<XactAggregatorSm> coordinatorOn(const Ptr<XactDirMirror>& m, const Ptr<Zum::Clock>& clock,
+                                    const std::vector<String>& names,
+                                    std::map<String, Ptr<XactConfigDir>>* configs = nullptr) {
+  auto agg = xactAggregatorSmFactory("coord", clock);
+  for (const auto& name : names) {
+    auto config = xactConfigDirFactory(name);
+    m->publishedConfigDirIs(config);
+    agg->xactConfigDirIs(config);
+    agg->xactStatusDirIs(m->followedStatusDirIs(name));
+    if (configs) (*configs)[name] = config;
+  }
+  return agg;
+}
+
 bool sameConfigs(const XactConfigDir& a, const XactConfigDir& b) {
   if (a.xactConfig().size() != b.xactConfig().size()) return false;
   for (const auto& [id, cfg] : a.xactConfig()) {
@@ -123,23 +148,9 @@ class XactDirMirrorTest : public ::testing::Test {
     return m;
   }
   bool runUntil(const std::function<bool()>& done) { return loop_->runUntil(done, patience); }
-  static bool up(const Ptr<XactDirMirror>& m) { return m->connectionState() == XactDirMirror::connectionUp; }
-  // Up, and every published change confirmed by the server.
-  static bool settled(const Ptr<XactDirMirror>& m) { return up(m) && m->pendingWriteCount() == 0; }
-
-  // Coordinator side: one published config directory and one followed
-  // status directory per executor name.
   Ptr<XactAggregatorSm> coordinator(const Ptr<XactDirMirror>& m, const std::vector<String>& names,
                                     std::map<String, Ptr<XactConfigDir>>* configs = nullptr) {
-    auto agg = xactAggregatorSmFactory("coord", loop_->clock());
-    for (const auto& name : names) {
-      auto config = xactConfigDirFactory(name);
-      m->publishedConfigDirIs(config);
-      agg->xactConfigDirIs(config);
-      agg->xactStatusDirIs(m->followedStatusDirIs(name));
-      if (configs) (*configs)[name] = config;
-    }
-    return agg;
+    return coordinatorOn(m, loop_->clock(), names, configs);
   }
 
   Ptr<Zum::ActivityManager> loop_ = Zum::activityManagerFactory();
@@ -155,7 +166,8 @@ class XactDirMirrorTest : public ::testing::Test {
 
 // --- one process, two agents' mirrors --------------------------------------
 
-TEST_F(XactDirMirrorTest, FollowerTracksSetsChangesAndDeletionsAndAResyncNotifiesNothing) {
+// Changes and deletions reach a follower in the late-follower and restart cases.
+TEST_F(XactDirMirrorTest, FollowerTracksABurstInOneRoundTripAndAResyncNotifiesNothing) {
   auto pub = mirror("pub");
   auto config = xactConfigDirFactory("e1");
   pub->publishedConfigDirIs(config);
@@ -163,12 +175,6 @@ TEST_F(XactDirMirrorTest, FollowerTracksSetsChangesAndDeletionsAndAResyncNotifie
   auto followed = fol->followedConfigDirIs("e1");
   for (U32 id = 1; id <= 100; ++id) config->xactConfigIs({id, 1});
   ASSERT_TRUE(runUntil([&] { return settled(pub) && up(fol) && sameConfigs(*config, *followed); }));
-
-  for (U32 id = 1; id <= 10; ++id) config->xactConfigIs({id, 2});
-  for (U32 id = 50; id < 70; ++id) config->xactConfigDel(id);
-  ASSERT_TRUE(runUntil([&] { return settled(pub) && sameConfigs(*config, *followed); }));
-  EXPECT_EQ(followed->xactConfig(5), XactConfig(5, 2));
-  EXPECT_FALSE(followed->xactConfigHas(60));
 
   // A burst costs one transaction on the publisher's side and one read on
   // the follower's, whatever its size.
@@ -254,9 +260,7 @@ TEST_F(XactDirMirrorTest, UnreachableAtStartThenRestartedWithAndWithoutItsDataBo
   ASSERT_TRUE(runUntil([&] { return settled(pub) && up(fol) && sameConfigs(*config, *followed); }));
   EXPECT_EQ(followed->xactConfig(3), XactConfig(3, 2));
   EXPECT_FALSE(followed->xactConfigHas(45));
-  using S = XactDirMirror::ConnectionState;
-  EXPECT_EQ(states.states, (std::vector<S>{S::connectionSyncing, S::connectionUp, S::connectionDown,
-                                           S::connectionSyncing, S::connectionUp}));
+  EXPECT_EQ(states.states, upDownAndUpAgain);
 
   auto coordinator = mirror("coord");
   auto statuses = coordinator->followedStatusDirIs("e1");
@@ -292,9 +296,7 @@ TEST_F(XactDirMirrorTest, AServerThatStopsAnsweringIsDroppedAndRejoinedWhenItAns
   config->xactConfigIs({3, 1});
   server_.resume();
   ASSERT_TRUE(runUntil([&] { return settled(pub) && up(fol) && sameConfigs(*config, *followed); }));
-  using S = XactDirMirror::ConnectionState;
-  EXPECT_EQ(states.states, (std::vector<S>{S::connectionSyncing, S::connectionUp, S::connectionDown,
-                                           S::connectionSyncing, S::connectionUp}));
+  EXPECT_EQ(states.states, upDownAndUpAgain);
   EXPECT_EQ(followed->xactConfig().size(), 3u);
 }
 
@@ -360,12 +362,7 @@ TEST(XactDirMirrorTcp, LoopbackWithAclUserAndDatabaseAndARefusedPassword) {
   auto followed = fol->followedConfigDirIs("e1");
   for (U32 id = 1; id <= 20; ++id) config->xactConfigIs({id, id});
   config->xactConfigDel(4);
-  ASSERT_TRUE(loop->runUntil(
-      [&] {
-        return pub->pendingWriteCount() == 0 && fol->connectionState() == XactDirMirror::connectionUp &&
-               sameConfigs(*config, *followed);
-      },
-      patience));
+  ASSERT_TRUE(loop->runUntil([&] { return settled(pub) && up(fol) && sameConfigs(*config, *followed); }, patience));
   EXPECT_EQ(server.command({"HLEN", pub->configKey("e1")}, 3), "19");
   EXPECT_EQ(server.command({"EXISTS", pub->configKey("e1")}, 0), "0");
 
@@ -456,11 +453,7 @@ TEST_F(XactDirMirrorTest, RestartedCoordinatorFindsEveryConfigurationAndStatus) 
   ChildProcess first([&] {
     auto loop = Zum::activityManagerFactory();
     auto m = xactDirMirrorFactory("coord", RedisAddress::unixSocket(socket), prefix, loop);
-    auto agg = xactAggregatorSmFactory("coord", loop->clock());
-    auto config = xactConfigDirFactory("e1");
-    m->publishedConfigDirIs(config);
-    agg->xactConfigDirIs(config);
-    agg->xactStatusDirIs(m->followedStatusDirIs("e1"));
+    auto agg = coordinatorOn(m, loop->clock(), {"e1"});
     auto dir = xactDirFactory("xacts");
     for (U32 id = 1; id <= 100; ++id) agg->doStartXact(dir->xactIs(id));
     loop->runUntil([&] { return agg->inProgressXact().empty() && m->pendingWriteCount() == 0; }, patience);
