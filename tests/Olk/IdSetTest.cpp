@@ -265,49 +265,6 @@ TEST(IdSet, MalformedTextFailsWithItsCheck) {
   EXPECT_DEATH(parse("(12)"), lit("12 exceeds limit of 10"));
 }
 
-TEST(IdSet, RandomAlgebraMatchesReferenceSets) {
-  std::mt19937 rng(20240611);
-  for (U16 size : {1, 63, 64, 65, 1000, 16384}) {
-    for (double density : {0.01, 0.5, 0.97}) {
-      SCOPED_TRACE(testing::Message() << "size " << size << " density " << density);
-      Ref ra = randomRef(rng, size, density), rb = randomRef(rng, size, density / 2);
-      IdSet a = fromRef(size, ra), b = fromRef(size, rb);
-      checkInvariants(a, ra);
-      checkInvariants(a | b, setOp(ra, rb, '|'));
-      checkInvariants(a - b, setOp(ra, rb, '-'));
-      checkInvariants(a & b, setOp(ra, rb, '&'));
-      checkInvariants(a ^ b, setOp(ra, rb, '^'));
-      IdSet inPlace = a;
-      inPlace ^= b;
-      inPlace ^= b;
-      EXPECT_EQ(inPlace, a);
-
-      // Complement within the size, and the unmasked tail above it.
-      IdSet c = ~a;
-      for (U32 v = 0; v < size; ++v) ASSERT_NE(c.id(static_cast<U16>(v)), ra.count(static_cast<U16>(v)) != 0);
-      EXPECT_EQ(c.ids(), size - ra.size() + (c.maxBuckets() * 64 - size));
-
-      // firstId/nextId agree with the reference from every position.
-      EXPECT_EQ(a.firstId(), ra.empty() ? Id::null() : Id(*ra.begin()));
-      for (U32 v = 0; v < size; v += 1 + v / 50) {
-        auto above = ra.upper_bound(static_cast<U16>(v));
-        ASSERT_EQ(a.nextId(static_cast<U16>(v)), above == ra.end() ? Id::null() : Id(*above));
-      }
-
-      // Text round trip.
-      IdSet back(size, Id::null());
-      String text = a.stringValue();
-      Zum::StrepIter cur = text.begin();
-      sequenceToValue(cur, text.end(), &back);
-      EXPECT_EQ(back, a);
-
-      // Removing every member one by one empties every bucket.
-      for (U16 v : ra) ASSERT_TRUE(a.updateId(v, false));
-      checkInvariants(a, Ref{});
-    }
-  }
-}
-
 // A set grown up to a third of its buckets and one thinned down to the same
 // ids from full reach that state by opposite paths, so one is stored sparse
 // and the other dense; nothing observable may differ between them.
