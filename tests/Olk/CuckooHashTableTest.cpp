@@ -185,13 +185,6 @@ const std::vector<Shape> shapes = {
     {{1, 2}, {2, 1}, {1, 1}},                                            // tiny, mixed bins
 };
 
-// Every slot as (location -> key), to compare runs.
-std::map<CuckooLocation, U32> placement(const HashTable& table) {
-  std::map<CuckooLocation, U32> out;
-  for (const auto& [l, i] : table.itemShadow()) out[l] = intItem(i).key();
-  return out;
-}
-
 U32 capacity(const Shape& s) {
   U32 c = 0;
   for (const auto& [size, bins] : s) c += size * bins;
@@ -278,8 +271,7 @@ TEST(CuckooHashTable, FreeSlotGivesOneCommandAndClearsLastEvicted) {
 
 TEST(CuckooHashTable, KEvictionsGiveKPlusOneCommandsFreeSlotFirst) {
   for (U32 seed = 0; seed < 16; ++seed) {
-    const Shape shape = {{8, 1}, {8, 1}};
-    Fixture f(shape, seed);
+    Fixture f({{8, 1}, {8, 1}}, seed);
     f.start();
     // T0[0]=A T0[1]=D T1[0]=B T1[1]=C, T0[2] and T1[3] free: X at (0, 0) must
     // move two items whichever victim the walk picks first.
@@ -287,21 +279,15 @@ TEST(CuckooHashTable, KEvictionsGiveKPlusOneCommandsFreeSlotFirst) {
     for (const Item& i : {a, filler, c}) ASSERT_TRUE(f.table->insertItem(i));
     ASSERT_TRUE(f.table->deleteItem(filler));
     for (const Item& i : {d, b}) ASSERT_TRUE(f.table->insertItem(i));
-    HardwareModel hw(shape);
-    for (size_t i = 0; i < f.cmds(); ++i) hw.write(*f.cmd(i));
     f.config->cmdReadCompletedInc();
 
     Item x = item(0, 0, 0);
     ASSERT_TRUE(f.table->insertItem(x));
     ASSERT_EQ(3u, f.cmds()) << seed;
     EXPECT_EQ(2u, f.status->tableStat(0)->numOfEvicts() + f.status->tableStat(1)->numOfEvicts());
-    EXPECT_FALSE(hw.at(f.cmd(0)->location()));
+    const CuckooLocation first = f.cmd(0)->location();  // into a free slot
+    EXPECT_TRUE((first == CuckooLocation{0, 0, 2}) || (first == CuckooLocation{1, 0, 3})) << valueToStrep(first);
     EXPECT_EQ(x, f.cmd(2)->item());
-    for (size_t i = 0; i < 3; ++i) {
-      hw.write(*f.cmd(i));
-      for (const Item& i2 : {a, b, c, d}) EXPECT_TRUE(hw.found(i2)) << seed << " write " << i;
-    }
-    EXPECT_TRUE(hw.equals(*f.table));
     EXPECT_TRUE(f.table->verifyCuckooCmdsHitless());
   }
 }
@@ -450,17 +436,6 @@ TEST(CuckooHashTable, WithoutHitlessSelfCheckAgreesWithHardwareModel) {
     }
   }
   EXPECT_TRUE(anyMiss);  // without cycle removal some lists do lose an item
-}
-
-TEST(CuckooHashTable, EqualSeedsGiveEqualPlacements) {
-  for (size_t s = 0; s < shapes.size(); ++s) {
-    RandomRun first(shapes[s], 42, 30, true, 3);
-    first.go(300, capacity(shapes[s]) + 3);
-    const auto expected = placement(*first.fixture().table);
-    RandomRun second(shapes[s], 42, 30, true, 3);
-    second.go(300, capacity(shapes[s]) + 3);
-    EXPECT_EQ(expected, placement(*second.fixture().table)) << "shape " << s;
-  }
 }
 
 // ---- pending items -----------------------------------------------------------
