@@ -71,35 +71,6 @@ TEST(BestFitAllocator, FreshMemoryIsOneJumboBlockCutFromTheLowEnd) {
   EXPECT_EQ(strepToValue<BFA::JumboFreeBlk>(valueToStrep(BFA::JumboFreeBlk(96, 4))), BFA::JumboFreeBlk(96, 4));
 }
 
-TEST(BestFitAllocator, DroppingTheLastPointerFreesAndCoalesces) {
-  auto a = bestFitAllocatorFactory(30, 0, 10);
-  auto b1 = a->alloc(5);
-  auto b2 = a->alloc(5);
-  auto b3 = a->alloc(5);
-  auto keep = a->alloc(5);
-  b1 = nullptr;
-  b3 = nullptr;
-  EXPECT_EQ(freeBlocks(*a), (Blocks{{0, 5}, {10, 5}, {20, 10}}));
-  auto copy = b2;
-  b2 = nullptr;  // still referenced
-  EXPECT_EQ(a->numFreeEntries(), 20u);
-  copy = nullptr;  // between two free blocks
-  EXPECT_EQ(freeBlocks(*a), (Blocks{{0, 15}, {20, 10}}));
-  checkInvariants(*a);
-}
-
-TEST(BestFitAllocator, BestFitPrefersSmallestOrdinaryBlockOverJumbo) {
-  auto a = bestFitAllocatorFactory(100, 0, 10);
-  std::vector<Ptr<BFA::Blk>> b;
-  for (U32 sz : {3u, 1u, 8u, 1u}) b.push_back(a->alloc(sz));
-  b[0] = nullptr;  // free 0..2
-  b[2] = nullptr;  // free 4..11
-  auto five = a->alloc(5);
-  EXPECT_EQ(five->index(), 4u);
-  EXPECT_EQ(freeBlocks(*a), (Blocks{{0, 3}, {9, 3}, {13, 87}}));
-  checkInvariants(*a);
-}
-
 TEST(BestFitAllocator, TracesEachStepAtLevel7AndExhaustionReturnsNull) {
   Zum::TraceCapture capture(7);
   auto a = bestFitAllocatorFactory(10, 100, 4);

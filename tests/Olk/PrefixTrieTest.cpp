@@ -109,40 +109,12 @@ TEST(PrefixTrie, MountPointsDropTheirStar) {
   EXPECT_DEATH(t->prefixIs("x/y*"), "starPos == Zum::String::npos");
 }
 
-TEST(PrefixTrie, AProperPrefixExcludesTheNameItself) {
-  Ptr<PrefixTrie> t = prefixTrieFactory("root");
-  t->prefixIs("a");
-  EXPECT_TRUE(t->hasPrefix("a"));
-  EXPECT_FALSE(t->hasProperPrefix("a"));
-  EXPECT_TRUE(t->hasProperPrefix("a/b"));
-  EXPECT_FALSE(t->hasPrefix("b"));
-}
-
-TEST(PrefixTrie, EnclosingPrefixIsTheLongestStoredOne) {
-  Ptr<PrefixTrie> t = prefixTrieFactory("root");
-  t->prefixIs("a");
-  t->prefixIs("a/b/c");
-  EXPECT_EQ(t->enclosingPrefix("a/b/c/d"), "a/b/c");
-  EXPECT_EQ(t->enclosingPrefix("a/b/c"), "a/b/c");
-  EXPECT_EQ(t->properEnclosingPrefix("a/b/c"), "a");
-  EXPECT_EQ(t->enclosingPrefix("a/b"), "a");
-  EXPECT_EQ(t->properEnclosingPrefix("a"), "");
-  EXPECT_EQ(t->enclosingPrefix("z/a"), "");
-}
-
-TEST(PrefixTrie, NodeQueriesForNamesOnAndOffThePaths) {
+TEST(PrefixTrie, PathNodesShareThePrefixState) {
   Ptr<PrefixTrie> t = prefixTrieFactory("root");
   Ptr<PrefixTrieState> s = prefixTrieStateFactory();
   t->prefixIs("a/b/c", s);
-  EXPECT_TRUE(t->isPrefix("a/b"));
-  EXPECT_TRUE(t->isPrefix("a/b/c"));
-  EXPECT_FALSE(t->isPrefix("a/b/c/d"));
-  EXPECT_FALSE(t->isPrefix("q"));
-  EXPECT_TRUE(t->isLeaf("a/b/c"));
-  EXPECT_FALSE(t->isLeaf("a"));
-  EXPECT_FALSE(t->isLeaf("q"));
   EXPECT_EQ(t->prefixState("a/b/c"), s);
-  EXPECT_EQ(t->prefixState("a"), s);  // path nodes share the prefix's state
+  EXPECT_EQ(t->prefixState("a"), s);
   EXPECT_FALSE(t->prefixState("a/x"));
 }
 

@@ -495,26 +495,6 @@ TEST_F(XactAggregator, AttachingStatusDirectoryTakesInItsPresentStatuses) {
   EXPECT_THAT(comments(*x), ElementsAre(Pair("b", "b says no")));
 }
 
-TEST_F(XactAggregator, StopWithdrawsFromEveryStageAndDeletesConfigurations) {
-  attach();
-  agg->maxAllowedInProgressXactsIs(1);
-  start(1);
-  Ptr<Xact> pending = start(2);
-  startBlocked(3, {pending});
-  Ptr<Xact> queued = start(4);
-  ASSERT_TRUE(agg->blockedXactHas(3));
-  agg->doStopXact(3);
-  EXPECT_FALSE(agg->blockedXactHas(3));
-  agg->doStopXact(2);
-  EXPECT_FALSE(agg->pendingXact(2));
-  agg->doStopXact(1);
-  EXPECT_FALSE(cfgA->xactConfigHas(1));
-  EXPECT_FALSE(cfgB->xactConfigHas(1));
-  // The freed slot goes to the one still pending.
-  EXPECT_EQ(agg->inProgressXact(4), queued);
-  EXPECT_EQ(agg->inProgressXact().size(), 1u);
-}
-
 TEST_F(XactAggregator, TearDownWithdrawsConfigurationsAndDisarms) {
   attach();
   start(1);
