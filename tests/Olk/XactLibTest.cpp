@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 #include <initializer_list>
 #include <sstream>
@@ -45,17 +44,9 @@ class StatusEvents : public XactStatusDir::Notifiee {
   std::vector<U32> ids;
 };
 
-class ConfigEvents : public XactConfigDir::Notifiee {
- public:
-  explicit ConfigEvents(const Ptr<XactConfigDir>& d) { notifierIs(d); }
-  void onXactConfig(U32 id) override { ids.push_back(id); }
-  std::vector<U32> ids;
-};
-
 std::vector<std::pair<String, String>> comments(const Xact& x) {
   return {x.comment().begin(), x.comment().end()};
 }
-
 
 // A clock whose time moves only when the test says, without firing anything.
 class StepClock : public Zum::Clock {
@@ -106,23 +97,6 @@ TEST(XactRecords, TextForms) {
   EXPECT_EQ(strepToValue<ExecResult>(valueToStrep(er)), er);
 }
 
-TEST(XactRecords, SettersNotifyOnlyOnChange) {
-  Ptr<Xact> a = xactFactory(1);
-  Ptr<Xact> b = xactFactory(2);
-  XactEvents ev(a);
-  for (int round = 0; round < 2; ++round) {
-    a->configVersionIs(5);
-    a->startTimeIs(12.5);
-    a->statusVersionIs(5);
-    a->resultIs(xactSuccess);
-    a->failIfBlockingXactFailsIs(true);
-    a->commentIs("dir", "text");
-    a->blockingXactIs(b);
-  }
-  EXPECT_THAT(ev.events, ElementsAre("configVersion", "startTime", "statusVersion", "result", "failIf",
-                                     "comment:dir", "blockingXact:2"));
-}
-
 TEST(XactRecords, NullBlockerIsRangeErrorWithStrayQuoteAndChangesNothing) {
   Ptr<Xact> a = xactFactory(1);
   a->blockingXactIs(xactFactory(2));
@@ -134,17 +108,6 @@ TEST(XactRecords, NullBlockerIsRangeErrorWithStrayQuoteAndChangesNothing) {
 }
 
 TEST(XactRecords, DirectoriesReplaceAndNotifyOnChangeOnly) {
-  Ptr<XactConfigDir> cfg = xactConfigDirFactory("c");
-  ConfigEvents cev(cfg);
-  cfg->xactConfigIs(XactConfig(3, 1));
-  cfg->xactConfigIs(XactConfig(3, 1));
-  cfg->xactConfigIs(XactConfig(3, 2));
-  EXPECT_EQ(cfg->xactConfig(3), XactConfig(3, 2));
-  cfg->xactConfigDel(7);
-  cfg->xactConfigDelAll();
-  EXPECT_THAT(cev.ids, ElementsAre(3u, 3u, 3u));
-  EXPECT_TRUE(!cfg->xactConfig(3));
-
   Ptr<XactStatusDir> st = xactStatusDirFactory("s");
   StatusEvents sev(st);
   st->xactStatusIs(XactStatus(5, xactSuccess, "", 1));
