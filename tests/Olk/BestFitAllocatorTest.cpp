@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <random>
 #include <vector>
 
 #include "platform/Trace.h"
@@ -70,35 +69,6 @@ TEST(BestFitAllocator, FreshMemoryIsOneJumboBlockCutFromTheLowEnd) {
   EXPECT_EQ(valueToStrep(BFA::JumboFreeBlk(96, 4)),
             "Value('Olk::BFA::JumboFreeBlk', ** {'blkSz': 96, 'startIndex': 4})");
   EXPECT_EQ(strepToValue<BFA::JumboFreeBlk>(valueToStrep(BFA::JumboFreeBlk(96, 4))), BFA::JumboFreeBlk(96, 4));
-}
-
-TEST(BestFitAllocator, DroppingTheLastPointerFreesAndCoalesces) {
-  auto a = bestFitAllocatorFactory(30, 0, 10);
-  auto b1 = a->alloc(5);
-  auto b2 = a->alloc(5);
-  auto b3 = a->alloc(5);
-  auto keep = a->alloc(5);
-  b1 = nullptr;
-  b3 = nullptr;
-  EXPECT_EQ(freeBlocks(*a), (Blocks{{0, 5}, {10, 5}, {20, 10}}));
-  auto copy = b2;
-  b2 = nullptr;  // still referenced
-  EXPECT_EQ(a->numFreeEntries(), 20u);
-  copy = nullptr;  // between two free blocks
-  EXPECT_EQ(freeBlocks(*a), (Blocks{{0, 15}, {20, 10}}));
-  checkInvariants(*a);
-}
-
-TEST(BestFitAllocator, BestFitPrefersSmallestOrdinaryBlockOverJumbo) {
-  auto a = bestFitAllocatorFactory(100, 0, 10);
-  std::vector<Ptr<BFA::Blk>> b;
-  for (U32 sz : {3u, 1u, 8u, 1u}) b.push_back(a->alloc(sz));
-  b[0] = nullptr;  // free 0..2
-  b[2] = nullptr;  // free 4..11
-  auto five = a->alloc(5);
-  EXPECT_EQ(five->index(), 4u);
-  EXPECT_EQ(freeBlocks(*a), (Blocks{{0, 3}, {9, 3}, {13, 87}}));
-  checkInvariants(*a);
 }
 
 TEST(BestFitAllocator, TracesEachStepAtLevel7AndExhaustionReturnsNull) {
@@ -232,82 +202,4 @@ TEST(BestFitAllocator, ArgumentsAreChecked) {
   EXPECT_DEATH(a->alloc(6), "blkSz <= maxBlkSz\\(\\)");
   EXPECT_DEATH(a->realloc(0, 6), "blkSz <= maxBlkSz\\(\\)");
   EXPECT_DEATH(a->realloc(8, 3), "startIndex \\+ blkSz <= memSz\\(\\)");
-}
-
-// Random alloc/free/realloc/defragment/resize. A simulated table holds a
-// tag per entry; replaying each defragment log on it must carry every
-// block's contents to the block's new index.
-TEST(BestFitAllocator, RandomOperationsKeepInvariantsAndDefragmentLogsReplay) {
-  std::mt19937 rng(5150);
-  const U32 offset = 7000;
-  auto a = bestFitAllocatorFactory(400, offset, 24);
-  std::vector<Ptr<BFA::Blk>> held;
-  std::vector<U64> memory(500, 0);
-  U64 nextTag = 1;
-  int moves = 0, nulls = 0, clamped = 0;
-  auto keep = [&](const Ptr<BFA::Blk>& b) {
-    const U64 tag = nextTag++;
-    for (U32 i = 0; i < b->size(); ++i) memory[b->index() - offset + i] = tag << 16 | i;
-    held.push_back(b);
-  };
-  auto intact = [&](const Ptr<BFA::Blk>& b) {
-    const U64 tag = memory[b->index() - offset] >> 16;
-    for (U32 i = 0; i < b->size(); ++i) {
-      if (memory[b->index() - offset + i] != (tag << 16 | i)) return false;
-    }
-    return true;
-  };
-  auto replay = [&](BFA::PendingCmds& log) {
-    for (; log.pendingCmdLogs() != 0; ++moves) {
-      BFA::PendingCmd cmd = log.pendingCmdLogDeq();
-      const U32 from = cmd.oldIndex - offset;
-      const U32 to = cmd.blk->index() - offset;
-      ASSERT_LT(to, from);
-      for (U32 i = 0; i < cmd.blk->size(); ++i) memory[to + i] = memory[from + i];  // low to high
-    }
-  };
-  for (int op = 0; op < 4000; ++op) {
-    const U32 kind = rng() % 20;
-    const U32 sz = 1 + rng() % a->maxBlkSz();
-    if (kind < 9) {
-      U32 largest = 0;
-      for (const auto& kv : a->freeBlkStartIndexToSzMap()) largest = std::max(largest, kv.second);
-      auto b = a->alloc(sz);
-      ASSERT_EQ(static_cast<bool>(b), largest >= sz);
-      b ? keep(b) : void(++nulls);
-    } else if (kind < 16 && !held.empty()) {
-      std::swap(held[rng() % held.size()], held.back());
-      held.pop_back();
-    } else if (kind < 18) {
-      const U32 start = rng() % (a->memSz() - sz + 1);
-      const std::vector<bool> used = usedMap(*a);
-      const bool spanFree = std::none_of(used.begin() + start, used.begin() + start + sz, [](bool u) { return u; });
-      auto b = a->realloc(start, sz);
-      ASSERT_EQ(static_cast<bool>(b), spanFree);
-      if (b) keep(b);
-    } else if (kind == 18) {
-      replay(*a->defragment());
-      ASSERT_LE(a->freeBlkStartIndexToSzs(), 1u);
-      ASSERT_EQ(a->freeBlkEndIndexToSz(a->memSz() - 1), a->numFreeEntries());
-    } else {
-      const U32 newSz = 300 + rng() % 200;
-      const U32 oldSz = a->memSz();
-      const U32 oldFree = a->numFreeEntries();
-      if (auto log = a->resizeMemory(newSz)) replay(*log);
-      if (newSz >= oldSz) {
-        ASSERT_EQ(a->memSz(), newSz);
-      } else if (oldFree == 0) {
-        ASSERT_EQ(a->memSz(), oldSz);
-      } else {
-        ASSERT_EQ(a->memSz(), std::max(newSz, oldSz - oldFree));  // clamped at the used entries
-        clamped += newSz < oldSz - oldFree;
-      }
-    }
-    checkInvariants(*a);
-    for (const auto& b : held) ASSERT_TRUE(intact(b)) << "block at " << b->index();
-  }
-  // The run must have reached the interesting states.
-  EXPECT_GT(moves, 100);
-  EXPECT_GT(nulls, 10);
-  EXPECT_GT(clamped, 3);
 }

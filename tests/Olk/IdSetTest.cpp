@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-#include <set>
+#include <functional>
 #include <sstream>
 #include <unordered_set>
 
@@ -11,62 +10,12 @@ using namespace Olk;
 
 namespace {
 
-using Ref = std::set<U16>;
-
 // `text` as a regular expression that matches it literally.
 std::string lit(const std::string& text) {
   std::string out;
   for (char c : text) {
     if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
     out += c;
-  }
-  return out;
-}
-
-Ref members(const IdSet& s) {
-  Ref out;
-  for (Id id : s) out.insert(id.value());
-  return out;
-}
-
-IdSet fromRef(U16 size, const Ref& ref) {
-  IdSet s(size, Id::null());
-  for (U16 v : ref) s.idIs(v, true);
-  return s;
-}
-
-Ref randomRef(std::mt19937& rng, U16 size, double density) {
-  Ref out;
-  std::bernoulli_distribution pick(density);
-  for (U32 v = 0; v < size; ++v) {
-    if (pick(rng)) out.insert(static_cast<U16>(v));
-  }
-  return out;
-}
-
-// The bucket words and counts must agree with the reference; every stored
-// bucket is non-zero and an absent one reads 0.
-void checkInvariants(const IdSet& s, const Ref& ref) {
-  std::set<U32> usedBuckets;
-  for (U16 v : ref) usedBuckets.insert(v >> 6);
-  EXPECT_EQ(s.buckets(), usedBuckets.size());
-  for (U32 b = 0; b < s.maxBuckets(); ++b) {
-    U64 word = 0;
-    for (U16 v : ref) {
-      if (v >> 6 == b) word |= U64{1} << (v & 63);
-    }
-    ASSERT_EQ(s.bucketValue(BucketId(static_cast<U8>(b))), word) << "bucket " << b;
-  }
-  EXPECT_EQ(s.ids(), ref.size());
-  EXPECT_EQ(members(s), ref);
-}
-
-Ref setOp(const Ref& a, const Ref& b, char op) {
-  Ref out;
-  for (U32 v = 0; v <= 0xffff; ++v) {
-    bool x = a.count(static_cast<U16>(v)), y = b.count(static_cast<U16>(v));
-    bool in = op == '|' ? x || y : op == '-' ? x && !y : op == '&' ? x && y : x != y;
-    if (in) out.insert(static_cast<U16>(v));
   }
   return out;
 }
@@ -180,11 +129,9 @@ TEST(IdSet, BucketNumbersWrapAt256) {
 
 TEST(IdSet, AlgebraNeedsEqualSizes) {
   IdSet a(64, 1), b(65, 1);
-  EXPECT_DEATH(a |= b, lit("size() == other.size()"));
-  EXPECT_DEATH(a -= b, lit("size() == other.size()"));
-  EXPECT_DEATH(a &= b, lit("size() == other.size()"));
-  EXPECT_DEATH(a ^= b, lit("size() == other.size()"));
-  EXPECT_DEATH((void)(a == b), lit("size() == other.size()"));
+  const std::function<void()> ops[] = {[&] { a |= b; }, [&] { a -= b; }, [&] { a &= b; }, [&] { a ^= b; },
+                                       [&] { (void)(a == b); }};
+  for (const auto& op : ops) EXPECT_DEATH(op(), lit("size() == other.size()"));
 }
 
 TEST(IdSet, NotOperatorOnlyAnswersForSizeZero) {
@@ -263,86 +210,6 @@ TEST(IdSet, MalformedTextFailsWithItsCheck) {
   EXPECT_DEATH(parse("(1-2"), lit("*p == '(' && strepEnd != end"));
   EXPECT_DEATH(parse(""), lit("*p == '(' && strepEnd != end"));
   EXPECT_DEATH(parse("(12)"), lit("12 exceeds limit of 10"));
-}
-
-TEST(IdSet, RandomAlgebraMatchesReferenceSets) {
-  std::mt19937 rng(20240611);
-  for (U16 size : {1, 63, 64, 65, 1000, 16384}) {
-    for (double density : {0.01, 0.5, 0.97}) {
-      SCOPED_TRACE(testing::Message() << "size " << size << " density " << density);
-      Ref ra = randomRef(rng, size, density), rb = randomRef(rng, size, density / 2);
-      IdSet a = fromRef(size, ra), b = fromRef(size, rb);
-      checkInvariants(a, ra);
-      checkInvariants(a | b, setOp(ra, rb, '|'));
-      checkInvariants(a - b, setOp(ra, rb, '-'));
-      checkInvariants(a & b, setOp(ra, rb, '&'));
-      checkInvariants(a ^ b, setOp(ra, rb, '^'));
-      IdSet inPlace = a;
-      inPlace ^= b;
-      inPlace ^= b;
-      EXPECT_EQ(inPlace, a);
-
-      // Complement within the size, and the unmasked tail above it.
-      IdSet c = ~a;
-      for (U32 v = 0; v < size; ++v) ASSERT_NE(c.id(static_cast<U16>(v)), ra.count(static_cast<U16>(v)) != 0);
-      EXPECT_EQ(c.ids(), size - ra.size() + (c.maxBuckets() * 64 - size));
-
-      // firstId/nextId agree with the reference from every position.
-      EXPECT_EQ(a.firstId(), ra.empty() ? Id::null() : Id(*ra.begin()));
-      for (U32 v = 0; v < size; v += 1 + v / 50) {
-        auto above = ra.upper_bound(static_cast<U16>(v));
-        ASSERT_EQ(a.nextId(static_cast<U16>(v)), above == ra.end() ? Id::null() : Id(*above));
-      }
-
-      // Text round trip.
-      IdSet back(size, Id::null());
-      String text = a.stringValue();
-      Zum::StrepIter cur = text.begin();
-      sequenceToValue(cur, text.end(), &back);
-      EXPECT_EQ(back, a);
-
-      // Removing every member one by one empties every bucket.
-      for (U16 v : ra) ASSERT_TRUE(a.updateId(v, false));
-      checkInvariants(a, Ref{});
-    }
-  }
-}
-
-// A set grown up to a third of its buckets and one thinned down to the same
-// ids from full reach that state by opposite paths, so one is stored sparse
-// and the other dense; nothing observable may differ between them.
-TEST(IdSet, SetsGrownAndThinnedToTheSameIdsAgree) {
-  const U16 size = 16384;
-  std::mt19937 rng(7);
-  Ref ref;
-  for (U32 b = 0; b < 256; b += 3) ref.insert(static_cast<U16>(b * 64 + rng() % 64));
-  IdSet grown = fromRef(size, ref);
-  IdSet thinned(size, Id::null());
-  thinned.idSetAll();
-  for (U32 v = 0; v < size; ++v) {
-    if (!ref.count(static_cast<U16>(v))) thinned.idDel(static_cast<U16>(v));
-  }
-  checkInvariants(grown, ref);
-  checkInvariants(thinned, ref);
-  EXPECT_EQ(grown, thinned);
-  EXPECT_EQ(thinned, grown);
-  EXPECT_EQ(grown.hash(), thinned.hash());
-  EXPECT_EQ(grown.stringValue(), thinned.stringValue());
-  EXPECT_TRUE((grown ^ thinned).empty());
-  EXPECT_TRUE((thinned - grown).empty());
-
-  // Algebra across the two forms, both ways round, against the reference.
-  Ref other = randomRef(rng, size, 0.3);
-  IdSet dense = fromRef(size, other);
-  for (char op : {'|', '-', '&', '^'}) {
-    SCOPED_TRACE(op);
-    auto apply = [op](IdSet x, const IdSet& y) {
-      return op == '|' ? x |= y : op == '-' ? x -= y : op == '&' ? x &= y : x ^= y;
-    };
-    checkInvariants(apply(grown, dense), setOp(ref, other, op));
-    checkInvariants(apply(dense, grown), setOp(other, ref, op));
-    checkInvariants(apply(thinned, dense), setOp(ref, other, op));
-  }
 }
 
 // A walk re-reads the set at every step: within the word it is in, an id

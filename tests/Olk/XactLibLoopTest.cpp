@@ -16,24 +16,20 @@ namespace {
 
 constexpr U32 xactCount = 1000;
 
-// Fails every id divisible by 7, answering at once.
-class FailingExecutor : public XactExecutorSm {
- public:
-  FailingExecutor(const Ptr<const XactConfigDir>& c, const Ptr<XactStatusDir>& s)
-      : XactExecutorSm("failing", c, s, nullptr) {}
-  ExecResult doExecute(const XactConfig& cfg) override {
-    if (cfg.id % 7 == 0) return ExecResult(xactFailure, "bad id " + std::to_string(cfg.id));
-    return ExecResult(xactSuccess);
-  }
-};
-
-// Succeeds, through its clocked backlog when it has a clock.
+// Succeeds, through its clocked backlog when it has a clock; with
+// `failSevens` fails every id divisible by 7 instead, naming the id.
 class PlainExecutor : public XactExecutorSm {
  public:
   PlainExecutor(const Zum::Name& name, const Ptr<const XactConfigDir>& c, const Ptr<XactStatusDir>& s,
-                const Ptr<Zum::Clock>& clock)
-      : XactExecutorSm(name, c, s, clock) {}
-  ExecResult doExecute(const XactConfig&) override { return ExecResult(xactSuccess); }
+                const Ptr<Zum::Clock>& clock, bool failSevens = false)
+      : XactExecutorSm(name, c, s, clock), failSevens_(failSevens) {}
+  ExecResult doExecute(const XactConfig& cfg) override {
+    if (failSevens_ && cfg.id % 7 == 0) return ExecResult(xactFailure, "bad id " + std::to_string(cfg.id));
+    return ExecResult(xactSuccess);
+  }
+
+ private:
+  const bool failSevens_;
 };
 
 // Says "in progress" and writes its answers itself a little later.
@@ -123,7 +119,7 @@ TEST(XactLoop, ThousandTransactionsEndRightOnceEach) {
   auto fast = Zum::create<PlainExecutor>("fast", cfg["fast"], st["fast"], nullptr);
   auto slow = Zum::create<PlainExecutor>("slow", cfg["slow"], st["slow"], clock);
   slow->backlogQuantumIs(0.0);
-  auto failing = Zum::create<FailingExecutor>(cfg["failing"], st["failing"]);
+  auto failing = Zum::create<PlainExecutor>("failing", cfg["failing"], st["failing"], nullptr, true);
   auto lazy = Zum::create<LazyExecutor>(cfg["lazy"], st["lazy"], clock);
 
   const Plan plan;
