@@ -97,7 +97,7 @@ boost::dynamic_bitset<U64> makeBitset(U16 universe, const std::vector<U16>& ids)
 
 void sizes(benchmark::internal::Benchmark* b) {
   for (int perMille : {1, 20, 900}) {
-    for (int universe : {1024, 16384}) b->Args({perMille, universe});
+    for (int universe : {1024, 4096, 16384, 32768}) b->Args({perMille, universe});
   }
 }
 

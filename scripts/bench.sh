@@ -27,9 +27,9 @@ cmake --build "$dir" -j "$(nproc)" >/dev/null
 out=$dir/results
 rm -rf "$out" && mkdir -p "$out"
 
-selected() {
-  [[ $# -eq 0 ]] && return 0
+selected() {  # selected NAME [PATTERN...]: no pattern selects everything
   local name=$1; shift
+  [[ $# -eq 0 ]] && return 0
   for pattern in "$@"; do [[ "$name" == *"$pattern"* ]] && return 0; done
   return 1
 }

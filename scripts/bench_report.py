@@ -93,20 +93,16 @@ def write_table(rows, out):
 
 
 def size_position(op, cases):
-    distinct = defaultdict(set)
-    for (o, args) in cases:
-        if o == op:
-            for i, a in enumerate(args):
-                if a.isdigit():
-                    distinct[i].add(a)
-    return max(distinct, key=lambda i: len(distinct[i])) if distinct else None
+    """By convention the size is the last argument."""
+    lengths = {len(args) for (o, args) in cases if o == op}
+    return min(lengths) - 1 if lengths and min(lengths) > 0 else None
 
 
 def write_plot_data(data, out):
     """One .dat per operation measured at >= 3 sizes: size, then each variant's median cost.
 
-    The size is the argument position with the most distinct numeric values;
-    the other arguments (a density, say) split the variants.
+    The size is the last argument; the others (a density, say) split the
+    variants.
     """
     written = []
     for program in sorted(data):
