@@ -17,13 +17,16 @@ trap roots_unmount_all EXIT
 
 roots_make build-i386 i386 "setup.sh $(sha256sum <scripts/setup.sh | cut -d' ' -f1)" "$(<scripts/setup.sh)"
 
+# The checkout appears at /src inside the root, wherever it lives outside
+# (the root gets a fresh /tmp, which would hide a checkout under /tmp), and
+# the fixed path lets ccache reuse objects across checkouts.
 mkdir -p "$OLK_ROOT_CACHE/ccache-i386"
-roots_bind build-i386 "$src"
+roots_bind build-i386 "$src" /src
 roots_bind build-i386 "$OLK_ROOT_CACHE/ccache-i386" /var/cache/ccache
-ROOTS_ENV=(CCACHE_DIR=/var/cache/ccache CCACHE_BASEDIR="$src" CCACHE_MAXSIZE=5G)
+ROOTS_ENV=(CCACHE_DIR=/var/cache/ccache CCACHE_BASEDIR=/src CCACHE_MAXSIZE=5G)
 jobs=$(nproc)
 roots_run build-i386 i386 "
-  cd '$src'
+  cd /src
   echo \"test-i386: \$(uname -m), \$(g++ --version | head -n1)\"
   cmake -S . -B build-i386 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOLK_BUILD_BENCH=OFF >/dev/null
   cmake --build build-i386 -j $jobs
