@@ -69,16 +69,22 @@ TEST(ActivityManagerSignals, SignalFromAnotherProcessStopsARunningLoop) {
   EXPECT_EQ(WEXITSTATUS(status), SIGTERM);
 }
 
-TEST(ActivityManagerSignals, TurningOffOrDestroyingTheLoopGivesTheSignalsBack) {
-  const int offCode = OlkTest::inChild([] {
-    Ptr<Zum::ActivityManager> loop = Zum::activityManagerFactory();
-    loop->stopOnSignalsIs(true);
-    loop->stopOnSignalsIs(false);
-    if (loop->stopOnSignals() || blocked(SIGTERM) || blocked(SIGINT)) return 4;
-    kill(getpid(), SIGTERM);  // the default action again: the child dies
-    return 0;
-  });
-  EXPECT_EQ(offCode, 100 + SIGTERM);
+// Off by default, and turning it off or destroying the loop gives the
+// signals back: their default action kills the child again.
+TEST(ActivityManagerSignals, OffByDefaultAndGivenBackWhenTurnedOffOrDestroyed) {
+  for (bool turnedOnAndOff : {false, true}) {
+    const int code = OlkTest::inChild([turnedOnAndOff] {
+      Ptr<Zum::ActivityManager> loop = Zum::activityManagerFactory();
+      if (turnedOnAndOff) {
+        loop->stopOnSignalsIs(true);
+        loop->stopOnSignalsIs(false);
+      }
+      if (loop->stopOnSignals() || blocked(SIGTERM) || blocked(SIGINT)) return 4;
+      kill(getpid(), SIGTERM);
+      return 0;
+    });
+    EXPECT_EQ(code, 100 + SIGTERM) << (turnedOnAndOff ? "turned on and off" : "by default");
+  }
   const int destroyedCode = OlkTest::inChild([] {
     Ptr<Zum::ActivityManager> loop = Zum::activityManagerFactory();
     loop->stopOnSignalsIs(true);
@@ -86,16 +92,6 @@ TEST(ActivityManagerSignals, TurningOffOrDestroyingTheLoopGivesTheSignalsBack) {
     return blocked(SIGTERM) || blocked(SIGINT) ? 4 : 0;
   });
   EXPECT_EQ(destroyedCode, 0);
-}
-
-TEST(ActivityManagerSignals, OffByDefault) {
-  const int code = OlkTest::inChild([] {
-    Ptr<Zum::ActivityManager> loop = Zum::activityManagerFactory();
-    if (loop->stopOnSignals() || blocked(SIGTERM)) return 4;
-    kill(getpid(), SIGINT);
-    return 0;
-  });
-  EXPECT_EQ(code, 100 + SIGINT);
 }
 
 }  // namespace
