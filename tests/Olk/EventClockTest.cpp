@@ -33,6 +33,7 @@ struct EventClockFixture : ::testing::Test {
 TEST_F(EventClockFixture, PollsEveryIntervalUntilTheDeadlineThenTimesOut) {
   ec->start();
   EXPECT_EQ(ec->deadline(), 105.0);
+  EXPECT_EQ(owner.deadlines, 1);
   EXPECT_EQ(owner.checks, 1);  // the first check does not wait
   EXPECT_EQ(ec->clock()->timeMin(), 102.0);
   clock->nowIs(104.0);
@@ -73,17 +74,9 @@ TEST_F(EventClockFixture, StopFromACheckLeavesNoWakeUp) {
   EXPECT_TRUE(capture.contains(" Now: 100, deadline: 105 polling interval: 2"));
 }
 
-TEST_F(EventClockFixture, DeadlineNotifiesOnlyOnChange) {
-  ec->deadlineIs(7.0);
-  ec->deadlineIs(7.0);
-  EXPECT_EQ(owner.deadlines, 1);
-}
-
-TEST(EventClockStats, TextFormsRoundTrip) {
+TEST(EventClockStats, TextForms) {
   Olk::EventOrCount e{true, 3, 12.5};
-  std::string text = valueToStrep(e);
-  EXPECT_EQ(text, "Value('Olk::EventOrCount', ** {'value': True, 'count': 3, 'when': 12.5})");
-  EXPECT_EQ(Zum::strepToValue<Olk::EventOrCount>(text), e);
+  EXPECT_EQ(valueToStrep(e), "Value('Olk::EventOrCount', ** {'value': True, 'count': 3, 'when': 12.5})");
   Olk::ConditionOrChangedStat c{true, 4, 1.25};
   EXPECT_EQ(valueToStrep(c),
             "Value('Olk::ConditionOrChangedStat', ** {'current': True, 'changes': 4, 'lastChange': 1.25})");

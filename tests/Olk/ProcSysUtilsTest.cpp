@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
 #include "platform/Netns.h"
 #include "platform/Trace.h"
 
@@ -27,30 +28,17 @@ namespace {
 
 const char* const ostype = "/proc/sys/kernel/ostype";
 
-// A temporary file, open read-write, removed at the end of the test.
-class TempFile {
- public:
-  TempFile() {
-    char pattern[] = "/tmp/ProcSysUtilsTest.XXXXXX";
-    fd_ = mkstemp(pattern);
-    path_ = pattern;
-  }
-  ~TempFile() {
-    close(fd_);
-    unlink(path_.c_str());
-  }
-  int fd() const { return fd_; }
-  const std::string& path() const { return path_; }
+// A file open read-write in a scratch directory.
+struct ScratchFile : OlkTest::TempDir {
+  ~ScratchFile() { close(fd); }
   std::string text() const {
-    std::ifstream in(path_);
+    std::ifstream in(path);
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
   }
-
- private:
-  int fd_;
-  std::string path_;
+  const std::string path = TempDir::path("f");
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
 };
 
 std::string refusal(const char* cmd) {
@@ -133,15 +121,19 @@ TEST(ProcSysUtils, ReportsErrnoOfFailingStepAndTracesIt) {
   EXPECT_EQ(writeProcSys("/nonexistent/dir/file", "1"), ENOENT);
 }
 
-TEST(ProcSysUtils, DefaultNamespaceNameOrNullDoesNotSwitch) {
-  TempFile f;  // a namespace switch would not change which file this names
+// No namespace, the default name or an unknown one: the caller's own.
+TEST(ProcSysUtils, DefaultNullOrUnknownNamespaceDoesNotSwitch) {
+  ScratchFile f;  // a namespace switch would not change which file this names
   ino_t before = threadNetnsInode();
-  EXPECT_EQ(writeProcSysInNetNs(f.path().c_str(), "x", Zum::DEFAULT_NS), 0);
-  EXPECT_EQ(writeProcSysInNetNs(f.path().c_str(), "y", nullptr), 0);
+  EXPECT_EQ(writeProcSysInNetNs(f.path.c_str(), "x", Zum::DEFAULT_NS), 0);
+  EXPECT_EQ(writeProcSysInNetNs(f.path.c_str(), "y", nullptr), 0);
   char buf[4] = {};
-  EXPECT_EQ(readProcSysInNetNs(f.path().c_str(), buf, sizeof buf - 1, nullptr), 0);
+  EXPECT_EQ(readProcSysInNetNs(f.path.c_str(), buf, sizeof buf - 1, nullptr), 0);
   EXPECT_STREQ(buf, "y");
   EXPECT_EQ(threadNetnsInode(), before);
+  char os[16] = {};
+  EXPECT_EQ(readProcSysInNetNs(ostype, os, sizeof os - 1, "olkNoSuchNamespace"), 0);
+  EXPECT_STREQ(os, "Linux\n");
 }
 
 TEST(ProcSysUtils, WritesAndReadsInsideAnotherNetworkNamespace) {
@@ -176,12 +168,6 @@ TEST(ProcSysUtils, WritesAndReadsInsideAnotherNetworkNamespace) {
   }).join();
 }
 
-TEST(ProcSysUtils, UnknownNamespaceFallsBackToCallersOwn) {
-  char buf[16] = {};
-  EXPECT_EQ(readProcSysInNetNs(ostype, buf, sizeof buf - 1, "olkNoSuchNamespace"), 0);
-  EXPECT_STREQ(buf, "Linux\n");
-}
-
 TEST(ProcSysUtils, TokenizerRefusesShellSyntaxWithExactMessages) {
   for (char c : std::string("~`&*()|;<>")) {
     std::string cmd = std::string("echo a") + c + "b";
@@ -196,7 +182,6 @@ TEST(ProcSysUtils, TokenizerRefusesShellSyntaxWithExactMessages) {
   EXPECT_EQ(refusal("a;b 'c"), "Unsupported special character ; used in Olk::run command: a;b 'c");
 }
 
-
 // A child whose exec failed comes back from run() with -1 (99 here).
 TEST(ProcSysUtils, RunReturnsExitCodesSignalsAndExecFailures) {
   for (auto [cmd, rc] : {std::pair{"true", 0}, {"false", 1}, {"sh -c 'exit 7'", 7}, {"sh -c 'exit 255'", 255},
@@ -207,29 +192,29 @@ TEST(ProcSysUtils, RunReturnsExitCodesSignalsAndExecFailures) {
 }
 
 TEST(ProcSysUtils, RunRefusesShellSyntaxBeforeStartingAnything) {
-  TempFile f;
-  std::string cmd = "rm " + f.path() + "; true";
+  ScratchFile f;
+  std::string cmd = "rm " + f.path + "; true";
   EXPECT_THROW(run(cmd.c_str(), -1, -1, -1, 0), std::invalid_argument);
-  EXPECT_EQ(access(f.path().c_str(), F_OK), 0);
+  EXPECT_EQ(access(f.path.c_str(), F_OK), 0);
 }
 
 TEST(ProcSysUtils, RunPlacesGivenDescriptorsAndNullDevice) {
-  TempFile out;
-  EXPECT_EQ(runFromTest("echo 'hello  world'", -1, out.fd(), -1), 0);
+  ScratchFile out;
+  EXPECT_EQ(runFromTest("echo 'hello  world'", -1, out.fd, -1), 0);
   EXPECT_EQ(out.text(), "hello  world\n");
 
   // -2 puts the null device on the child's standard input or output.
   const char* stdoutIsNull = "sh -c '[ \"$(readlink /proc/$$/fd/1)\" = /dev/null ]'";
   EXPECT_EQ(runFromTest(stdoutIsNull, -1, -2, -1), 0);
-  EXPECT_EQ(runFromTest(stdoutIsNull, -1, out.fd(), -1), 1);
+  EXPECT_EQ(runFromTest(stdoutIsNull, -1, out.fd, -1), 1);
   EXPECT_EQ(runFromTest("sh -c '[ \"$(readlink /proc/$$/fd/0)\" = /dev/null ]'", -2, -1, -1), 0);
   // Write-only on purpose: cat's read fails, where end of file would let it exit 0.
   EXPECT_EQ(runFromTest("cat", -2, -1, -2), 1);
 }
 
 TEST(ProcSysUtils, RunChildInheritsUnnamedDescriptors) {
-  TempFile f;
-  int fd = dup(f.fd());  // not close-on-exec, not one of 0, 1, 2
+  ScratchFile f;
+  int fd = dup(f.fd);  // not close-on-exec, not one of 0, 1, 2
   std::string cmd = "sh -c 'echo inherited 1>&" + std::to_string(fd) + "'";
   EXPECT_EQ(runFromTest(cmd.c_str()), 0);
   close(fd);
