@@ -40,15 +40,6 @@ class CellTest : public testing::Test {
   const std::string root_ = dir_.root();
 };
 
-std::string rangeError(const Zum::Ptr<Cell::Status>& s) {
-  try {
-    s->cellId();
-  } catch (const Zum::RangeException& e) {
-    return e.what();
-  }
-  return "(no error)";
-}
-
 class Counter : public Cell::ActiveCell::Notifiee {
  public:
   void onCellId() override { ++calls; }
@@ -62,7 +53,7 @@ class Counter : public Cell::ActiveCell::Notifiee {
 TEST_F(CellTest, CellIdFileRefusalTextAndWideIdCutAlikeOnEveryWidth) {
   EXPECT_EQ(Cell::cellId(), 42);  // no variable, no file
   fileIs("/etc/cellid", "1\n");
-  EXPECT_EQ(rangeError(freshStatus()), "/etc/cellid did not contain a valid cell id");
+  OlkTest::expectRangeError([&] { freshStatus()->cellId(); }, "/etc/cellid did not contain a valid cell id");
   fileIs("/etc/cellid", "0x100000002");  // cut to 16 bits alike in 32- and 64-bit builds
   EXPECT_EQ(freshStatus()->cellId(), 2);
 }
