@@ -41,7 +41,6 @@ U64 codeRssKb() {
   return total;
 }
 
-
 }  // namespace
 
 TEST(Unpage, ReleasesCodePagesWhileSingleThreaded) {

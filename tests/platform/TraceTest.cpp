@@ -79,7 +79,7 @@ TEST(Log, RepeatsWithinIntervalAreSuppressedAndCounted) {
   EXPECT_EQ(msg.suppressed(), 2u);
 }
 
-TEST(Log, NextWrittenLineReportsSuppressedCount) {
+TEST(Log, ZeroIntervalSuppressesNothing) {
   static Zum::LogMessage msg("TEST_LOG_NOLIMIT", Zum::LogSeverity::info, "plain", "", "", 0.0);
   std::vector<Zum::LogRecord> seen;
   auto old = Zum::logSinkIs([&](const Zum::LogRecord& r) { seen.push_back(r); });
