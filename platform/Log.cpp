@@ -25,6 +25,13 @@ void write(const LogRecord& r) {
   std::fprintf(stderr, "%%%s: %s\n", r.key, r.text.c_str());
 }
 
+Ptr<Clock>& logClock() {
+  static Ptr<Clock> c;
+  return c;
+}
+
+Seconds logTime() { return logClock() ? logClock()->now() : monotonicTime(); }
+
 }  // namespace
 
 LogSink logSinkIs(LogSink s) {
@@ -33,8 +40,14 @@ LogSink logSinkIs(LogSink s) {
   return old;
 }
 
+Ptr<Clock> logClockIs(Ptr<Clock> c) {
+  Ptr<Clock> old = std::move(logClock());
+  logClock() = std::move(c);
+  return old;
+}
+
 bool LogMessage::admit() const {
-  Seconds now = monotonicTime();
+  Seconds now = logTime();
   if (now - lastWritten_ < minInterval_) {
     ++suppressedSinceLast_;
     ++suppressedTotal_;

@@ -12,16 +12,20 @@
 // A message logged again within `minInterval` seconds of the last one
 // written is counted and suppressed; the next one written says how many
 // were dropped. Lines go to syslog and to standard error ("%KEY: text"),
-// or to a sink installed for tests. Time is the monotonic clock.
+// or to a sink installed for tests. Time is the monotonic clock unless a
+// clock is installed (tests install a manual one to see suppression counts).
 #pragma once
 
 #include <functional>
 #include <string>
 
 #include "platform/Format.h"
+#include "platform/Ptr.h"
 #include "platform/Types.h"
 
 namespace Zum {
+
+class Clock;
 
 enum class LogSeverity { emergency, alert, critical, error, warning, notice, info, debug };
 
@@ -33,6 +37,9 @@ struct LogRecord {
 using LogSink = std::function<void(const LogRecord&)>;
 // Replaces the sink (null restores syslog and standard error); returns the old one.
 LogSink logSinkIs(LogSink sink);
+// Replaces the clock rate limits are measured on (null restores the monotonic
+// clock); returns the old one.
+Ptr<Clock> logClockIs(Ptr<Clock> clock);
 
 class LogMessage {
  public:

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/Clock.h"
 #include "platform/Exception.h"
 #include "platform/Log.h"
 
@@ -63,19 +64,29 @@ TEST(Trace, CaptureCollectsAndRestores) {
   EXPECT_FALSE(h.on(0));
 }
 
-TEST(Log, RepeatsWithinIntervalAreSuppressedAndCounted) {
+TEST(Log, RepeatsWithinIntervalAreSuppressedAndCountedOnTheNextLine) {
   static Zum::LogMessage msg("TEST_LOG_KEY", Zum::LogSeverity::warning, "value %d is %s",
                              "A test event.", "None.", 3600.0);
+  auto clock = Zum::manualClockFactory(100.0);
+  auto oldClock = Zum::logClockIs(clock);
   std::vector<Zum::LogRecord> seen;
   auto old = Zum::logSinkIs([&](const Zum::LogRecord& r) { seen.push_back(r); });
   EXPECT_TRUE(msg.log(1, "one"));
   EXPECT_FALSE(msg.log(2, "two"));
+  clock->advance(3599.5);
   EXPECT_FALSE(msg.log(3, "three"));
+  clock->advance(0.5);  // exactly one interval after the last line written
+  EXPECT_TRUE(msg.log(4, "four"));
+  clock->advance(3600.0);
+  EXPECT_TRUE(msg.log(5, "five"));
   Zum::logSinkIs(std::move(old));
-  ASSERT_EQ(seen.size(), 1u);
+  Zum::logClockIs(std::move(oldClock));
+  ASSERT_EQ(seen.size(), 3u);
   EXPECT_EQ(seen[0].text, "value 1 is one");
   EXPECT_STREQ(seen[0].key, "TEST_LOG_KEY");
-  EXPECT_EQ(msg.written(), 1u);
+  EXPECT_EQ(seen[1].text, "value 4 is four (2 similar messages suppressed)");
+  EXPECT_EQ(seen[2].text, "value 5 is five");
+  EXPECT_EQ(msg.written(), 3u);
   EXPECT_EQ(msg.suppressed(), 2u);
 }
 
