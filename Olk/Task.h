@@ -127,6 +127,8 @@ class Task : public TaskBase {
  private:
   template <class T, class... A>
   friend Ptr<T> Zum::create(A&&...);
+  template <class Base>
+  friend class TaskWrapper;
 
   U32 taskRun_ = 0;
 };

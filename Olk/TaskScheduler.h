@@ -248,6 +248,7 @@ class TaskScheduler : public Zum::Entity, public Zum::Notifier {
   bool resetStatsInProgress_ = false;
 };
 
+// The runtime root behind a TaskSchedulerRootZum; internal to the library.
 class TaskSchedulerRootWrapper;
 
 class TaskSchedulerRoot : public TaskScheduler {
@@ -258,7 +259,7 @@ class TaskSchedulerRoot : public TaskScheduler {
   // The clock that measures run times, latencies and quanta; the steady
   // clock when null (the default). Tests set a manual clock.
   const Ptr<Zum::Clock>& measurementClock() const { return measurementClock_; }
-  void measurementClockIs(const Ptr<Zum::Clock>& c) { measurementClock_ = c; }
+  void measurementClockIs(const Ptr<Zum::Clock>& c);
 
   bool suspended() const;
   void suspendedIs(bool s);
@@ -291,11 +292,17 @@ class TaskSchedulerRoot : public TaskScheduler {
   virtual Seconds timerExpirySeconds(Dorn::TimerTask*) const { return Zum::endOfTime; }
 
  protected:
-  explicit TaskSchedulerRoot(const String& name) : TaskScheduler(name, this) {}
+  explicit TaskSchedulerRoot(const String& name);
+  ~TaskSchedulerRoot() override;
+  // Points the runtime root (once it exists) at the measurement clock.
+  void measurementClockApply();
 
  private:
+  class MeasurementSource;
+
   Ptr<TimerWheel> timerWheel_;
   Ptr<Zum::Clock> measurementClock_;
+  std::unique_ptr<MeasurementSource> measurementSource_;  // reads measurementClock_
   bool threadSanityDisabled_ = false;
   Dorn::TimeStamp lastLatencyCheck_ = 0;
 };
@@ -326,49 +333,9 @@ class TaskSchedulerRootZum : public TaskSchedulerRoot {
  private:
   template <class T, class... A>
   friend Ptr<T> Zum::create(A&&...);
-  friend class TaskSchedulerRootWrapper;
 
   std::shared_ptr<TaskSchedulerRootWrapper> olkSchedulerRoot_;
   bool schedulerRunRequested_ = false;
-};
-
-// The runtime root of a TaskSchedulerRoot: its timers live on the root's
-// TimerWheel, one `ClockNotifiee` per runtime timer.
-class TaskSchedulerRootWrapper : public Dorn::RootScheduler {
- public:
-  class ClockNotifiee : public TimerWheel::NotifieeConst, public Dorn::TimerTask::Handle {
-   public:
-    explicit ClockNotifiee(Dorn::TimerTask* timer) : timer_(timer) {}
-    // Clears the timer's running mark and schedules its task.
-    void onTime() override;
-
-   private:
-    Dorn::TimerTask* timer_;
-  };
-
-  TaskSchedulerRootWrapper(const String& name, Dorn::Duration runDuration, TaskSchedulerRoot* root);
-
-  void requestSchedulerRun() override { root_->requestSchedulerRun(); }
-  Dorn::TimeStamp now() const override;
-
-  void timerCreated(Dorn::TimerTask* timer) override;
-  void timerDestroyed(Dorn::TimerTask* timer) override;
-  void notifieeIs(Dorn::TimerTask* timer, std::unique_ptr<ClockNotifiee> notifiee);
-  void timerStop(Dorn::TimerTask* timer) override;
-  // The expiry as a steady time stamp; the largest when there is none.
-  Dorn::TimeStamp timerExpiry(Dorn::TimerTask* timer) override;
-  Dorn::Duration timerRemaining(Dorn::TimerTask* timer) override;
-  // The expiry in the wheel's clock seconds; +infinity when none.
-  Seconds timerExpirySeconds(Dorn::TimerTask* timer) const;
-
- private:
-  // Without a notifiee, false. A later expiry than the present one is taken
-  // only when `force`; answers whether the expiry was set.
-  bool timerStartSeconds(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) override;
-  static ClockNotifiee* notifiee(Dorn::TimerTask* timer);
-  Seconds wheelNow() const;
-
-  TaskSchedulerRoot* root_;
 };
 
 // A root bound to the activity loop (or, for tests, to a given clock).

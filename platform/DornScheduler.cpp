@@ -214,26 +214,6 @@ void Scheduler::clearStats() {
   deadCount_ = {};
 }
 
-TimeStamp Scheduler::runOne(Task* t, TimeStamp start) {
-  RootScheduler* r = root_;
-  Task::LifeGuard guard(t);
-  Task* outer = r->current_;
-  r->current_ = t;
-  t->runStart_ = start;
-  t->runLatency_ = start - t->queuedAt_;
-  t->yieldCalls_ = 0;
-  ++runCount_[index(t->priority_)];
-  t->scheduledIs(false);
-  if (guard.alive()) t->execute();
-  const TimeStamp end = r->now();
-  r->current_ = outer;
-  // A task released while running recorded its run on the way out.
-  if (!guard.alive()) return end;
-  if (t->queuedAt_ == Task::queuedAtRunEnd) t->queuedAt_ = end;
-  t->finishRun(end);
-  return end;
-}
-
 // ---- TaskGroup --------------------------------------------------------------
 
 class TaskGroup::GroupTask : public Task {
@@ -309,6 +289,7 @@ void TaskGroup::runGroup() {
 
 RootScheduler::RootScheduler(String name, Duration runDuration)
     : Scheduler(std::move(name), this),
+      counterClock_(CounterClock::calibrated()),
       runDuration_(runDuration),
       history_(32),
       random_(static_cast<U32>(::getpid()) ^ static_cast<U32>(steadyNow())) {}

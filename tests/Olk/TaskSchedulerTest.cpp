@@ -200,7 +200,7 @@ TEST_F(SchedulerFixture, LowestDelayOnlyMovesTheExpiryEarlier) {
   t->scheduleTaskDelay(10.0);
   t->scheduleTaskLowestDelay(5.0);
   EXPECT_EQ(t->currentExpirationTime(), 1005.0);
-  auto* root = static_cast<Olk::TaskSchedulerRootWrapper*>(sched->dornRoot());
+  Dorn::RootScheduler* root = sched->dornRoot();
   auto* dt = static_cast<Dorn::TimerTask*>(&t->dornTask());
   using FloatSeconds = std::chrono::duration<double>;
   EXPECT_FALSE(root->timerStart(dt, FloatSeconds(6.0), false));  // later without force: refused

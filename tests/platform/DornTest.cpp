@@ -17,14 +17,19 @@ using Zum::U32;
 
 constexpr Duration ms = 1000000;
 
+// Time moved by hand.
+struct HandClock : Dorn::TimeSource {
+  Dorn::TimeStamp now() const override { return time; }
+  Dorn::TimeStamp time = 1000 * ms;
+};
+
 // A root on a hand-moved time source that counts run requests.
 class FakeRoot : public Dorn::RootScheduler {
  public:
-  FakeRoot() : RootScheduler("fake", 10 * ms) {}
-  Dorn::TimeStamp now() const override { return time; }
+  FakeRoot() : RootScheduler("fake", 10 * ms) { timeSourceIs(&clock); }
   void requestSchedulerRun() override { ++requests; }
 
-  Dorn::TimeStamp time = 1000 * ms;
+  HandClock clock;
   int requests = 0;
 };
 
@@ -85,7 +90,7 @@ TEST(Dorn, RunStopsAfterItsDurationAndAsksAgain) {
   int runs = 0;
   FnTask busy(&f.root, Priority::normal, "busy", [&](FnTask& t) {
     ++runs;
-    f.root.time += 3 * ms;
+    f.root.clock.time += 3 * ms;
     t.schedule();
   });
   busy.schedule();
@@ -94,7 +99,7 @@ TEST(Dorn, RunStopsAfterItsDurationAndAsksAgain) {
   EXPECT_EQ(runs, 4);  // 3, 6, 9 ms are below 10 ms; the fourth run reaches 12
   EXPECT_EQ(f.root.requests, 2);
   EXPECT_TRUE(busy.scheduled());
-  f.root.time += 5 * ms;
+  f.root.clock.time += 5 * ms;
   f.root.run();
   EXPECT_EQ(f.root.maxSchedulerSlip(), 5 * ms);
 }
@@ -104,9 +109,9 @@ TEST(Dorn, ShouldYieldOnceTheQuantumIsUsed) {
   std::vector<bool> answers;
   FnTask t(&f.root, Priority::normal, "t", [&](FnTask& self) {
     answers.push_back(self.shouldYield());
-    f.root.time += 19 * ms;
+    f.root.clock.time += 19 * ms;
     answers.push_back(self.shouldYield());
-    f.root.time += 1 * ms;
+    f.root.clock.time += 1 * ms;
     answers.push_back(self.shouldYield());
   });
   EXPECT_EQ(t.quantum(), 20 * ms);
@@ -142,12 +147,12 @@ TEST(Dorn, RecordsLatencyRunTimeWorkAndQuantumOverruns) {
   Duration runFor = 0;
   U32 work = 0;
   FnTask t(&f.root, Priority::high, "t", [&](FnTask& self) {
-    f.root.time += runFor;
+    f.root.clock.time += runFor;
     self.workCountInc(work);
   });
   auto runAfter = [&](Duration wait, Duration run, U32 w) {
     t.schedule();
-    f.root.time += wait;
+    f.root.clock.time += wait;
     runFor = run;
     work = w;
     f.root.run();
@@ -187,7 +192,7 @@ TEST(Dorn, SelfScheduledTaskWaitsFromItsRunEnd) {
     if (++runs > 1) return;
     t.schedule();
     other.schedule();
-    f.root.time += 3 * ms;
+    f.root.clock.time += 3 * ms;
   });
   self.schedule();
   f.root.run();
