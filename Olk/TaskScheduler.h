@@ -34,165 +34,13 @@ namespace Olk {
 
 class DumpContext;
 class Task;
+class TimerTask;
+class TaskPriority;
+class TaskKey;
+struct TaskStat;
+class TaskSchedulerQueueStats;
+class TaskCollectionTaskName;
 class TaskSchedulerRoot;
-
-class TaskPriority {
- public:
-  enum PriorityEnum { absolute = 0, high = 1, normal = 2, low = 3, scavenge = 4, oneBeyondLast = 5 };
-
-  TaskPriority(PriorityEnum p = normal) : priority_(p) {}
-  PriorityEnum priority() const { return priority_; }
-  void priorityIs(PriorityEnum p) { priority_ = p; }
-  U8 numericValue() const { return static_cast<U8>(priority_); }
-  // The runtime's full name ("normal") and one-letter form ("N").
-  String toStrep() const;
-  String oneCharString() const;
-
-  auto operator<=>(const TaskPriority&) const = default;
-
- private:
-  PriorityEnum priority_;
-};
-
-String valueToStrep(const TaskPriority& p);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskPriority* out);
-std::ostream& operator<<(std::ostream& os, const TaskPriority& p);
-
-// Identifies one task for the life of the process; zero for no task.
-class TaskKey {
- public:
-  TaskKey() = default;
-  explicit TaskKey(U64 v) : value_(v) {}
-  static TaskKey create(const Task* task);
-  static TaskKey create(const Ptr<Task>& task) { return create(task.ptr()); }
-  U64 value() const { return value_; }
-  // "TaskKey(<n>)", for trace.
-  String toStrep() const;
-  auto operator<=>(const TaskKey&) const = default;
-
- private:
-  U64 value_ = 0;
-};
-
-String valueToStrep(const TaskKey& k);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskKey* out);
-std::ostream& operator<<(std::ostream& os, const TaskKey& k);
-
-struct TaskStat {
-  struct TaskStatus {
-    bool taskTimer = false;
-    bool taskTimerRunning = false;
-    bool taskOnRunQueue = false;
-    bool taskCurrentlyRunning = false;
-    bool taskSuspended = false;
-    bool operator==(const TaskStatus&) const = default;
-  };
-
-  String taskName;
-  TaskKey taskKey;
-  TaskPriority taskPriority;
-  U32 taskRun = 0;
-  double taskTotalRunTime = 0;
-  U64 taskWorkCountTotal = 0;
-  float taskWorkCountDecayAvg = 0;
-  U32 taskWorkCountHighWaterMark = 0;
-  U32 taskWorkPending = 0;
-  U32 taskWorkPendingHighWaterMark = 0;
-  U32 taskQuantumViolation500 = 0;
-  U32 taskQuantumViolation200 = 0;
-  double taskRunTimeHighWaterMark = 0;
-  double taskLastSchedulingLatency = 0;
-  double taskSchedulingLatencyHighWaterMark = 0;
-  U32 taskDeadCount = 0;
-  TaskStatus taskStatus;
-
-  // True when every counter and time from taskRun to taskDeadCount is zero.
-  bool isClear() const;
-  bool operator!() const { return isClear(); }
-  // The status flags in the runtime's short form ("TtQRS", "-" for none).
-  String taskStatusString() const;
-  bool operator==(const TaskStat&) const = default;
-};
-
-String valueToStrep(const TaskStat::TaskStatus& s);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskStat::TaskStatus* out);
-String valueToStrep(const TaskStat& s);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskStat* out);
-std::ostream& operator<<(std::ostream& os, const TaskStat::TaskStatus& s);
-std::ostream& operator<<(std::ostream& os, const TaskStat& s);
-
-struct TaskSchedulerPriorityStats {
-  TaskPriority taskPriority;
-  U32 runnableTasks = 0;
-  U32 idleTasks = 0;
-  U32 deadTasks = 0;
-  U64 totalRunCount = 0;
-  bool operator==(const TaskSchedulerPriorityStats&) const = default;
-};
-
-String valueToStrep(const TaskSchedulerPriorityStats& s);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskSchedulerPriorityStats* out);
-std::ostream& operator<<(std::ostream& os, const TaskSchedulerPriorityStats& s);
-
-// Per-priority statistics, keyed by each record's own priority.
-class TaskSchedulerQueueStats {
- public:
-  using Map = Zum::OrderedMap<TaskPriority, TaskSchedulerPriorityStats>;
-  // A default record (all zero) when the priority has none.
-  TaskSchedulerPriorityStats priority(TaskPriority p) const { return priority_.get(p); }
-  void priorityIs(const TaskSchedulerPriorityStats& s) { priority_.set(s.taskPriority, s); }
-  void priorityDel(TaskPriority p) { priority_.del(p); }
-  void priorityDelAll() { priority_ = Map{}; }
-  const Map& priorities() const { return priority_; }
-  std::size_t priorityCount() const { return priority_.size(); }
-
- private:
-  Map priority_;
-};
-
-// There is no text form to parse into a collection: asserts.
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskSchedulerQueueStats* out);
-
-// A collection of task statistics keyed by one of the record's own fields.
-template <class Key, Key TaskStat::*field>
-class TaskCollection : public Zum::Entity, public Zum::Notifier {
- public:
-  class Notifiee : public Zum::BaseNotifiee<TaskCollection> {
-   public:
-    virtual void onT(const Key&) {}
-  };
-
-  // The record under `key`, or an empty one.
-  TaskStat t(const Key& key) const { return t_.get(key); }
-  bool has(const Key& key) const { return t_.has(key); }
-  std::size_t tCount() const { return t_.size(); }
-  std::vector<Key> keys() const { return t_.keys(); }
-  // Inserts or replaces the record under its own key.
-  void tIs(const TaskStat& s) {
-    entryIs(t_, s.*field, s, &Notifiee::onT);
-  }
-  void tDel(const Key& key) {
-    entryDel(t_, key, &Notifiee::onT);
-  }
-  void tDelAll() {
-    entryDelAll(t_, &Notifiee::onT);
-  }
-
- private:
-  Zum::OrderedMap<Key, TaskStat> t_;
-};
-
-using TaskCollectionTaskName = TaskCollection<String, &TaskStat::taskName>;
-using TaskCollectionTaskKey = TaskCollection<TaskKey, &TaskStat::taskKey>;
-
-// Conversions between the runtime's records and the library's.
-Dorn::Priority zumPri2taskPri(TaskPriority p);
-TaskPriority taskPri2ZumPri(Dorn::Priority p);
-TaskStat::TaskStatus taskTaskStatus2olkTaskStatus(const Dorn::TaskStatus& s);
-TaskStat taskTaskStat2olkTaskStat(const Dorn::TaskStat& s);
-TaskSchedulerQueueStats dornQueueStats2QueueStats(const Dorn::QueueStats& s);
-// A runtime high-water mark that recorded nothing reads as 0.
-U32 highWaterMark2Count(U32 mark);
 
 class TaskScheduler : public Zum::Entity, public Zum::Notifier {
  public:
@@ -412,7 +260,166 @@ Ptr<TaskSchedulerZumActivity> taskSchedulerZumActivityFactory(const String& name
 // A timer task's expiry as a steady time stamp (the largest when none).
 Dorn::TimeStamp timerTaskGetExpiryTime(TaskSchedulerRoot* root, Dorn::TimerTask* timerTask);
 
-class TimerTask;
+// ---- Records of the statistics, and conversions ------------------------------
+
+class TaskPriority {
+ public:
+  enum PriorityEnum { absolute = 0, high = 1, normal = 2, low = 3, scavenge = 4, oneBeyondLast = 5 };
+
+  TaskPriority(PriorityEnum p = normal) : priority_(p) {}
+  PriorityEnum priority() const { return priority_; }
+  void priorityIs(PriorityEnum p) { priority_ = p; }
+  U8 numericValue() const { return static_cast<U8>(priority_); }
+  // The runtime's full name ("normal") and one-letter form ("N").
+  String toStrep() const;
+  String oneCharString() const;
+
+  auto operator<=>(const TaskPriority&) const = default;
+
+ private:
+  PriorityEnum priority_;
+};
+
+String valueToStrep(const TaskPriority& p);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskPriority* out);
+std::ostream& operator<<(std::ostream& os, const TaskPriority& p);
+
+// Identifies one task for the life of the process; zero for no task.
+class TaskKey {
+ public:
+  TaskKey() = default;
+  explicit TaskKey(U64 v) : value_(v) {}
+  static TaskKey create(const Task* task);
+  static TaskKey create(const Ptr<Task>& task) { return create(task.ptr()); }
+  U64 value() const { return value_; }
+  // "TaskKey(<n>)", for trace.
+  String toStrep() const;
+  auto operator<=>(const TaskKey&) const = default;
+
+ private:
+  U64 value_ = 0;
+};
+
+String valueToStrep(const TaskKey& k);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskKey* out);
+std::ostream& operator<<(std::ostream& os, const TaskKey& k);
+
+struct TaskStat {
+  struct TaskStatus {
+    bool taskTimer = false;
+    bool taskTimerRunning = false;
+    bool taskOnRunQueue = false;
+    bool taskCurrentlyRunning = false;
+    bool taskSuspended = false;
+    bool operator==(const TaskStatus&) const = default;
+  };
+
+  String taskName;
+  TaskKey taskKey;
+  TaskPriority taskPriority;
+  U32 taskRun = 0;
+  double taskTotalRunTime = 0;
+  U64 taskWorkCountTotal = 0;
+  float taskWorkCountDecayAvg = 0;
+  U32 taskWorkCountHighWaterMark = 0;
+  U32 taskWorkPending = 0;
+  U32 taskWorkPendingHighWaterMark = 0;
+  U32 taskQuantumViolation500 = 0;
+  U32 taskQuantumViolation200 = 0;
+  double taskRunTimeHighWaterMark = 0;
+  double taskLastSchedulingLatency = 0;
+  double taskSchedulingLatencyHighWaterMark = 0;
+  U32 taskDeadCount = 0;
+  TaskStatus taskStatus;
+
+  // True when every counter and time from taskRun to taskDeadCount is zero.
+  bool isClear() const;
+  bool operator!() const { return isClear(); }
+  // The status flags in the runtime's short form ("TtQRS", "-" for none).
+  String taskStatusString() const;
+  bool operator==(const TaskStat&) const = default;
+};
+
+String valueToStrep(const TaskStat::TaskStatus& s);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskStat::TaskStatus* out);
+String valueToStrep(const TaskStat& s);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskStat* out);
+std::ostream& operator<<(std::ostream& os, const TaskStat::TaskStatus& s);
+std::ostream& operator<<(std::ostream& os, const TaskStat& s);
+
+struct TaskSchedulerPriorityStats {
+  TaskPriority taskPriority;
+  U32 runnableTasks = 0;
+  U32 idleTasks = 0;
+  U32 deadTasks = 0;
+  U64 totalRunCount = 0;
+  bool operator==(const TaskSchedulerPriorityStats&) const = default;
+};
+
+String valueToStrep(const TaskSchedulerPriorityStats& s);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskSchedulerPriorityStats* out);
+std::ostream& operator<<(std::ostream& os, const TaskSchedulerPriorityStats& s);
+
+// Per-priority statistics, keyed by each record's own priority.
+class TaskSchedulerQueueStats {
+ public:
+  using Map = Zum::OrderedMap<TaskPriority, TaskSchedulerPriorityStats>;
+  // A default record (all zero) when the priority has none.
+  TaskSchedulerPriorityStats priority(TaskPriority p) const { return priority_.get(p); }
+  void priorityIs(const TaskSchedulerPriorityStats& s) { priority_.set(s.taskPriority, s); }
+  void priorityDel(TaskPriority p) { priority_.del(p); }
+  void priorityDelAll() { priority_ = Map{}; }
+  const Map& priorities() const { return priority_; }
+  std::size_t priorityCount() const { return priority_.size(); }
+
+ private:
+  Map priority_;
+};
+
+// There is no text form to parse into a collection: asserts.
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TaskSchedulerQueueStats* out);
+
+// A collection of task statistics keyed by one of the record's own fields.
+template <class Key, Key TaskStat::*field>
+class TaskCollection : public Zum::Entity, public Zum::Notifier {
+ public:
+  class Notifiee : public Zum::BaseNotifiee<TaskCollection> {
+   public:
+    virtual void onT(const Key&) {}
+  };
+
+  // The record under `key`, or an empty one.
+  TaskStat t(const Key& key) const { return t_.get(key); }
+  bool has(const Key& key) const { return t_.has(key); }
+  std::size_t tCount() const { return t_.size(); }
+  std::vector<Key> keys() const { return t_.keys(); }
+  // Inserts or replaces the record under its own key.
+  void tIs(const TaskStat& s) {
+    entryIs(t_, s.*field, s, &Notifiee::onT);
+  }
+  void tDel(const Key& key) {
+    entryDel(t_, key, &Notifiee::onT);
+  }
+  void tDelAll() {
+    entryDelAll(t_, &Notifiee::onT);
+  }
+
+ private:
+  Zum::OrderedMap<Key, TaskStat> t_;
+};
+
+// Classes rather than aliases, so the scheduler above can name them first.
+class TaskCollectionTaskName final : public TaskCollection<String, &TaskStat::taskName> {};
+class TaskCollectionTaskKey final : public TaskCollection<TaskKey, &TaskStat::taskKey> {};
+
+// Conversions between the runtime's records and the library's.
+Dorn::Priority zumPri2taskPri(TaskPriority p);
+TaskPriority taskPri2ZumPri(Dorn::Priority p);
+TaskStat::TaskStatus taskTaskStatus2olkTaskStatus(const Dorn::TaskStatus& s);
+TaskStat taskTaskStat2olkTaskStat(const Dorn::TaskStat& s);
+TaskSchedulerQueueStats dornQueueStats2QueueStats(const Dorn::QueueStats& s);
+// A runtime high-water mark that recorded nothing reads as 0.
+U32 highWaterMark2Count(U32 mark);
 
 // Periodic work in one line: `fn` runs every `period` from a timer task named
 // `name` on a scheduler, so the job shows in printStats and tasksRegistered
