@@ -34,7 +34,11 @@
 // Time. The clock is read once per run end and once per schedule: the end
 // of one task is the start of the next, and a task that schedules itself
 // again from its own run is queued as of that run's end (it cannot start
-// sooner), so a busy task costs one read per run.
+// sooner), so a busy task costs one read per run. Those reads are the
+// largest cost of a dispatch, so they go to the processor's time-stamp
+// counter (`CounterClock`, Dorn.h) where the kernel trusts it, not to the
+// steady clock's system-call-free but fenced read; a root's time source
+// (a test's hand-moved clock) replaces it without a virtual call otherwise.
 //
 // Task groups run their tasks inside one task of their parent, bounded by the
 // group's quantum; a group may limit each task to one run per group run.

@@ -7,6 +7,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -102,6 +103,23 @@ TEST(Dorn, RunStopsAfterItsDurationAndAsksAgain) {
   f.root.clock.time += 5 * ms;
   f.root.run();
   EXPECT_EQ(f.root.maxSchedulerSlip(), 5 * ms);
+}
+
+// The counter clock runs at the steady clock's rate: an interval of it that
+// lies inside a steady-clock interval is no longer than that one, and no
+// shorter than a sleep it contains. A wrong scale is off by far more than
+// the 1% allowed for calibration.
+TEST(Dorn, CounterClockKeepsTheSteadyClocksRate) {
+  for (int i = 0; i < 3; ++i) {
+    const Dorn::TimeStamp steadyBefore = Dorn::steadyNow();
+    const Dorn::TimeStamp before = Dorn::measureNow();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const Dorn::TimeStamp after = Dorn::measureNow();
+    const Dorn::TimeStamp steadyAfter = Dorn::steadyNow();
+    const double counted = static_cast<double>(after - before);
+    EXPECT_LE(counted, 1.01 * static_cast<double>(steadyAfter - steadyBefore));
+    EXPECT_GE(counted, 0.99 * static_cast<double>(20 * ms));
+  }
 }
 
 TEST(Dorn, ShouldYieldOnceTheQuantumIsUsed) {
