@@ -104,8 +104,9 @@ class TaskSchedulerRoot : public TaskScheduler {
   const Ptr<TimerWheel>& timerWheel() const { return timerWheel_; }
   // Timer tasks created afterwards use `w`; existing ones keep their wheel.
   void timerWheelIs(const Ptr<TimerWheel>& w) { timerWheel_ = w; }
-  // The clock that measures run times, latencies and quanta; the steady
-  // clock when null (the default). Tests set a manual clock.
+  // The clock that measures run times, latencies and quanta; when null (the
+  // default) the runtime's own counter clock, at the steady clock's rate.
+  // Tests set a manual clock; setting it takes effect at once.
   const Ptr<Zum::Clock>& measurementClock() const { return measurementClock_; }
   void measurementClockIs(const Ptr<Zum::Clock>& c);
 
