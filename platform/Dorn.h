@@ -236,7 +236,7 @@ class Task {
   RootScheduler* root() const;
   const String& name() const { return name_; }
   const String& statsName() const { return statsName_; }
-  void statsNameIs(const String& n) { statsName_ = n; }
+  void statsNameIs(const String& n);
   U64 key() const { return key_; }
   Priority priority() const { return priority_; }
   // Moves a queued task to the tail of its new priority's list.
@@ -331,6 +331,7 @@ class Task {
   TimeStamp runStart_ = 0;         // valid while running
   Duration runLatency_ = 0;        // of the present run; valid while running
   U32 workThisRun_ = 0;
+  U32 historyRefs_ = 0;  // slots of the root's history that point here
   LifeGuard* guards_ = nullptr;  // innermost live guard, or null
   TaskStat stat_;  // status and key/name/priority are filled by stat()
 };
@@ -628,7 +629,11 @@ class RootScheduler : public Scheduler {
 
   void onEnqueued(Task* t, TimeStamp now) override;
   void requestRunIfIdle(TimeStamp now);
-  void record(const Task& t, TimeStamp start, Duration runTime, Duration latency);
+  void record(Task& t, TimeStamp start, Duration runTime, Duration latency);
+  // Gives every slot that names `t` through its pointer a copy of the name,
+  // before the task goes or is renamed.
+  void historyDetach(Task& t);
+  void historyRelease();
 
   const CounterClock counterClock_;
   const TimeSource* timeSource_ = nullptr;
@@ -642,7 +647,15 @@ class RootScheduler : public Scheduler {
   U64 runs_ = 0;
   Task* current_ = nullptr;  // the innermost task executing, or null
   std::vector<TaskGroup*> groups_;
-  std::vector<HistoryEntry> history_;  // ring; next_ is the oldest slot
+  // One run in the ring. While `task` is set the entry's name is that live
+  // task's statistics name, read when the history is; a run costs no copy
+  // of it. The task counts such slots (historyRefs_) and detaches itself,
+  // copying its name in, before it goes or is renamed.
+  struct HistorySlot {
+    HistoryEntry entry;
+    Task* task = nullptr;
+  };
+  std::vector<HistorySlot> history_;  // ring; historyNext_ is the oldest slot
   std::size_t historyNext_ = 0;
   U64 historyWritten_ = 0;
   std::minstd_rand random_;

@@ -298,7 +298,7 @@ RootScheduler::RootScheduler(String name, Duration runDuration)
       history_(32),
       random_(static_cast<U32>(::getpid()) ^ static_cast<U32>(steadyNow())) {}
 
-RootScheduler::~RootScheduler() = default;
+RootScheduler::~RootScheduler() { historyRelease(); }
 
 void RootScheduler::onEnqueued(Task*, TimeStamp now) { requestRunIfIdle(now); }
 
@@ -357,7 +357,8 @@ U32 RootScheduler::totalRegisteredTaskCount() const {
 }
 
 void RootScheduler::historyEntryCountIs(U32 n) {
-  history_.assign(n, HistoryEntry{});
+  historyRelease();
+  history_.assign(n, HistorySlot{});
   clearHistory();
 }
 
@@ -366,11 +367,14 @@ void RootScheduler::clearHistory() {
   historyWritten_ = 0;
 }
 
-void RootScheduler::record(const Task& t, TimeStamp start, Duration runTime, Duration latency) {
+void RootScheduler::record(Task& t, TimeStamp start, Duration runTime, Duration latency) {
   if (history_.empty()) return;
-  HistoryEntry& e = history_[historyNext_];
+  HistorySlot& slot = history_[historyNext_];
+  if (slot.task) --slot.task->historyRefs_;
+  slot.task = &t;
+  ++t.historyRefs_;
+  HistoryEntry& e = slot.entry;
   e.key = t.key_;
-  e.name = t.statsName_;
   e.priority = t.priority_;
   e.start = start;
   e.runTime = runTime;
@@ -379,12 +383,32 @@ void RootScheduler::record(const Task& t, TimeStamp start, Duration runTime, Dur
   ++historyWritten_;
 }
 
+void RootScheduler::historyDetach(Task& t) {
+  for (HistorySlot& slot : history_) {
+    if (slot.task != &t) continue;
+    slot.entry.name = t.statsName_;
+    slot.task = nullptr;
+  }
+  t.historyRefs_ = 0;
+}
+
+void RootScheduler::historyRelease() {
+  for (HistorySlot& slot : history_) {
+    if (slot.task) --slot.task->historyRefs_;
+    slot.task = nullptr;
+  }
+}
+
 std::vector<RootScheduler::HistoryEntry> RootScheduler::history(U32 count) const {
   const std::size_t size = history_.size();
   const std::size_t n = std::min<U64>({count, historyWritten_, size});
   std::vector<HistoryEntry> out;
   out.reserve(n);
-  for (std::size_t i = 0; i < n; ++i) out.push_back(history_[(historyNext_ + size - n + i) % size]);
+  for (std::size_t i = 0; i < n; ++i) {
+    const HistorySlot& slot = history_[(historyNext_ + size - n + i) % size];
+    out.push_back(slot.entry);
+    if (slot.task) out.back().name = slot.task->statsName_;
+  }
   return out;
 }
 

@@ -152,8 +152,14 @@ Task::~Task() {
     finishRun(r->now());
     r->current_ = nullptr;
   }
+  if (historyRefs_) r->historyDetach(*this);
   if (queue_) queue_->remove(this);
   scheduler_->releaseTask(this);
+}
+
+void Task::statsNameIs(const String& n) {
+  if (historyRefs_) root()->historyDetach(*this);
+  statsName_ = n;
 }
 
 void Task::priorityIs(Priority p) {

@@ -269,6 +269,43 @@ TEST(Dorn, HistoryKeepsTheLastRuns) {
   EXPECT_NE(os.str().find("last 2 of 5 runs"), std::string::npos) << os.str();
 }
 
+// Each run keeps the statistics name its task had when it ran: through a
+// rename, through the task's release (also from inside its own run), and
+// through a resize of the ring that drops the older runs.
+TEST(Dorn, HistoryNamesAreThoseOfTheRunTime) {
+  Fixture f;
+  f.root.historyEntryCountIs(8);
+  auto a = f.logger(Priority::normal, 'a');
+  auto b = f.logger(Priority::normal, 'b');
+  a->schedule();
+  f.root.run();
+  a->statsNameIs("a2");
+  a->schedule();
+  b->schedule();
+  f.root.run();
+  b.reset();
+  std::unique_ptr<FnTask> c;
+  c = std::make_unique<FnTask>(&f.root, Priority::normal, "c", [&](FnTask&) { c.reset(); });
+  c->schedule();
+  f.root.run();
+  auto names = [&] {
+    std::string out;
+    for (const auto& e : f.root.history(8)) out += e.name + " ";
+    return out;
+  };
+  EXPECT_EQ(names(), "a a2 b c ");
+  a->statsNameIs("a3");
+  a->schedule();
+  f.root.run();
+  EXPECT_EQ(names(), "a a2 b c a3 ");
+  f.root.historyEntryCountIs(2);
+  a.reset();  // its slots were dropped with the old ring: nothing to detach
+  a = f.logger(Priority::normal, 'd');
+  a->schedule();
+  f.root.run();
+  EXPECT_EQ(names(), "d ");
+}
+
 TEST(Dorn, GroupRunsItsTasksInsideOneParentTask) {
   Fixture f;
   Dorn::TaskGroup g("grp", Priority::low, true, &f.root);
