@@ -70,7 +70,6 @@ class CounterClock {
     return originNs_ + static_cast<TimeStamp>(static_cast<double>(counts) * nsPerCount_);
 #endif
   }
-  bool usable() const { return usable_; }
 
  private:
   CounterClock() = default;
@@ -92,6 +91,7 @@ class CounterClock {
   S64 nsPerCountFixed_ = 0;  // nsPerCount_ * 2^fixedShift
 };
 
+// The counter clock's time: the default of every root's now().
 inline TimeStamp measureNow() { return CounterClock::calibrated().now(); }
 
 // A time source that replaces a root's counter clock, for tests that move
@@ -101,6 +101,7 @@ class TimeSource {
   virtual ~TimeSource() = default;
   virtual TimeStamp now() const = 0;
 };
+
 // +infinity maps to maxDuration and back; otherwise nanoseconds truncated.
 Duration toDuration(Seconds s);
 Seconds toSeconds(Duration d);
@@ -633,6 +634,7 @@ class RootScheduler : public Scheduler {
   // Gives every slot that names `t` through its pointer a copy of the name,
   // before the task goes or is renamed.
   void historyDetach(Task& t);
+  // Lets go of every task the ring points at, before the ring goes.
   void historyRelease();
 
   const CounterClock counterClock_;
