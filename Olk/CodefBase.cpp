@@ -45,7 +45,7 @@ void CodefBaseInternal::unscheduleCodef() {
   codefAssert("Call to unimplemented function CodefBase::unscheduleCodef");
 }
 
-Seconds CodefBaseInternal::now() const { return Zum::activityManager()->clock()->now(); }
+Seconds CodefBaseInternal::now() const { return Zum::clockOrLoop(nullptr)->now(); }
 
 void CodefBaseInternal::doProcessBacklog() {
   const Seconds start = now();
@@ -89,7 +89,7 @@ void CodefBase::clockDel() {
 }
 
 Seconds CodefBase::now() const {
-  return clock_ && clock_->notifier() ? clock_->notifier()->now() : CodefBaseInternal::now();
+  return Zum::clockOrLoop(clock_ ? clock_->notifier() : nullptr)->now();
 }
 
 void CodefBase::scheduleCodef() {

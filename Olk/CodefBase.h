@@ -64,7 +64,8 @@ class CodefBaseInternal : public Zum::Entity, public Zum::Notifier {
 
  protected:
   CodefBaseInternal() = default;
-  // The time slices are measured with; the system's wall clock by default.
+  // The time slices are measured with: the activity loop's clock, by the
+  // one rule for a component without a clock (Zum::clockOrLoop).
   virtual Seconds now() const;
   // Called after backlogQuantum changed.
   virtual void handleBacklogQuantum() {}
@@ -106,6 +107,7 @@ class CodefBase : public CodefBaseInternal {
 
  protected:
   explicit CodefBase(const Ptr<Zum::Clock>& clock);
+  // The reactor's clock; the loop's when it has none (or was detached).
   Seconds now() const override;
 
  private:

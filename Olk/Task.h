@@ -24,6 +24,7 @@ namespace Olk {
 
 // What plain, timer and descriptor tasks share: identity, the runtime task,
 // the busy flag and the scheduling attributes forwarded to the runtime.
+// (Ahead of Task only because C++ wants a base class complete first.)
 class TaskBase : public Zum::Entity, public Zum::Notifier {
  public:
   const Ptr<TaskScheduler>& taskScheduler() const { return taskScheduler_; }
@@ -127,6 +128,8 @@ class Task : public TaskBase {
  private:
   template <class T, class... A>
   friend Ptr<T> Zum::create(A&&...);
+  template <class Base>
+  friend class TaskWrapper;
 
   U32 taskRun_ = 0;
 };

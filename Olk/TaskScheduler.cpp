@@ -8,7 +8,7 @@
 //  * timers: every runtime timer gets a ClockNotifiee on the root's
 //    TimerWheel; moving a timer is one timeMinIs() on the wheel, and the
 //    wheel's callback schedules the timer's task;
-//  * time: run times and latencies use the steady clock, or the root's
+//  * time: run times and latencies use the runtime's counter clock, or the root's
 //    measurement clock when one is set (tests use a manual clock).
 // Statistics cross over in the runtime's units (nanoseconds, all-ones for an
 // empty high-water mark) and are converted to seconds and zeros here.
@@ -341,6 +341,31 @@ void TaskScheduler::printStats(const Ptr<const DumpContext>& dumpContext, bool i
 
 // ---- TaskSchedulerRoot ------------------------------------------------------
 
+// The measurement clock as the runtime's time source.
+class TaskSchedulerRoot::MeasurementSource : public Dorn::TimeSource {
+ public:
+  explicit MeasurementSource(const TaskSchedulerRoot* root) : root_(root) {}
+  Dorn::TimeStamp now() const override { return Dorn::toDuration(root_->measurementClock()->now()); }
+
+ private:
+  const TaskSchedulerRoot* root_;
+};
+
+TaskSchedulerRoot::TaskSchedulerRoot(const String& name)
+    : TaskScheduler(name, this), measurementSource_(std::make_unique<MeasurementSource>(this)) {}
+
+TaskSchedulerRoot::~TaskSchedulerRoot() = default;
+
+void TaskSchedulerRoot::measurementClockIs(const Ptr<Zum::Clock>& c) {
+  measurementClock_ = c;
+  measurementClockApply();
+}
+
+void TaskSchedulerRoot::measurementClockApply() {
+  // Without a clock the runtime keeps its own, cheaper counter clock.
+  if (Dorn::RootScheduler* r = dornRoot()) r->timeSourceIs(measurementClock_ ? measurementSource_.get() : nullptr);
+}
+
 bool TaskSchedulerRoot::suspended() const { return dornRoot()->suspended(); }
 void TaskSchedulerRoot::suspendedIs(bool s) { dornRoot()->suspendedIs(s); }
 U8 TaskSchedulerRoot::taskTestYieldRatio() const { return dornRoot()->testYieldRatio(); }
@@ -380,46 +405,45 @@ void TaskSchedulerRoot::printHistory(const Ptr<const DumpContext>& dumpContext) 
   writeToDump(dumpContext, [&](std::ostream& os) { printHistoryToStream(os, historyEntryCount()); });
 }
 
-// ---- TaskSchedulerRootZum ---------------------------------------------------
-
-void TaskSchedulerRootZum::handleRootZumInit() {
-  ZUM_ASSERT(olkSchedulerRoot_ == nullptr);
-  olkSchedulerRoot_ = std::make_shared<TaskSchedulerRootWrapper>(name(), Dorn::toDuration(0.010), this);
-}
-
-void TaskSchedulerRootZum::handleRootDestroy() { olkSchedulerRoot_.reset(); }
-
-Dorn::RootScheduler* TaskSchedulerRootZum::dornRoot() const { return olkSchedulerRoot_.get(); }
-
-Seconds TaskSchedulerRootZum::timerExpirySeconds(Dorn::TimerTask* timer) const {
-  return olkSchedulerRoot_ ? olkSchedulerRoot_->timerExpirySeconds(timer) : Zum::endOfTime;
-}
-
-void TaskSchedulerRootZum::handleSchedulerRun() {
-  schedulerRunRequested_ = false;
-  TaskSchedulerRoot::handleSchedulerRun();
-}
-
-void TaskSchedulerRootZum::requestSchedulerRun() {
-  attributeIs(schedulerRunRequested_, true, &Notifiee::onSchedulerRunRequested);
-}
-
 // ---- TaskSchedulerRootWrapper -----------------------------------------------
 
-TaskSchedulerRootWrapper::TaskSchedulerRootWrapper(const String& name, Dorn::Duration runDuration,
-                                                   TaskSchedulerRoot* root)
-    : RootScheduler(name, runDuration), root_(root) {}
+// The runtime root of a TaskSchedulerRoot: its timers live on the root's
+// TimerWheel, one `ClockNotifiee` per runtime timer.
+class TaskSchedulerRootWrapper : public Dorn::RootScheduler {
+ public:
+  class ClockNotifiee : public TimerWheel::NotifieeConst, public Dorn::TimerTask::Handle {
+   public:
+    explicit ClockNotifiee(Dorn::TimerTask* timer) : timer_(timer) {}
+    // Clears the timer's running mark and schedules its task.
+    void onTime() override { timer_->expire(); }
 
-Dorn::TimeStamp TaskSchedulerRootWrapper::now() const {
-  const Ptr<Zum::Clock>& c = root_->measurementClock();
-  return c ? Dorn::toDuration(c->now()) : Dorn::steadyNow();
-}
+   private:
+    Dorn::TimerTask* timer_;
+  };
 
-void TaskSchedulerRootWrapper::ClockNotifiee::onTime() { timer_->expire(); }
+  TaskSchedulerRootWrapper(const String& name, Dorn::Duration runDuration, TaskSchedulerRoot* root)
+      : RootScheduler(name, runDuration), root_(root) {}
 
-TaskSchedulerRootWrapper::ClockNotifiee* TaskSchedulerRootWrapper::notifiee(Dorn::TimerTask* timer) {
-  return static_cast<ClockNotifiee*>(timer->handle());
-}
+  void requestSchedulerRun() override { root_->requestSchedulerRun(); }
+
+  void timerCreated(Dorn::TimerTask* timer) override;
+  void timerDestroyed(Dorn::TimerTask* timer) override { timer->handleIs(nullptr); }
+  void notifieeIs(Dorn::TimerTask* timer, std::unique_ptr<ClockNotifiee> notifiee);
+  void timerStop(Dorn::TimerTask* timer) override;
+  // The expiry as a steady time stamp; the largest when there is none.
+  Dorn::TimeStamp timerExpiry(Dorn::TimerTask* timer) override;
+  // The expiry in the wheel's clock seconds; +infinity when none.
+  Seconds timerExpirySeconds(Dorn::TimerTask* timer) const;
+
+ private:
+  // Without a notifiee, false. A later expiry than the present one is taken
+  // only when `force`; answers whether the expiry was set.
+  bool timerStartSeconds(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) override;
+  static ClockNotifiee* notifiee(Dorn::TimerTask* timer) { return static_cast<ClockNotifiee*>(timer->handle()); }
+  Seconds wheelNow() const;
+
+  TaskSchedulerRoot* root_;
+};
 
 Seconds TaskSchedulerRootWrapper::wheelNow() const {
   const Ptr<TimerWheel>& w = root_->timerWheel();
@@ -436,8 +460,6 @@ void TaskSchedulerRootWrapper::notifieeIs(Dorn::TimerTask* timer, std::unique_pt
   if (notifiee && root_->timerWheel()) notifiee->notifierIs(root_->timerWheel());
   timer->handleIs(std::move(notifiee));
 }
-
-void TaskSchedulerRootWrapper::timerDestroyed(Dorn::TimerTask* timer) { timer->handleIs(nullptr); }
 
 bool TaskSchedulerRootWrapper::timerStartSeconds(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) {
   ClockNotifiee* n = notifiee(timer);
@@ -463,8 +485,29 @@ Dorn::TimeStamp TaskSchedulerRootWrapper::timerExpiry(Dorn::TimerTask* timer) {
   return Dorn::steadyNow() + Dorn::toDuration(t - wheelNow());
 }
 
-Dorn::Duration TaskSchedulerRootWrapper::timerRemaining(Dorn::TimerTask* timer) {
-  return RootScheduler::timerRemaining(timer);
+// ---- TaskSchedulerRootZum ---------------------------------------------------
+
+void TaskSchedulerRootZum::handleRootZumInit() {
+  ZUM_ASSERT(olkSchedulerRoot_ == nullptr);
+  olkSchedulerRoot_ = std::make_shared<TaskSchedulerRootWrapper>(name(), Dorn::toDuration(0.010), this);
+  measurementClockApply();
+}
+
+void TaskSchedulerRootZum::handleRootDestroy() { olkSchedulerRoot_.reset(); }
+
+Dorn::RootScheduler* TaskSchedulerRootZum::dornRoot() const { return olkSchedulerRoot_.get(); }
+
+Seconds TaskSchedulerRootZum::timerExpirySeconds(Dorn::TimerTask* timer) const {
+  return olkSchedulerRoot_ ? olkSchedulerRoot_->timerExpirySeconds(timer) : Zum::endOfTime;
+}
+
+void TaskSchedulerRootZum::handleSchedulerRun() {
+  schedulerRunRequested_ = false;
+  TaskSchedulerRoot::handleSchedulerRun();
+}
+
+void TaskSchedulerRootZum::requestSchedulerRun() {
+  attributeIs(schedulerRunRequested_, true, &Notifiee::onSchedulerRunRequested);
 }
 
 Dorn::TimeStamp timerTaskGetExpiryTime(TaskSchedulerRoot* root, Dorn::TimerTask* timerTask) {

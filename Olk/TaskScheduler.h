@@ -34,7 +34,234 @@ namespace Olk {
 
 class DumpContext;
 class Task;
+class TimerTask;
+class TaskPriority;
+class TaskKey;
+struct TaskStat;
+class TaskSchedulerQueueStats;
+class TaskCollectionTaskName;
 class TaskSchedulerRoot;
+
+class TaskScheduler : public Zum::Entity, public Zum::Notifier {
+ public:
+  static constexpr U32 priorityRunFactor = Dorn::Scheduler::priorityRunFactor;
+  static constexpr Seconds initialDefaultTaskQuantum = Dorn::Scheduler::initialDefaultTaskQuantum;
+
+  const String& schedulerName() const { return name(); }
+  // The root of this scheduler's tree (itself for a root).
+  TaskSchedulerRoot* root() const { return root_; }
+  U32 timerWheelTickInMsec() const { return 10; }
+  Seconds defaultTaskQuantum() const;
+  void defaultTaskQuantumIs(Seconds q);
+  Seconds schedulerMaxSchedulerSlip() const;
+
+  // Binds the runtime's run requests to a loop; the base cannot and asserts.
+  virtual void requestSchedulerRun();
+  // True once the runtime scheduler exists; tasks may then be created.
+  bool validScheduler() const { return dornScheduler() != nullptr; }
+  virtual Dorn::Scheduler* dornScheduler() const = 0;
+
+  bool schedulerHasRunnableTasks() const;
+  U32 tasksPerPriority(TaskPriority p) const;
+  U32 deadTasksPerPriority(TaskPriority p) const;
+  U64 runTaskCount(TaskPriority p) const;
+  U32 runnableTaskCount(TaskPriority p) const;
+  TaskSchedulerQueueStats queueStats() const;
+  // Live tasks' statistics; those that never ran only when asked for.
+  void getTaskStats(std::vector<TaskStat>* out, bool includeNeverRunTasks) const;
+  void getDeadTaskStats(std::vector<TaskStat>* out, bool includeNeverRunTasks) const;
+  // Fresh collections keyed by statistics name (all tasks included).
+  Ptr<TaskCollectionTaskName> tasksRegistered() const;
+  Ptr<TaskCollectionTaskName> deadTaskStats() const;
+  // The record named `name`, or an empty one.
+  TaskStat taskStatForTest(const String& name) const;
+  TaskStat deadTaskStatForTest(const String& name) const;
+  // Zeroes the live tasks' statistics; resetStatsInProgress() is true meanwhile.
+  void resetStats();
+  bool resetStatsInProgress() const { return resetStatsInProgress_; }
+  // As resetStats, and forgets the dead tasks.
+  void clearStats();
+
+  // Writes the runtime's statistics text into the dump.
+  void printStats(const Ptr<const DumpContext>& dumpContext, bool includeNeverRunTasks, bool includeDeadTasks,
+                  bool displayMemoryAddressOfTasks, bool includeSchedulerHistory) const;
+  void printStatsToStream(std::ostream& stream, bool includeNeverRunTasks, bool includeDeadTasks,
+                          bool displayMemoryAddressOfTasks, bool includeSchedulerHistory) const;
+
+ protected:
+  TaskScheduler(const String& name, TaskSchedulerRoot* root) : Entity(name), root_(root) {}
+
+ private:
+  TaskSchedulerRoot* root_;
+  bool resetStatsInProgress_ = false;
+};
+
+// The runtime root behind a TaskSchedulerRootZum; internal to the library.
+class TaskSchedulerRootWrapper;
+
+class TaskSchedulerRoot : public TaskScheduler {
+ public:
+  const Ptr<TimerWheel>& timerWheel() const { return timerWheel_; }
+  // Timer tasks created afterwards use `w`; existing ones keep their wheel.
+  void timerWheelIs(const Ptr<TimerWheel>& w) { timerWheel_ = w; }
+  // The clock that measures run times, latencies and quanta; when null (the
+  // default) the runtime's own counter clock, at the steady clock's rate.
+  // Tests set a manual clock; setting it takes effect at once.
+  const Ptr<Zum::Clock>& measurementClock() const { return measurementClock_; }
+  void measurementClockIs(const Ptr<Zum::Clock>& c);
+
+  bool suspended() const;
+  void suspendedIs(bool s);
+  bool threadSanityDisabled() const { return threadSanityDisabled_; }
+  void threadSanityDisabledIs(bool b) { threadSanityDisabled_ = b; }
+  U8 taskTestYieldRatio() const;
+  void taskTestYieldRatioIs(U8 n);
+  U32 historyEntryCount() const;
+  void historyEntryCountIs(U32 n);
+  U32 taskGroupCount() const;
+  U32 totalRegisteredTaskCount() const;
+  // Queue statistics of the root and all its groups together.
+  TaskSchedulerQueueStats queueStatsRoot() const;
+
+  // Runs the runtime's scheduler once.
+  virtual void handleSchedulerRun();
+  // Checks how late a requested run is and notes when (steady clock).
+  void doUpdateSchedulerLatency();
+  Dorn::TimeStamp lastLatencyCheck() const { return lastLatencyCheck_; }
+
+  void printHistory(const Ptr<const DumpContext>& dumpContext) const;
+  void printHistoryToStream(std::ostream& stream, U32 count) const;
+  void clearHistory();
+
+  virtual Dorn::RootScheduler* dornRoot() const = 0;
+  Dorn::Scheduler* dornScheduler() const override { return dornRoot(); }
+  // The expiry of `timer`, one of this root's timer tasks, in its timer
+  // wheel's clock seconds; +infinity when the timer is not running or this
+  // root keeps no timers.
+  virtual Seconds timerExpirySeconds(Dorn::TimerTask*) const { return Zum::endOfTime; }
+
+ protected:
+  explicit TaskSchedulerRoot(const String& name);
+  ~TaskSchedulerRoot() override;
+  // Points the runtime root (once it exists) at the measurement clock.
+  void measurementClockApply();
+
+ private:
+  class MeasurementSource;
+
+  Ptr<TimerWheel> timerWheel_;
+  Ptr<Zum::Clock> measurementClock_;
+  std::unique_ptr<MeasurementSource> measurementSource_;  // reads measurementClock_
+  bool threadSanityDisabled_ = false;
+  Dorn::TimeStamp lastLatencyCheck_ = 0;
+};
+
+// A root with its runtime scheduler, not bound to a loop: a run request
+// raises `schedulerRunRequested`, and the owner calls handleSchedulerRun().
+class TaskSchedulerRootZum : public TaskSchedulerRoot {
+ public:
+  class Notifiee : public Zum::BaseNotifiee<TaskSchedulerRootZum> {
+   public:
+    virtual void onSchedulerRunRequested() {}
+  };
+
+  bool schedulerRunRequested() const { return schedulerRunRequested_; }
+  void requestSchedulerRun() override;
+  // Clears schedulerRunRequested, then runs the runtime once.
+  void handleSchedulerRun() override;
+  Dorn::RootScheduler* dornRoot() const override;
+  Seconds timerExpirySeconds(Dorn::TimerTask* timer) const override;
+
+ protected:
+  explicit TaskSchedulerRootZum(const String& name) : TaskSchedulerRoot(name) {}
+  void handleInitialized() override { handleRootZumInit(); }
+  void handleDel() override { handleRootDestroy(); }
+  void handleRootZumInit();
+  void handleRootDestroy();
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+
+  std::shared_ptr<TaskSchedulerRootWrapper> olkSchedulerRoot_;
+  bool schedulerRunRequested_ = false;
+};
+
+// A root bound to the activity loop (or, for tests, to a given clock).
+class TaskSchedulerZumActivity : public TaskSchedulerRootZum {
+ public:
+  // Runs the scheduler when it fires.
+  class ZumClock : public Zum::Clock::Notifiee {
+   public:
+    explicit ZumClock(TaskSchedulerZumActivity* owner) : owner_(owner) {}
+    void onTime() override { owner_->handleSchedulerRun(); }
+
+   private:
+    TaskSchedulerZumActivity* owner_;
+  };
+
+  // The process's agent scheduler "main", created on the first call.
+  static Ptr<TaskSchedulerZumActivity> findOrCreateAgentScheduler();
+
+  const ZumClock& clock() const { return clock_; }
+  void requestSchedulerRun() override;
+
+ protected:
+  TaskSchedulerZumActivity(const String& name, const Ptr<Zum::Clock>& clock);
+  void handleInitialized() override;
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+
+  Ptr<Zum::Clock> systemClock_;
+  ZumClock clock_;
+};
+
+// A group of tasks that run inside one task of the parent scheduler; itself a
+// scheduler for the tasks created on it.
+class TaskGroup : public TaskScheduler {
+ public:
+  const String& taskGroupName() const { return name(); }
+  TaskPriority taskGroupPriority() const;
+  void taskGroupPriorityIs(TaskPriority p);
+  bool enforceTaskGroupPriority() const { return enforce_; }
+  const Ptr<TaskScheduler>& parentScheduler() const { return parent_; }
+  Seconds taskGroupQuantum() const;
+  void taskGroupQuantumIs(Seconds q);
+  bool tasksPermittedMultipleRuns() const;
+  void tasksPermittedMultipleRunsIs(bool b);
+  bool taskGroupForceYieldInTest() const;
+  void taskGroupForceYieldInTestIs(bool b);
+  bool parentTaskScheduled() const;
+  U32 parentTaskRunCount() const;
+
+  // Runs come through the parent's task: forwards to the parent.
+  void requestSchedulerRun() override { parent_->requestSchedulerRun(); }
+  Dorn::Scheduler* dornScheduler() const override { return group_.get(); }
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  TaskGroup(const String& name, TaskPriority priority, bool enforce, const Ptr<TaskScheduler>& parent);
+  void handleDel() override { group_.reset(); }
+
+  Ptr<TaskScheduler> parent_;
+  bool enforce_;
+  std::unique_ptr<Dorn::TaskGroup> group_;
+};
+
+Ptr<TaskGroup> taskGroupFactory(const String& name, TaskPriority priority, bool enforceTaskGroupPriority,
+                                const Ptr<TaskScheduler>& scheduler);
+// A root not bound to a loop (see TaskSchedulerRootZum).
+Ptr<TaskSchedulerRootZum> taskSchedulerRootFactory(const String& name);
+// A root on the activity loop's clock, or on `clock` when given.
+Ptr<TaskSchedulerZumActivity> taskSchedulerZumActivityFactory(const String& name,
+                                                              const Ptr<Zum::Clock>& clock = nullptr);
+// A timer task's expiry as a steady time stamp (the largest when none).
+Dorn::TimeStamp timerTaskGetExpiryTime(TaskSchedulerRoot* root, Dorn::TimerTask* timerTask);
+
+// ---- Records of the statistics, and conversions ------------------------------
 
 class TaskPriority {
  public:
@@ -182,8 +409,9 @@ class TaskCollection : public Zum::Entity, public Zum::Notifier {
   Zum::OrderedMap<Key, TaskStat> t_;
 };
 
-using TaskCollectionTaskName = TaskCollection<String, &TaskStat::taskName>;
-using TaskCollectionTaskKey = TaskCollection<TaskKey, &TaskStat::taskKey>;
+// Classes rather than aliases, so the scheduler above can name them first.
+class TaskCollectionTaskName final : public TaskCollection<String, &TaskStat::taskName> {};
+class TaskCollectionTaskKey final : public TaskCollection<TaskKey, &TaskStat::taskKey> {};
 
 // Conversions between the runtime's records and the library's.
 Dorn::Priority zumPri2taskPri(TaskPriority p);
@@ -193,259 +421,6 @@ TaskStat taskTaskStat2olkTaskStat(const Dorn::TaskStat& s);
 TaskSchedulerQueueStats dornQueueStats2QueueStats(const Dorn::QueueStats& s);
 // A runtime high-water mark that recorded nothing reads as 0.
 U32 highWaterMark2Count(U32 mark);
-
-class TaskScheduler : public Zum::Entity, public Zum::Notifier {
- public:
-  static constexpr U32 priorityRunFactor = Dorn::Scheduler::priorityRunFactor;
-  static constexpr Seconds initialDefaultTaskQuantum = Dorn::Scheduler::initialDefaultTaskQuantum;
-
-  const String& schedulerName() const { return name(); }
-  // The root of this scheduler's tree (itself for a root).
-  TaskSchedulerRoot* root() const { return root_; }
-  U32 timerWheelTickInMsec() const { return 10; }
-  Seconds defaultTaskQuantum() const;
-  void defaultTaskQuantumIs(Seconds q);
-  Seconds schedulerMaxSchedulerSlip() const;
-
-  // Binds the runtime's run requests to a loop; the base cannot and asserts.
-  virtual void requestSchedulerRun();
-  // True once the runtime scheduler exists; tasks may then be created.
-  bool validScheduler() const { return dornScheduler() != nullptr; }
-  virtual Dorn::Scheduler* dornScheduler() const = 0;
-
-  bool schedulerHasRunnableTasks() const;
-  U32 tasksPerPriority(TaskPriority p) const;
-  U32 deadTasksPerPriority(TaskPriority p) const;
-  U64 runTaskCount(TaskPriority p) const;
-  U32 runnableTaskCount(TaskPriority p) const;
-  TaskSchedulerQueueStats queueStats() const;
-  // Live tasks' statistics; those that never ran only when asked for.
-  void getTaskStats(std::vector<TaskStat>* out, bool includeNeverRunTasks) const;
-  void getDeadTaskStats(std::vector<TaskStat>* out, bool includeNeverRunTasks) const;
-  // Fresh collections keyed by statistics name (all tasks included).
-  Ptr<TaskCollectionTaskName> tasksRegistered() const;
-  Ptr<TaskCollectionTaskName> deadTaskStats() const;
-  // The record named `name`, or an empty one.
-  TaskStat taskStatForTest(const String& name) const;
-  TaskStat deadTaskStatForTest(const String& name) const;
-  // Zeroes the live tasks' statistics; resetStatsInProgress() is true meanwhile.
-  void resetStats();
-  bool resetStatsInProgress() const { return resetStatsInProgress_; }
-  // As resetStats, and forgets the dead tasks.
-  void clearStats();
-
-  // Writes the runtime's statistics text into the dump.
-  void printStats(const Ptr<const DumpContext>& dumpContext, bool includeNeverRunTasks, bool includeDeadTasks,
-                  bool displayMemoryAddressOfTasks, bool includeSchedulerHistory) const;
-  void printStatsToStream(std::ostream& stream, bool includeNeverRunTasks, bool includeDeadTasks,
-                          bool displayMemoryAddressOfTasks, bool includeSchedulerHistory) const;
-
- protected:
-  TaskScheduler(const String& name, TaskSchedulerRoot* root) : Entity(name), root_(root) {}
-
- private:
-  TaskSchedulerRoot* root_;
-  bool resetStatsInProgress_ = false;
-};
-
-class TaskSchedulerRootWrapper;
-
-class TaskSchedulerRoot : public TaskScheduler {
- public:
-  const Ptr<TimerWheel>& timerWheel() const { return timerWheel_; }
-  // Timer tasks created afterwards use `w`; existing ones keep their wheel.
-  void timerWheelIs(const Ptr<TimerWheel>& w) { timerWheel_ = w; }
-  // The clock that measures run times, latencies and quanta; the steady
-  // clock when null (the default). Tests set a manual clock.
-  const Ptr<Zum::Clock>& measurementClock() const { return measurementClock_; }
-  void measurementClockIs(const Ptr<Zum::Clock>& c) { measurementClock_ = c; }
-
-  bool suspended() const;
-  void suspendedIs(bool s);
-  bool threadSanityDisabled() const { return threadSanityDisabled_; }
-  void threadSanityDisabledIs(bool b) { threadSanityDisabled_ = b; }
-  U8 taskTestYieldRatio() const;
-  void taskTestYieldRatioIs(U8 n);
-  U32 historyEntryCount() const;
-  void historyEntryCountIs(U32 n);
-  U32 taskGroupCount() const;
-  U32 totalRegisteredTaskCount() const;
-  // Queue statistics of the root and all its groups together.
-  TaskSchedulerQueueStats queueStatsRoot() const;
-
-  // Runs the runtime's scheduler once.
-  virtual void handleSchedulerRun();
-  // Checks how late a requested run is and notes when (steady clock).
-  void doUpdateSchedulerLatency();
-  Dorn::TimeStamp lastLatencyCheck() const { return lastLatencyCheck_; }
-
-  void printHistory(const Ptr<const DumpContext>& dumpContext) const;
-  void printHistoryToStream(std::ostream& stream, U32 count) const;
-  void clearHistory();
-
-  virtual Dorn::RootScheduler* dornRoot() const = 0;
-  Dorn::Scheduler* dornScheduler() const override { return dornRoot(); }
-  // The expiry of `timer`, one of this root's timer tasks, in its timer
-  // wheel's clock seconds; +infinity when the timer is not running or this
-  // root keeps no timers.
-  virtual Seconds timerExpirySeconds(Dorn::TimerTask*) const { return Zum::endOfTime; }
-
- protected:
-  explicit TaskSchedulerRoot(const String& name) : TaskScheduler(name, this) {}
-
- private:
-  Ptr<TimerWheel> timerWheel_;
-  Ptr<Zum::Clock> measurementClock_;
-  bool threadSanityDisabled_ = false;
-  Dorn::TimeStamp lastLatencyCheck_ = 0;
-};
-
-// A root with its runtime scheduler, not bound to a loop: a run request
-// raises `schedulerRunRequested`, and the owner calls handleSchedulerRun().
-class TaskSchedulerRootZum : public TaskSchedulerRoot {
- public:
-  class Notifiee : public Zum::BaseNotifiee<TaskSchedulerRootZum> {
-   public:
-    virtual void onSchedulerRunRequested() {}
-  };
-
-  bool schedulerRunRequested() const { return schedulerRunRequested_; }
-  void requestSchedulerRun() override;
-  // Clears schedulerRunRequested, then runs the runtime once.
-  void handleSchedulerRun() override;
-  Dorn::RootScheduler* dornRoot() const override;
-  Seconds timerExpirySeconds(Dorn::TimerTask* timer) const override;
-
- protected:
-  explicit TaskSchedulerRootZum(const String& name) : TaskSchedulerRoot(name) {}
-  void handleInitialized() override { handleRootZumInit(); }
-  void handleDel() override { handleRootDestroy(); }
-  void handleRootZumInit();
-  void handleRootDestroy();
-
- private:
-  template <class T, class... A>
-  friend Ptr<T> Zum::create(A&&...);
-  friend class TaskSchedulerRootWrapper;
-
-  std::shared_ptr<TaskSchedulerRootWrapper> olkSchedulerRoot_;
-  bool schedulerRunRequested_ = false;
-};
-
-// The runtime root of a TaskSchedulerRoot: its timers live on the root's
-// TimerWheel, one `ClockNotifiee` per runtime timer.
-class TaskSchedulerRootWrapper : public Dorn::RootScheduler {
- public:
-  class ClockNotifiee : public TimerWheel::NotifieeConst, public Dorn::TimerTask::Handle {
-   public:
-    explicit ClockNotifiee(Dorn::TimerTask* timer) : timer_(timer) {}
-    // Clears the timer's running mark and schedules its task.
-    void onTime() override;
-
-   private:
-    Dorn::TimerTask* timer_;
-  };
-
-  TaskSchedulerRootWrapper(const String& name, Dorn::Duration runDuration, TaskSchedulerRoot* root);
-
-  void requestSchedulerRun() override { root_->requestSchedulerRun(); }
-  Dorn::TimeStamp now() const override;
-
-  void timerCreated(Dorn::TimerTask* timer) override;
-  void timerDestroyed(Dorn::TimerTask* timer) override;
-  void notifieeIs(Dorn::TimerTask* timer, std::unique_ptr<ClockNotifiee> notifiee);
-  void timerStop(Dorn::TimerTask* timer) override;
-  // The expiry as a steady time stamp; the largest when there is none.
-  Dorn::TimeStamp timerExpiry(Dorn::TimerTask* timer) override;
-  Dorn::Duration timerRemaining(Dorn::TimerTask* timer) override;
-  // The expiry in the wheel's clock seconds; +infinity when none.
-  Seconds timerExpirySeconds(Dorn::TimerTask* timer) const;
-
- private:
-  // Without a notifiee, false. A later expiry than the present one is taken
-  // only when `force`; answers whether the expiry was set.
-  bool timerStartSeconds(Dorn::TimerTask* timer, Seconds delaySeconds, bool force) override;
-  static ClockNotifiee* notifiee(Dorn::TimerTask* timer);
-  Seconds wheelNow() const;
-
-  TaskSchedulerRoot* root_;
-};
-
-// A root bound to the activity loop (or, for tests, to a given clock).
-class TaskSchedulerZumActivity : public TaskSchedulerRootZum {
- public:
-  // Runs the scheduler when it fires.
-  class ZumClock : public Zum::Clock::Notifiee {
-   public:
-    explicit ZumClock(TaskSchedulerZumActivity* owner) : owner_(owner) {}
-    void onTime() override { owner_->handleSchedulerRun(); }
-
-   private:
-    TaskSchedulerZumActivity* owner_;
-  };
-
-  // The process's agent scheduler "main", created on the first call.
-  static Ptr<TaskSchedulerZumActivity> findOrCreateAgentScheduler();
-
-  const ZumClock& clock() const { return clock_; }
-  void requestSchedulerRun() override;
-
- protected:
-  TaskSchedulerZumActivity(const String& name, const Ptr<Zum::Clock>& clock);
-  void handleInitialized() override;
-
- private:
-  template <class T, class... A>
-  friend Ptr<T> Zum::create(A&&...);
-
-  Ptr<Zum::Clock> systemClock_;
-  ZumClock clock_;
-};
-
-// A group of tasks that run inside one task of the parent scheduler; itself a
-// scheduler for the tasks created on it.
-class TaskGroup : public TaskScheduler {
- public:
-  const String& taskGroupName() const { return name(); }
-  TaskPriority taskGroupPriority() const;
-  void taskGroupPriorityIs(TaskPriority p);
-  bool enforceTaskGroupPriority() const { return enforce_; }
-  const Ptr<TaskScheduler>& parentScheduler() const { return parent_; }
-  Seconds taskGroupQuantum() const;
-  void taskGroupQuantumIs(Seconds q);
-  bool tasksPermittedMultipleRuns() const;
-  void tasksPermittedMultipleRunsIs(bool b);
-  bool taskGroupForceYieldInTest() const;
-  void taskGroupForceYieldInTestIs(bool b);
-  bool parentTaskScheduled() const;
-  U32 parentTaskRunCount() const;
-
-  // Runs come through the parent's task: forwards to the parent.
-  void requestSchedulerRun() override { parent_->requestSchedulerRun(); }
-  Dorn::Scheduler* dornScheduler() const override { return group_.get(); }
-
- private:
-  template <class T, class... A>
-  friend Ptr<T> Zum::create(A&&...);
-  TaskGroup(const String& name, TaskPriority priority, bool enforce, const Ptr<TaskScheduler>& parent);
-  void handleDel() override { group_.reset(); }
-
-  Ptr<TaskScheduler> parent_;
-  bool enforce_;
-  std::unique_ptr<Dorn::TaskGroup> group_;
-};
-
-Ptr<TaskGroup> taskGroupFactory(const String& name, TaskPriority priority, bool enforceTaskGroupPriority,
-                                const Ptr<TaskScheduler>& scheduler);
-// A root not bound to a loop (see TaskSchedulerRootZum).
-Ptr<TaskSchedulerRootZum> taskSchedulerRootFactory(const String& name);
-// A root on the activity loop's clock, or on `clock` when given.
-Ptr<TaskSchedulerZumActivity> taskSchedulerZumActivityFactory(const String& name,
-                                                              const Ptr<Zum::Clock>& clock = nullptr);
-// A timer task's expiry as a steady time stamp (the largest when none).
-Dorn::TimeStamp timerTaskGetExpiryTime(TaskSchedulerRoot* root, Dorn::TimerTask* timerTask);
-
-class TimerTask;
 
 // Periodic work in one line: `fn` runs every `period` from a timer task named
 // `name` on a scheduler, so the job shows in printStats and tasksRegistered

@@ -34,7 +34,11 @@
 // Time. The clock is read once per run end and once per schedule: the end
 // of one task is the start of the next, and a task that schedules itself
 // again from its own run is queued as of that run's end (it cannot start
-// sooner), so a busy task costs one read per run.
+// sooner), so a busy task costs one read per run. Those reads are the
+// largest cost of a dispatch, so they go to the processor's time-stamp
+// counter (`CounterClock`, Dorn.h) where the kernel trusts it, not to the
+// steady clock's system-call-free but fenced read; a root's time source
+// (a test's hand-moved clock) replaces it without a virtual call otherwise.
 //
 // Task groups run their tasks inside one task of their parent, bounded by the
 // group's quantum; a group may limit each task to one run per group run.
@@ -214,26 +218,6 @@ void Scheduler::clearStats() {
   deadCount_ = {};
 }
 
-TimeStamp Scheduler::runOne(Task* t, TimeStamp start) {
-  RootScheduler* r = root_;
-  Task::LifeGuard guard(t);
-  Task* outer = r->current_;
-  r->current_ = t;
-  t->runStart_ = start;
-  t->runLatency_ = start - t->queuedAt_;
-  t->yieldCalls_ = 0;
-  ++runCount_[index(t->priority_)];
-  t->scheduledIs(false);
-  if (guard.alive()) t->execute();
-  const TimeStamp end = r->now();
-  r->current_ = outer;
-  // A task released while running recorded its run on the way out.
-  if (!guard.alive()) return end;
-  if (t->queuedAt_ == Task::queuedAtRunEnd) t->queuedAt_ = end;
-  t->finishRun(end);
-  return end;
-}
-
 // ---- TaskGroup --------------------------------------------------------------
 
 class TaskGroup::GroupTask : public Task {
@@ -309,11 +293,12 @@ void TaskGroup::runGroup() {
 
 RootScheduler::RootScheduler(String name, Duration runDuration)
     : Scheduler(std::move(name), this),
+      counterClock_(CounterClock::calibrated()),
       runDuration_(runDuration),
       history_(32),
       random_(static_cast<U32>(::getpid()) ^ static_cast<U32>(steadyNow())) {}
 
-RootScheduler::~RootScheduler() = default;
+RootScheduler::~RootScheduler() { historyRelease(); }
 
 void RootScheduler::onEnqueued(Task*, TimeStamp now) { requestRunIfIdle(now); }
 
@@ -372,7 +357,8 @@ U32 RootScheduler::totalRegisteredTaskCount() const {
 }
 
 void RootScheduler::historyEntryCountIs(U32 n) {
-  history_.assign(n, HistoryEntry{});
+  historyRelease();
+  history_.assign(n, HistorySlot{});
   clearHistory();
 }
 
@@ -381,11 +367,14 @@ void RootScheduler::clearHistory() {
   historyWritten_ = 0;
 }
 
-void RootScheduler::record(const Task& t, TimeStamp start, Duration runTime, Duration latency) {
+void RootScheduler::record(Task& t, TimeStamp start, Duration runTime, Duration latency) {
   if (history_.empty()) return;
-  HistoryEntry& e = history_[historyNext_];
+  HistorySlot& slot = history_[historyNext_];
+  if (slot.task) --slot.task->historyRefs_;
+  slot.task = &t;
+  ++t.historyRefs_;
+  HistoryEntry& e = slot.entry;
   e.key = t.key_;
-  e.name = t.statsName_;
   e.priority = t.priority_;
   e.start = start;
   e.runTime = runTime;
@@ -394,12 +383,32 @@ void RootScheduler::record(const Task& t, TimeStamp start, Duration runTime, Dur
   ++historyWritten_;
 }
 
+void RootScheduler::historyDetach(Task& t) {
+  for (HistorySlot& slot : history_) {
+    if (slot.task != &t) continue;
+    slot.entry.name = t.statsName_;
+    slot.task = nullptr;
+  }
+  t.historyRefs_ = 0;
+}
+
+void RootScheduler::historyRelease() {
+  for (HistorySlot& slot : history_) {
+    if (slot.task) --slot.task->historyRefs_;
+    slot.task = nullptr;
+  }
+}
+
 std::vector<RootScheduler::HistoryEntry> RootScheduler::history(U32 count) const {
   const std::size_t size = history_.size();
   const std::size_t n = std::min<U64>({count, historyWritten_, size});
   std::vector<HistoryEntry> out;
   out.reserve(n);
-  for (std::size_t i = 0; i < n; ++i) out.push_back(history_[(historyNext_ + size - n + i) % size]);
+  for (std::size_t i = 0; i < n; ++i) {
+    const HistorySlot& slot = history_[(historyNext_ + size - n + i) % size];
+    out.push_back(slot.entry);
+    if (slot.task) out.back().name = slot.task->statsName_;
+  }
   return out;
 }
 

@@ -200,7 +200,7 @@ TEST_F(SchedulerFixture, LowestDelayOnlyMovesTheExpiryEarlier) {
   t->scheduleTaskDelay(10.0);
   t->scheduleTaskLowestDelay(5.0);
   EXPECT_EQ(t->currentExpirationTime(), 1005.0);
-  auto* root = static_cast<Olk::TaskSchedulerRootWrapper*>(sched->dornRoot());
+  Dorn::RootScheduler* root = sched->dornRoot();
   auto* dt = static_cast<Dorn::TimerTask*>(&t->dornTask());
   using FloatSeconds = std::chrono::duration<double>;
   EXPECT_FALSE(root->timerStart(dt, FloatSeconds(6.0), false));  // later without force: refused
@@ -218,6 +218,30 @@ TEST_F(SchedulerFixture, LowestDelayOnlyMovesTheExpiryEarlier) {
   root->timerDestroyed(dt);  // no notifiee: nothing starts
   EXPECT_FALSE(root->timerStart(dt, FloatSeconds(1.0), true));
   EXPECT_EQ(root->timerExpiry(dt), Dorn::maxTimeStamp);
+}
+
+// A measurement clock set on a root that already has its runtime takes over
+// the measuring at once, and clearing it hands the measuring back.
+TEST(TaskSchedulerRoot, MeasurementClockSetLaterTakesOverAndCanBeCleared) {
+  auto root = Olk::taskSchedulerRootFactory("late-clock");
+  auto manual = Zum::manualClockFactory(10.0);
+  root->measurementClockIs(manual);
+  Runner r;
+  r.fn = [&](const Olk::Task&) { manual->advance(2.5); };
+  auto t = Olk::taskFactory(root, TaskPriority::normal, "t");
+  r.notifierIs(t);
+  t->scheduleTask();
+  manual->advance(0.5);  // the wait before the run
+  root->handleSchedulerRun();
+  EXPECT_EQ(t->taskTotalRunTime(), 2.5);
+  EXPECT_EQ(t->taskLastSchedulingLatency(), 0.5);
+  root->measurementClockIs(nullptr);
+  t->scheduleTask();
+  root->handleSchedulerRun();
+  EXPECT_EQ(r.runs, 2);
+  // The second run advanced only the manual clock, which no longer measures.
+  EXPECT_LT(t->taskTotalRunTime(), 5.0);
+  EXPECT_GE(t->taskTotalRunTime(), 2.5);
 }
 
 TEST(TaskSchedulerRoot, TimersNeverStartWithoutATimerWheel) {

@@ -7,6 +7,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -17,14 +18,19 @@ using Zum::U32;
 
 constexpr Duration ms = 1000000;
 
+// Time moved by hand.
+struct HandClock : Dorn::TimeSource {
+  Dorn::TimeStamp now() const override { return time; }
+  Dorn::TimeStamp time = 1000 * ms;
+};
+
 // A root on a hand-moved time source that counts run requests.
 class FakeRoot : public Dorn::RootScheduler {
  public:
-  FakeRoot() : RootScheduler("fake", 10 * ms) {}
-  Dorn::TimeStamp now() const override { return time; }
+  FakeRoot() : RootScheduler("fake", 10 * ms) { timeSourceIs(&clock); }
   void requestSchedulerRun() override { ++requests; }
 
-  Dorn::TimeStamp time = 1000 * ms;
+  HandClock clock;
   int requests = 0;
 };
 
@@ -85,7 +91,7 @@ TEST(Dorn, RunStopsAfterItsDurationAndAsksAgain) {
   int runs = 0;
   FnTask busy(&f.root, Priority::normal, "busy", [&](FnTask& t) {
     ++runs;
-    f.root.time += 3 * ms;
+    f.root.clock.time += 3 * ms;
     t.schedule();
   });
   busy.schedule();
@@ -94,9 +100,26 @@ TEST(Dorn, RunStopsAfterItsDurationAndAsksAgain) {
   EXPECT_EQ(runs, 4);  // 3, 6, 9 ms are below 10 ms; the fourth run reaches 12
   EXPECT_EQ(f.root.requests, 2);
   EXPECT_TRUE(busy.scheduled());
-  f.root.time += 5 * ms;
+  f.root.clock.time += 5 * ms;
   f.root.run();
   EXPECT_EQ(f.root.maxSchedulerSlip(), 5 * ms);
+}
+
+// The counter clock runs at the steady clock's rate: an interval of it that
+// lies inside a steady-clock interval is no longer than that one, and no
+// shorter than a sleep it contains. A wrong scale is off by far more than
+// the 1% allowed for calibration.
+TEST(Dorn, CounterClockKeepsTheSteadyClocksRate) {
+  for (int i = 0; i < 3; ++i) {
+    const Dorn::TimeStamp steadyBefore = Dorn::steadyNow();
+    const Dorn::TimeStamp before = Dorn::measureNow();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const Dorn::TimeStamp after = Dorn::measureNow();
+    const Dorn::TimeStamp steadyAfter = Dorn::steadyNow();
+    const double counted = static_cast<double>(after - before);
+    EXPECT_LE(counted, 1.01 * static_cast<double>(steadyAfter - steadyBefore));
+    EXPECT_GE(counted, 0.99 * static_cast<double>(20 * ms));
+  }
 }
 
 TEST(Dorn, ShouldYieldOnceTheQuantumIsUsed) {
@@ -104,9 +127,9 @@ TEST(Dorn, ShouldYieldOnceTheQuantumIsUsed) {
   std::vector<bool> answers;
   FnTask t(&f.root, Priority::normal, "t", [&](FnTask& self) {
     answers.push_back(self.shouldYield());
-    f.root.time += 19 * ms;
+    f.root.clock.time += 19 * ms;
     answers.push_back(self.shouldYield());
-    f.root.time += 1 * ms;
+    f.root.clock.time += 1 * ms;
     answers.push_back(self.shouldYield());
   });
   EXPECT_EQ(t.quantum(), 20 * ms);
@@ -142,12 +165,12 @@ TEST(Dorn, RecordsLatencyRunTimeWorkAndQuantumOverruns) {
   Duration runFor = 0;
   U32 work = 0;
   FnTask t(&f.root, Priority::high, "t", [&](FnTask& self) {
-    f.root.time += runFor;
+    f.root.clock.time += runFor;
     self.workCountInc(work);
   });
   auto runAfter = [&](Duration wait, Duration run, U32 w) {
     t.schedule();
-    f.root.time += wait;
+    f.root.clock.time += wait;
     runFor = run;
     work = w;
     f.root.run();
@@ -187,7 +210,7 @@ TEST(Dorn, SelfScheduledTaskWaitsFromItsRunEnd) {
     if (++runs > 1) return;
     t.schedule();
     other.schedule();
-    f.root.time += 3 * ms;
+    f.root.clock.time += 3 * ms;
   });
   self.schedule();
   f.root.run();
@@ -244,6 +267,43 @@ TEST(Dorn, HistoryKeepsTheLastRuns) {
   std::ostringstream os;
   f.root.printHistory(os, 2);
   EXPECT_NE(os.str().find("last 2 of 5 runs"), std::string::npos) << os.str();
+}
+
+// Each run keeps the statistics name its task had when it ran: through a
+// rename, through the task's release (also from inside its own run), and
+// through a resize of the ring that drops the older runs.
+TEST(Dorn, HistoryNamesAreThoseOfTheRunTime) {
+  Fixture f;
+  f.root.historyEntryCountIs(8);
+  auto a = f.logger(Priority::normal, 'a');
+  auto b = f.logger(Priority::normal, 'b');
+  a->schedule();
+  f.root.run();
+  a->statsNameIs("a2");
+  a->schedule();
+  b->schedule();
+  f.root.run();
+  b.reset();
+  std::unique_ptr<FnTask> c;
+  c = std::make_unique<FnTask>(&f.root, Priority::normal, "c", [&](FnTask&) { c.reset(); });
+  c->schedule();
+  f.root.run();
+  auto names = [&] {
+    std::string out;
+    for (const auto& e : f.root.history(8)) out += e.name + " ";
+    return out;
+  };
+  EXPECT_EQ(names(), "a a2 b c ");
+  a->statsNameIs("a3");
+  a->schedule();
+  f.root.run();
+  EXPECT_EQ(names(), "a a2 b c a3 ");
+  f.root.historyEntryCountIs(2);
+  a.reset();  // its slots were dropped with the old ring: nothing to detach
+  a = f.logger(Priority::normal, 'd');
+  a->schedule();
+  f.root.run();
+  EXPECT_EQ(names(), "d ");
 }
 
 TEST(Dorn, GroupRunsItsTasksInsideOneParentTask) {
