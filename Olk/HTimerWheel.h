@@ -26,22 +26,11 @@
 
 namespace Olk {
 
+// Defined first: a timer's members start out with these values.
 inline constexpr U32 InvalidWheelIndex = 0xcafefeed;
 inline constexpr U32 InvalidBucketIndex = 0xcafefeed;
 
-// Number of slots of one bucket, 2 to 0xfffffffe.
-class BucketSize {
- public:
-  // Throws RangeException for a value outside the range.
-  BucketSize(U32 value);
-  U32 value() const { return value_; }
-  operator U32() const { return value_; }
-
- private:
-  U32 value_;
-};
-
-class TimerWheel;
+class BucketSize;
 struct HeadNTail;
 
 // Internal operations on the wheel, kept out of the class interface.
@@ -172,5 +161,17 @@ Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock, U32 tickMs
 // A wheel as the task runtime builds its own: 10 ms ticks, a horizon of
 // 8640000 ticks (one day), filing order kept, buckets of 1024 slots.
 Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock);
+
+// Number of slots of one bucket, 2 to 0xfffffffe.
+class BucketSize {
+ public:
+  // Throws RangeException for a value outside the range.
+  BucketSize(U32 value);
+  U32 value() const { return value_; }
+  operator U32() const { return value_; }
+
+ private:
+  U32 value_;
+};
 
 }  // namespace Olk
