@@ -31,6 +31,7 @@
 #include "Olk/HTimerWheel.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 
 #include "platform/Exception.h"
@@ -55,6 +56,27 @@ Zum::TraceHandle& tr = Zum::traceHandle("TimerWheel");
 
 const void* id(const NotifieeConst* n) { return n; }
 
+// Writes one trace line. Out of line and cold, so that the filing and firing
+// paths carry no stream set-up of their own: an inline trace costs them a
+// large stack frame even while tracing is off.
+template <class... Parts>
+[[gnu::cold, gnu::noinline]] void traceLine(int level, const char* function,
+                                            const Parts&... parts) {
+  Zum::TraceLine line(tr, level, function);
+  (line.stream() << ... << parts);
+}
+
+}  // namespace
+
+// As ZUM_TRACE on this file's handle; the parts are evaluated only when the
+// level is on.
+#define WHEEL_TRACE(level, ...)                                  \
+  do {                                                           \
+    if (tr.on(level)) traceLine((level), __func__, __VA_ARGS__); \
+  } while (0)
+
+namespace {
+
 U32 wheelIndex(const NotifieeConst* n) { return n->wheelIndex(); }
 U32 bucketIndex(const NotifieeConst* n) { return n->bucketIndex(); }
 
@@ -71,7 +93,9 @@ U64 roundedMsecs(Seconds seconds) {
 // timer and a hardware divide costs more than the rest of the filing, so
 // the quotient comes from a multiplication, corrected by one when the
 // rounding of the inverse put it off. Past 2^40 the error could exceed one.
+// A power of two (the usual bucket size) divides by a shift.
 U64 divide(U64 a, U32 b, double inverse) {
+  if ((b & (b - 1)) == 0) return a >> std::countr_zero(b);
   if (a >= (U64(1) << 40)) return a / b;
   U64 q = static_cast<U64>(static_cast<double>(a) * inverse);
   if (q * b > a) {
@@ -164,13 +188,13 @@ struct Ops {
     n->wheelIndex_ = index;
     n->bucketIndex_ = bucketIndex;
     countIn(tw, bucketIndex);
-    ZUM_TRACE(tr, 9) << "Inserting " << id(n) << " in bucket " << bucketIndex << " at index "
-                     << index << " headNtail " << hnt << " currentIndex "
-                     << tw->currentWheelIndex(0) << " scheduled " << tw->scheduledWheelIndex();
+    WHEEL_TRACE(9, "Inserting ", id(n), " in bucket ", bucketIndex, " at index ", index,
+                " headNtail ", hnt, " currentIndex ", tw->currentWheelIndex(0), " scheduled ",
+                tw->scheduledWheelIndex());
   }
 
   static void insertNotifiee(TimerWheel* tw, NotifieeConst* n, U32 ticks) {
-    ZUM_TRACE(tr, 9) << "InsertNotifiee at future ticks " << ticks;
+    WHEEL_TRACE(9, "InsertNotifiee at future ticks ", ticks);
     U64 t = ticks;
     const U32 last = tw->bucketCount() - 1;
     for (U32 b = 0;; ++b) {
@@ -183,7 +207,7 @@ struct Ops {
       }
       if (b == last) {
         if (t >= size) {
-          ZUM_TRACE(tr, 7) << "Reducing timeout to fit the maximum timer capacity";
+          WHEEL_TRACE(7, "Reducing timeout to fit the maximum timer capacity");
           t = size - 1;
         }
         fileAt(tw, n, b, static_cast<U32>((current + t) % size));
@@ -237,8 +261,8 @@ struct Ops {
   }
 
   static void maybeUpdateSystemClock(TimerWheel* tw, U32 b, U32 i, bool added) {
-    ZUM_TRACE(tr, 9) << "maybeUpdateSystemClock" << " after add/remove? " << added
-                     << " event in bucketIndex " << b << " wheelIndex " << i;
+    WHEEL_TRACE(9, "maybeUpdateSystemClock", " after add/remove? ", added, " event in bucketIndex ",
+                b, " wheelIndex ", i);
     ZUM_ASSERT(tw->currentWheelIndex( 0 ) != InvalidWheelIndex);
     ZUM_ASSERT(!tw->systemClockHandlerActive());
     const U32 scheduled = tw->scheduledWheelIndex();
@@ -273,8 +297,8 @@ struct Ops {
     const U64 d = divide(ms, tw->tickMsecs_, tw->tickInverse_);
     const U32 c = tw->currentWheelIndex(0);
     const U32 s = tw->scheduledWheelIndex();
-    ZUM_TRACE(tr, 9) << "PullingUp current index " << c << " sched index " << s << " now dist "
-                     << d << " schedDistTicks " << (s - c);
+    WHEEL_TRACE(9, "PullingUp current index ", c, " sched index ", s, " now dist ", d,
+                " schedDistTicks ", (s - c));
     advance(tw, static_cast<U32>(std::min<U64>(d, s - c)));
   }
 
@@ -284,7 +308,7 @@ struct Ops {
   }
 
   static void newTimer(TimerWheel* tw, NotifieeConst* n) {
-    ZUM_TRACE(tr, 9) << "newTimer: " << id(n);
+    WHEEL_TRACE(9, "newTimer: ", id(n));
     if (tw->scheduledWheelIndex() != InvalidWheelIndex) maybePullUpWheelTime(tw);
     ZUM_ASSERT(!tw->systemClockHandlerActive());
     if (tw->currentWheelIndexTime() == endOfTime) startWheel(tw);
@@ -295,7 +319,7 @@ struct Ops {
   // Files n at its timeMin, which is finite.
   static void addTimer(TimerWheel* tw, NotifieeConst* n) {
     if (!clock(tw)) {
-      ZUM_TRACE(tr, 5) << "Setting notifiee " << id(n) << " to endOfTime";
+      WHEEL_TRACE(5, "Setting notifiee ", id(n), " to endOfTime");
       n->timeMin_ = endOfTime;
     } else if (tw->systemClockHandlerActive()) {
       insertNotifiee(tw, n, forwardTicks(tw, n));
@@ -311,7 +335,7 @@ struct Ops {
   }
 
   static void shutdownWheel(TimerWheel* tw) {
-    ZUM_TRACE(tr, 8) << "Wheel being shut down";
+    WHEEL_TRACE(8, "Wheel being shut down");
     ZUM_ASSERT(tw->timers() == 0);
     ZUM_ASSERT(!tw->systemClockHandlerActive());
     tw->currentWheelIndexTime_ = endOfTime;
@@ -331,7 +355,7 @@ struct Ops {
   // Starts a new round of bucket 0: the next slot of bucket 1 becomes current
   // (carrying into higher buckets at their ends) and its timers move down.
   static void rearrangeTimers(TimerWheel* tw) {
-    ZUM_TRACE(tr, 8) << "rearrange timers";
+    WHEEL_TRACE(8, "rearrange timers");
     ZUM_ASSERT(tw->scheduledWheelIndex() == tw->ghostTimerIndex());
     U32 current = tw->currentWheelIndex(0);
     ZUM_ASSERT(current == tw->ghostTimerIndex());
@@ -362,10 +386,10 @@ struct Ops {
       NotifieeConst* n = hnt->h;
       unlink(tw, n);
       n->timeMin_ = endOfTime;
-      ZUM_TRACE(tr, 9) << "call onTime";
-      ZUM_TRACE(tr, 9) << "call onTime of " << id(n);
+      WHEEL_TRACE(9, "call onTime");
+      WHEEL_TRACE(9, "call onTime of ", id(n));
       n->onTime();
-      ZUM_TRACE(tr, 9) << "call onTime completed";
+      WHEEL_TRACE(9, "call onTime completed");
     }
   }
 };
@@ -439,35 +463,35 @@ void TimerWheel::handleInitialized() {
   while (maxTicks_ < initialMaxTicks_) doAddNewBucket(defaultBucketSize_);
   if (bucketCount() == 1) doAddNewBucket(defaultBucketSize_);
   ZUM_ASSERT(bucketCount() >= 2);
-  ZUM_TRACE(tr, 5) << "TimerWheel::handleInitialized: Total buckets created " << bucketCount()
-                   << " of " << defaultBucketSize_ << " each.";
+  WHEEL_TRACE(5, "TimerWheel::handleInitialized: Total buckets created ", bucketCount(), " of ",
+              defaultBucketSize_, " each.");
   Ops::shutdownWheel(this);
 }
 
 void TimerWheel::doAddNewBucket(BucketSize size) {
   ZUM_ASSERT(timers() == 0);
   const U32 b = bucketCount();
-  ZUM_TRACE(tr, 5) << "TimerWheel::doAddNewBucket" << " ## Add a new bucket to index " << b
-                   << " of size " << size.value();
+  WHEEL_TRACE(5, "TimerWheel::doAddNewBucket", " ## Add a new bucket to index ", b, " of size ",
+              size.value());
   buckets_.push_back(Bucket{size, std::make_unique<HeadNTail[]>(size), 0, 0, 1.0 / size});
   maxTicks_ = static_cast<U32>(std::min<U64>(U64(maxTicks_) * size, 0xFFFFFFFF));
-  ZUM_TRACE(tr, 5) << "Total number of buckets now is " << bucketCount();
+  WHEEL_TRACE(5, "Total number of buckets now is ", bucketCount());
 }
 
 void TimerWheel::newNotifieeInternal(Zum::RootNotifiee* root) const {
   if (!initialized()) return;  // no buckets to file into yet
   auto* tw = const_cast<TimerWheel*>(this);
   auto* n = static_cast<NotifieeConst*>(root);
-  ZUM_TRACE(tr, 9) << "newNotifiee: " << id(n) << " timeMin is " << n->timeMin();
+  WHEEL_TRACE(9, "newNotifiee: ", id(n), " timeMin is ", n->timeMin());
   if (!n->isRegisteredNotifiee()) {
-    ZUM_TRACE(tr, 3) << "newNotifiee: " << id(n) << " is invalid and cannot be added."
-                     << " n->isRegisteredNotifiee() - " << n->isRegisteredNotifiee()
-                     << " n->zumMarkedForDeletion() - " << false;
+    WHEEL_TRACE(3, "newNotifiee: ", id(n), " is invalid and cannot be added.",
+                " n->isRegisteredNotifiee() - ", n->isRegisteredNotifiee(),
+                " n->zumMarkedForDeletion() - ", false);
     return;
   }
   const Seconds when = n->timeMin();
   if (when == endOfTime) return;  // not filed: its indexes are invalid already
-  ZUM_TRACE(tr, 9) << "newNotfiee: Adding notifiee " << id(n) << " with timeMin " << when;
+  WHEEL_TRACE(9, "newNotfiee: Adding notifiee ", id(n), " with timeMin ", when);
   ZUM_ASSERT(!isnan( when ));
   Ops::addTimer(tw, n);
 }
@@ -479,11 +503,11 @@ void TimerWheel::deleteNotifieeInternal(Zum::RootNotifiee* root) const {
 
 void TimerWheel::doUpdateSystemClock(Seconds time, U32 index) {
   ZUM_ASSERT(!systemClockHandlerActive());
-  ZUM_TRACE(tr, 9) << " doUpdateSystemClock to time " << time << ", index " << index
-                   << " time now is " << (systemClock() ? systemClock()->now() : endOfTime);
+  WHEEL_TRACE(9, " doUpdateSystemClock to time ", time, ", index ", index, " time now is ",
+              (systemClock() ? systemClock()->now() : endOfTime));
   scheduledWheelIndex_ = index;
   reactor_->timeMinIs(time);
-  ZUM_TRACE(tr, 9) << "Returning from doUpdateSystemClock at " << time;
+  WHEEL_TRACE(9, "Returning from doUpdateSystemClock at ", time);
 }
 
 void TimerWheel::handleSystemClock() {
@@ -491,8 +515,7 @@ void TimerWheel::handleSystemClock() {
   const Seconds start = Ops::now(this);
   U32 schedIndex = scheduledWheelIndex();
   for (;;) {
-    ZUM_TRACE(tr, 8) << "In handleSystemClock at " << Ops::now(this) << " schedIndex "
-                     << schedIndex;
+    WHEEL_TRACE(8, "In handleSystemClock at ", Ops::now(this), " schedIndex ", schedIndex);
     ZUM_ASSERT(schedIndex != InvalidWheelIndex);
     ZUM_ASSERT(!systemClockHandlerActive());
     systemClockHandlerActive_ = true;
@@ -509,7 +532,7 @@ void TimerWheel::handleSystemClock() {
     if (now - start >= processTimeLimit() || Ops::slotTime(this, schedIndex) > now) break;
   }
   Ops::setClockFor(this, schedIndex);
-  ZUM_TRACE(tr, 8) << "Completed handleSystemClock at " << Ops::now(this);
+  WHEEL_TRACE(8, "Completed handleSystemClock at ", Ops::now(this));
 }
 
 void TimerWheel::dump(const Ptr<const DumpContext>& ctx) const {
