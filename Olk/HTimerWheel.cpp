@@ -139,6 +139,14 @@ struct Ops {
     return hnt->h ? hnt : nullptr;
   }
   static NotifieeConst* next(const NotifieeConst* n) { return n->next_; }
+  // Starts fetching the timer after n (both lines it may straddle) while n
+  // is handled: walking a long slot list is otherwise one miss after another.
+  static void prefetchNext(const NotifieeConst* n) {
+    const char* p = reinterpret_cast<const char*>(n->next_);
+    if (!p) return;
+    __builtin_prefetch(p);
+    __builtin_prefetch(p + sizeof(NotifieeConst) - 1);
+  }
   static NotifieeConst* prev(const NotifieeConst* n) { return n->prev_; }
 
   static Zum::Clock* clock(const TimerWheel* tw) { return tw->reactor_->notifier().ptr(); }
@@ -347,6 +355,7 @@ struct Ops {
   static void refileSlot(TimerWheel* tw, U32 b, U32 index) {
     while (HeadNTail* hnt = wheelAt(tw, b, index)) {
       NotifieeConst* n = hnt->h;
+      prefetchNext(n);
       unlink(tw, n);
       insertNotifiee(tw, n, forwardTicks(tw, n));
     }
@@ -384,6 +393,7 @@ struct Ops {
     const U32 index = tw->currentWheelIndex(0);
     while (HeadNTail* hnt = wheelAt(tw, 0, index)) {
       NotifieeConst* n = hnt->h;
+      prefetchNext(n);
       unlink(tw, n);
       n->timeMin_ = endOfTime;
       WHEEL_TRACE(9, "call onTime");
