@@ -134,6 +134,7 @@ class TimerWheel : public Zum::Entity {
     std::unique_ptr<HeadNTail[]> slots;  // size entries, each a slot list; h null when empty
     U32 current;                          // slot of the present wheel time; invalid while idle
     U32 timers;                           // timers filed in this bucket
+    U32 sizeShift;                        // log2(size) when size is a power of two, else 0
     double sizeInverse;                   // 1.0 / size, for dividing without div
   };
 
