@@ -26,22 +26,11 @@
 
 namespace Olk {
 
+// Defined first: a timer's members start out with these values.
 inline constexpr U32 InvalidWheelIndex = 0xcafefeed;
 inline constexpr U32 InvalidBucketIndex = 0xcafefeed;
 
-// Number of slots of one bucket, 2 to 0xfffffffe.
-class BucketSize {
- public:
-  // Throws RangeException for a value outside the range.
-  BucketSize(U32 value);
-  U32 value() const { return value_; }
-  operator U32() const { return value_; }
-
- private:
-  U32 value_;
-};
-
-class TimerWheel;
+class BucketSize;
 struct HeadNTail;
 
 // Internal operations on the wheel, kept out of the class interface.
@@ -145,6 +134,7 @@ class TimerWheel : public Zum::Entity {
     std::unique_ptr<HeadNTail[]> slots;  // size entries, each a slot list; h null when empty
     U32 current;                          // slot of the present wheel time; invalid while idle
     U32 timers;                           // timers filed in this bucket
+    U32 sizeShift;                        // log2(size) when size is a power of two, else 0
     double sizeInverse;                   // 1.0 / size, for dividing without div
   };
 
@@ -172,5 +162,17 @@ Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock, U32 tickMs
 // A wheel as the task runtime builds its own: 10 ms ticks, a horizon of
 // 8640000 ticks (one day), filing order kept, buckets of 1024 slots.
 Ptr<TimerWheel> timerWheelFactory(const Ptr<Zum::Clock>& systemClock);
+
+// Number of slots of one bucket, 2 to 0xfffffffe.
+class BucketSize {
+ public:
+  // Throws RangeException for a value outside the range.
+  BucketSize(U32 value);
+  U32 value() const { return value_; }
+  operator U32() const { return value_; }
+
+ private:
+  U32 value_;
+};
 
 }  // namespace Olk

@@ -6,6 +6,8 @@
 #include <functional>
 #include <memory>
 #include <random>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include "platform/Exception.h"
@@ -131,6 +133,33 @@ TEST_F(TimerWheelTest, TicksRoundUpAndFireNeverEarly) {
   EXPECT_DOUBLE_EQ(t.fired[0], 1000.03);
   EXPECT_EQ(t.bucketIndex(), InvalidBucketIndex);
   expectIdle();
+}
+
+// Each call is bracketed by its three traces, and one slot's timers are
+// called in the order they were filed.
+TEST_F(TimerWheelTest, FiringTracesBracketEachCallInFilingOrder) {
+  Timer later(wheel), first(wheel);
+  first.timeMinIs(1000.05);
+  later.timeMinIs(1000.05);
+  Zum::TraceCapture trace;
+  std::vector<std::pair<const Timer*, size_t>> calls;  // timer, traces written before its call
+  for (Timer* t : {&first, &later}) {
+    t->action = [&calls, &trace, t] { calls.emplace_back(t, trace.records().size()); };
+  }
+  clock->nowIs(1000.1);
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].first, &first);
+  EXPECT_EQ(calls[1].first, &later);
+  const std::vector<std::string> texts = trace.texts();
+  for (const auto& [timer, before] : calls) {
+    ASSERT_GE(before, 2u);
+    ASSERT_LT(before, texts.size());
+    std::ostringstream of;
+    of << "call onTime of " << static_cast<const void*>(timer);
+    EXPECT_EQ(texts[before - 2], "call onTime");
+    EXPECT_EQ(texts[before - 1], of.str());
+    EXPECT_EQ(texts[before], "call onTime completed");
+  }
 }
 
 TEST_F(TimerWheelTest, TimeBeyondCapacityIsParkedInFarthestSlot) {
