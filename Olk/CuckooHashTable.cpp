@@ -416,6 +416,7 @@ void ItemShadow::tablesIs(const std::vector<Ptr<TableDescriptor const>>& descs) 
     base += size_t(desc->tableSize()) * desc->binSize();
   }
   slots_.assign(base, nullptr);
+  tags_.assign(base, empty);
   occupied_ = 0;
 }
 
@@ -428,7 +429,14 @@ Ptr<HashItem const> ItemShadow::get(const CuckooLocation& location) const {
   return holds(location) ? at(slot(location)) : nullptr;
 }
 
+ItemShadow::Tag ItemShadow::tagOf(const HashItem* item) {
+  if (!item) return empty;
+  if (typeid(*item) != typeid(IntHashItem)) return opaque;
+  return intKey | static_cast<const IntHashItem&>(*item).key();
+}
+
 Ptr<HashItem const> ItemShadow::exchange(size_t slot, const Ptr<HashItem const>& item) {
+  tags_[slot] = tagOf(item.ptr());
   Ptr<HashItem const> old = std::exchange(slots_[slot], item);
   occupied_ += size_t(bool(item)) - size_t(bool(old));
   return old;
@@ -521,22 +529,51 @@ Ptr<CuckooItem const> HashTable::lookupItem(const Ptr<HashItem const>& item) con
 HashTable::Probe HashTable::lookupItem(const Ptr<HashItem const>& item, bool forInsert) const {
   ZUM_ASSERT(item);
   ZUM_TRACE(tr, 8) << " item: " << item;
-  // An insertion expects the item to be absent and so compares it with every
-  // candidate: it requests all candidate rows before reading any, and the
-  // items they hold before comparing any, so that the cache misses overlap.
-  // A search for a present item usually stops early and fetches lazily.
+  // An IntHashItem is judged by the slots' tags alone. Any other item needs
+  // its isEqual on every stored item; an insertion, which expects the item to
+  // be absent, then requests the stored items before comparing any, so that
+  // the cache misses overlap. A search for a present item usually stops early
+  // and fetches lazily.
+  const ItemShadow::Tag probeTag = ItemShadow::tagOf(item.ptr());
+  const bool byTag = probeTag != ItemShadow::opaque;
   const U8 numTables = U8(tableDescs_.size());
   U32 index[TableId::null];
   for (U8 t = 0; t < numTables; ++t) {
     index[t] = itemShadow_.index(t, item->getHash(t));
-    if (forInsert) __builtin_prefetch(&itemShadow_.at(itemShadow_.row(t, index[t])));
-  }
-  for (U8 t = 0; forInsert && t < numTables; ++t) {
-    const size_t row = itemShadow_.row(t, index[t]);
-    for (U8 b = 0; b < itemShadow_.bins(t); ++b) __builtin_prefetch(itemShadow_.at(row + b).ptr());
+    __builtin_prefetch(&itemShadow_.tag(itemShadow_.row(t, index[t])));
   }
   Probe probe;
-  for (U8 t = 0; t < numTables; ++t) {
+  if (byTag) {
+    searchByTag(probeTag, index, forInsert, probe);
+  } else {
+    if (forInsert) prefetchStoredItems(index);
+    searchByIsEqual(item, index, forInsert, probe);
+  }
+  return probe;
+}
+
+void HashTable::searchByTag(ItemShadow::Tag probeTag, const U32* index, bool forInsert, Probe& probe) const {
+  // Bit masks over each row instead of a branch per bin: whether a bin is
+  // free is as good as random, and a mispredicted branch per bin costs more
+  // than comparing them all.
+  for (U8 t = 0; t < tableDescs_.size(); ++t) {
+    const size_t row = itemShadow_.row(t, index[t]);
+    if (const U32 equal = itemShadow_.binsTagged(t, row, probeTag)) {
+      probe.found = row + U32(__builtin_ctz(equal));
+      probe.foundAt = CuckooLocation{t, U8(__builtin_ctz(equal)), index[t]};
+      return;
+    }
+    if (!forInsert || probe.free != Probe::none) continue;
+    if (const U32 free = itemShadow_.binsTagged(t, row, ItemShadow::empty)) {
+      probe.free = row + U32(__builtin_ctz(free));
+      probe.freeAt = CuckooLocation{t, U8(__builtin_ctz(free)), index[t]};
+    }
+  }
+}
+
+void HashTable::searchByIsEqual(const Ptr<HashItem const>& item, const U32* index, bool forInsert,
+                                Probe& probe) const {
+  for (U8 t = 0; t < tableDescs_.size(); ++t) {
     const size_t row = itemShadow_.row(t, index[t]);
     for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
       const Ptr<HashItem const>& stored = itemShadow_.at(row + b);
@@ -548,11 +585,20 @@ HashTable::Probe HashTable::lookupItem(const Ptr<HashItem const>& item, bool for
       } else if (item->isEqual(stored)) {
         probe.found = row + b;
         probe.foundAt = CuckooLocation{t, b, index[t]};
-        return probe;
+        return;
       }
     }
   }
-  return probe;
+}
+
+void HashTable::prefetchStoredItems(const U32* index) const {
+  for (U8 t = 0; t < tableDescs_.size(); ++t) {
+    const size_t row = itemShadow_.row(t, index[t]);
+    for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
+      // Only real items: a prefetch of null costs a page walk on some machines.
+      if (const HashItem* stored = itemShadow_.at(row + b).ptr()) __builtin_prefetch(stored);
+    }
+  }
 }
 
 Ptr<EvictCmd const> HashTable::setItemAtLocation(const Ptr<HashItem const>& item, const CuckooLocation& location) {
@@ -587,12 +633,12 @@ Ptr<HashItem const> HashTable::tryInsertItem(const Ptr<HashItem const>& item, St
   U32 index[TableId::null];
   for (U8 t = 0; t < numTables; ++t) {
     index[t] = itemShadow_.index(t, item->getHash(t));
-    __builtin_prefetch(&itemShadow_.at(itemShadow_.row(t, index[t])));  // the misses overlap
+    __builtin_prefetch(&itemShadow_.tag(itemShadow_.row(t, index[t])));  // the misses overlap
   }
   for (U8 t = 0; t < numTables; ++t) {
     const size_t row = itemShadow_.row(t, index[t]);
     for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
-      if (itemShadow_.at(row + b)) continue;
+      if (itemShadow_.tag(row + b) != ItemShadow::empty) continue;
       placeInFreeSlot(item, CuckooLocation{t, b, index[t]}, row + b, path);
       return nullptr;
     }

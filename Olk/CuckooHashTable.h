@@ -508,6 +508,17 @@ class ItemShadow {
   // The item at `location`; null for an empty slot or a location outside the tables.
   Ptr<HashItem const> get(const CuckooLocation& location) const;
 
+  // What a search compares instead of reading the stored item: `empty`,
+  // `opaque` for an item only its own isEqual can judge, or an IntHashItem's
+  // key with `intKey` set. IntHashItem::isEqual is true exactly for another
+  // IntHashItem with the same key, so for such a probe equal tags answer as
+  // isEqual would, without touching the stored item's memory.
+  using Tag = U64;
+  static constexpr Tag empty = 0;
+  static constexpr Tag opaque = 1;
+  static constexpr Tag intKey = U64(1) << 32;
+  static Tag tagOf(const HashItem* item);
+
  private:
   friend class HashTable;
   struct Table {
@@ -536,11 +547,19 @@ class ItemShadow {
   size_t row(U8 table, U32 index) const { return tables_[table].base + size_t(index) * tables_[table].bins; }
   size_t slot(const CuckooLocation& l) const { return row(l.tableId.value(), l.index) + l.binId; }
   const Ptr<HashItem const>& at(size_t slot) const { return slots_[slot]; }
+  const Tag& tag(size_t slot) const { return tags_[slot]; }
+  // Bit b set when bin b of the row starting at slot `row` of `table` holds `tag`.
+  U32 binsTagged(U8 table, size_t row, Tag tag) const {
+    U32 mask = 0;
+    for (U8 b = 0; b < bins(table); ++b) mask |= U32(tags_[row + b] == tag) << b;
+    return mask;
+  }
   // Stores `item` (null empties the slot) and answers what was there.
   Ptr<HashItem const> exchange(size_t slot, const Ptr<HashItem const>& item);
 
   std::vector<Table> tables_;
   std::vector<Ptr<HashItem const>> slots_;  // null: empty
+  std::vector<Tag> tags_;                   // tagOf(slots_[i]) for every i
   size_t occupied_ = 0;                     // non-null entries of slots_
 };
 
@@ -677,6 +696,12 @@ class HashTable : public Zum::Entity {
     CuckooLocation freeAt;
   };
   Probe lookupItem(const Ptr<HashItem const>& item, bool forInsert) const;
+  // Requests the items stored at the candidate rows `index` (one per table).
+  void prefetchStoredItems(const U32* index) const;
+  // The two halves of that search over the candidate rows `index`: by the
+  // slots' tags, and by the item's isEqual on every stored item.
+  void searchByTag(ItemShadow::Tag probeTag, const U32* index, bool forInsert, Probe& probe) const;
+  void searchByIsEqual(const Ptr<HashItem const>& item, const U32* index, bool forInsert, Probe& probe) const;
   // The write of setItemAtLocation(item, location) on slot `slot` of the
   // shadow; answers what the slot held.
   Ptr<HashItem const> setItemAtLocation(const Ptr<HashItem const>& item, const CuckooLocation& location, size_t slot);
