@@ -503,7 +503,8 @@ void HashTable::handleInitialized() {
     // Tables are numbered 0..numTables-1; a descriptor keyed outside that
     // range leaves a hole that lookups would fall into.
     ZUM_ASSERT_TEXT(tableId.value() == tableDescs_.size(), "tableId.value() < config()->numTables()");
-    status()->tableStatIs(tableId)->tableDescIs(tableId, tableDesc->tableSize(), tableDesc->binSize());
+    tableStats_.push_back(status()->tableStatIs(tableId));
+    tableStats_.back()->tableDescIs(tableId, tableDesc->tableSize(), tableDesc->binSize());
     tableDescs_.push_back(tableDesc);
   }
   itemShadow_.tablesIs(tableDescs_);
@@ -637,9 +638,9 @@ Ptr<HashItem const> HashTable::tryInsertItem(const Ptr<HashItem const>& item, St
   }
   for (U8 t = 0; t < numTables; ++t) {
     const size_t row = itemShadow_.row(t, index[t]);
-    for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
-      if (itemShadow_.tag(row + b) != ItemShadow::empty) continue;
-      placeInFreeSlot(item, CuckooLocation{t, b, index[t]}, row + b, path);
+    if (const U32 free = itemShadow_.binsTagged(t, row, ItemShadow::empty)) {
+      const U8 bin = U8(__builtin_ctz(free));
+      placeInFreeSlot(item, CuckooLocation{t, bin, index[t]}, row + bin, path);
       return nullptr;
     }
   }
@@ -857,8 +858,10 @@ void HashTable::updateCuckooCmds(Steps& path, const Ptr<CuckooCmds>& cmds) {
   if (config()->hitless()) {
     const U32 n = maybeDeleteCycle(path);
     ZUM_TRACE(tr, 7) << "Number of cycles detected: " << n;
-    status()->longestCycleIs(std::max(status()->longestCycle(), n));
-    status()->cycleCountIs(status()->cycleCount() + n);
+    if (n) {  // no loop dropped changes neither counter
+      status()->longestCycleIs(std::max(status()->longestCycle(), n));
+      status()->cycleCountIs(status()->cycleCount() + n);
+    }
   }
   emitSteps(path, cmds);
   path.clear();

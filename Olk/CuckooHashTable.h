@@ -229,7 +229,7 @@ class CuckooCmds : public Zum::PtrInterface {
  public:
   size_t itemSeqs() const { return itemSeq_.size(); }
   const Ptr<CuckooItem const>& itemSeq(size_t i) const { return itemSeq_[i]; }
-  void itemSeqEnq(const Ptr<CuckooItem const>& item) { itemSeq_.push_back(item); }
+  void itemSeqEnq(Ptr<CuckooItem const> item) { itemSeq_.push_back(std::move(item)); }
   // Removes and returns the head; the list must not be empty.
   Ptr<CuckooItem const> itemSeqDeq();
   void itemSeqDelAll() { itemSeq_.clear(); }
@@ -681,7 +681,7 @@ class HashTable : public Zum::Entity {
   using SlotWrite = std::pair<CuckooLocation, U32>;
 
   const TableDescriptor& desc(TableId tableId) const { return *tableDescs_[tableId.value()]; }
-  TableStat& tableStat(TableId tableId) const { return **status()->tableStat().find(tableId); }
+  TableStat& tableStat(TableId tableId) const { return *tableStats_[tableId.value()]; }
   void checkConfig() const;
   void scheduleReviewIfPending();
   void logPendingState();
@@ -734,6 +734,7 @@ class HashTable : public Zum::Entity {
   ConfigReactor configReactor_;
   ReviewReactor reviewReactor_;
   std::vector<Ptr<TableDescriptor const>> tableDescs_;  // by table number, read at start
+  std::vector<Ptr<TableStat>> tableStats_;              // by table number, made at start
   ItemShadow itemShadow_;
   // Scratch space of insert(), kept to spare the allocations: the walk of
   // the attempt in progress, its writes sorted by slot, and per step the
