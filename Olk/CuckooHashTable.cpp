@@ -539,10 +539,7 @@ HashTable::Probe HashTable::lookupItem(const Ptr<HashItem const>& item, bool for
   const bool byTag = probeTag != ItemShadow::opaque;
   const U8 numTables = U8(tableDescs_.size());
   U32 index[TableId::null];
-  for (U8 t = 0; t < numTables; ++t) {
-    index[t] = itemShadow_.index(t, item->getHash(t));
-    __builtin_prefetch(&itemShadow_.tag(itemShadow_.row(t, index[t])));
-  }
+  for (U8 t = 0; t < numTables; ++t) index[t] = itemShadow_.index(t, item->getHash(t));
   Probe probe;
   if (byTag) {
     searchByTag(probeTag, index, forInsert, probe);
