@@ -45,9 +45,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <map>
 #include <new>
 #include <ostream>
 #include <typeinfo>
+#include <unordered_map>
 #include <utility>
 
 #include "platform/ActivityManager.h"
@@ -335,61 +337,6 @@ void Status::tableStatDel(TableId tableId) {
 
 void Status::tableStatDelAll() {
   entryDelAll(tableStat_, &Notifiee::onTableStat);
-}
-
-std::vector<Ptr<HashItem const>> Status::pendingItemSet() const {
-  std::vector<Ptr<HashItem const>> items;
-  items.reserve(pendingBySeq_.size());
-  for (const auto& kv : pendingBySeq_) items.push_back(kv.second);
-  return items;
-}
-
-void Status::pendingItemSetIs(const Ptr<HashItem const>& item) {
-  if (!pendingSeq_.emplace(item, nextPendingSeq_).second) return;
-  pendingBySeq_.emplace(nextPendingSeq_++, item);
-  notify(&Notifiee::onPendingItemSet, item);
-}
-
-void Status::pendingItemSetDel(const Ptr<HashItem const>& item) {
-  auto it = pendingSeq_.find(item);
-  if (it == pendingSeq_.end()) return;
-  pendingBySeq_.erase(it->second);
-  pendingSeq_.erase(it);
-  notify(&Notifiee::onPendingItemSet, item);
-}
-
-void Status::pendingItemSetDelAll() {
-  for (const Ptr<HashItem const>& item : pendingItemSet()) pendingItemSetDel(item);
-}
-
-void Status::pendingItemVersionInc() {
-  ++pendingItemVersion_;
-  notify(&Notifiee::onPendingItemVersion);
-}
-
-void Status::pendingItemSyslogVersionInc() {
-  ++pendingItemSyslogVersion_;
-  notify(&Notifiee::onPendingItemSyslogVersion);
-}
-
-void Status::totalCmdReadCompletedIs(U32 v) { attributeIs(totalCmdReadCompleted_, v, &Notifiee::onTotalCmdReadCompleted); }
-
-void Status::enq(Zum::Queue<float>& queue, float v, QueueReaction reaction) {
-  notify(reaction, queue.push(v));
-}
-
-float Status::deq(Zum::Queue<float>& queue, QueueReaction reaction) {
-  const U64 index = queue.head();
-  const float v = queue.pop();
-  notify(reaction, index);
-  return v;
-}
-
-void Status::delAll(Zum::Queue<float>& queue, QueueReaction reaction) {
-  const U64 head = queue.head();
-  const U64 tail = queue.tail();
-  queue.clear();
-  for (U64 index = head; index < tail; ++index) notify(reaction, index);
 }
 
 float Status::occupancy() const {

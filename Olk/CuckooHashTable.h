@@ -20,8 +20,6 @@
 #include <functional>
 #include <iosfwd>
 #include <iterator>
-#include <map>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -405,31 +403,42 @@ class Status : public Zum::Entity, public Zum::Notifier {
 
   const Ptr<CuckooCmds>& cuckooCmds() const { return cuckooCmds_; }
 
-  // Items by pointer identity, oldest first.
-  std::vector<Ptr<HashItem const>> pendingItemSet() const;
-  bool pendingItemSetHas(const Ptr<HashItem const>& item) const { return pendingSeq_.count(item) != 0; }
-  size_t pendingItemSets() const { return pendingSeq_.size(); }
-  void pendingItemSetIs(const Ptr<HashItem const>& item);
-  void pendingItemSetDel(const Ptr<HashItem const>& item);
-  void pendingItemSetDelAll();
+  // Items by pointer identity, oldest first. Adding a present item changes
+  // nothing and notifies nobody.
+  std::vector<Ptr<HashItem const>> pendingItemSet() const { return pendingItemSet_.keys(); }
+  bool pendingItemSetHas(const Ptr<HashItem const>& item) const { return pendingItemSet_.has(item); }
+  size_t pendingItemSets() const { return pendingItemSet_.size(); }
+  void pendingItemSetIs(const Ptr<HashItem const>& item) {
+    entryIs(pendingItemSet_, item, true, &Notifiee::onPendingItemSet);
+  }
+  void pendingItemSetDel(const Ptr<HashItem const>& item) {
+    entryDel(pendingItemSet_, item, &Notifiee::onPendingItemSet);
+  }
+  void pendingItemSetDelAll() { entryDelAll(pendingItemSet_, &Notifiee::onPendingItemSet); }
 
   U32 pendingItemVersion() const { return pendingItemVersion_; }
-  void pendingItemVersionInc();
+  void pendingItemVersionInc() {
+    attributeIs(pendingItemVersion_, pendingItemVersion_ + 1, &Notifiee::onPendingItemVersion);
+  }
   U32 pendingItemSyslogVersion() const { return pendingItemSyslogVersion_; }
-  void pendingItemSyslogVersionInc();
+  void pendingItemSyslogVersionInc() {
+    attributeIs(pendingItemSyslogVersion_, pendingItemSyslogVersion_ + 1, &Notifiee::onPendingItemSyslogVersion);
+  }
   U32 totalCmdReadCompleted() const { return totalCmdReadCompleted_; }
-  void totalCmdReadCompletedIs(U32 v);
+  void totalCmdReadCompletedIs(U32 v) { attributeIs(totalCmdReadCompleted_, v, &Notifiee::onTotalCmdReadCompleted); }
   U32 retryCount() const { return retryCount_; }
   void retryCountInc() { attributeIs(retryCount_, retryCount_ + 1, &Notifiee::onRetryCount); }
 
+  // Each entry that comes or goes is announced by its running index; DelAll
+  // empties a queue head first, one announcement per entry.
   const Zum::Queue<float>& firstFailLoadFactor() const { return firstFailLoadFactor_; }
-  void firstFailLoadFactorEnq(float v) { enq(firstFailLoadFactor_, v, &Notifiee::onFirstFailLoadFactor); }
-  float firstFailLoadFactorDeq() { return deq(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
-  void firstFailLoadFactorDelAll() { delAll(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
+  void firstFailLoadFactorEnq(float v) { entryEnq(firstFailLoadFactor_, v, &Notifiee::onFirstFailLoadFactor); }
+  float firstFailLoadFactorDeq() { return entryDeq(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
+  void firstFailLoadFactorDelAll() { entryDelAll(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
   const Zum::Queue<float>& lastFailLoadFactor() const { return lastFailLoadFactor_; }
-  void lastFailLoadFactorEnq(float v) { enq(lastFailLoadFactor_, v, &Notifiee::onLastFailLoadFactor); }
-  float lastFailLoadFactorDeq() { return deq(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
-  void lastFailLoadFactorDelAll() { delAll(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
+  void lastFailLoadFactorEnq(float v) { entryEnq(lastFailLoadFactor_, v, &Notifiee::onLastFailLoadFactor); }
+  float lastFailLoadFactorDeq() { return entryDeq(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
+  void lastFailLoadFactorDelAll() { entryDelAll(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
 
   U32 longestCycle() const { return longestCycle_; }
   void longestCycleIs(U32 v) { attributeIs(longestCycle_, v, &Notifiee::onLongestCycle); }
@@ -444,17 +453,9 @@ class Status : public Zum::Entity, public Zum::Notifier {
   friend Ptr<T> Zum::create(A&&...);
   explicit Status(const String& name) : Zum::Entity(name), cuckooCmds_(cuckooCmdsFactory()) {}
 
-  using QueueReaction = void (Notifiee::*)(U64);
-  void enq(Zum::Queue<float>& queue, float v, QueueReaction reaction);
-  float deq(Zum::Queue<float>& queue, QueueReaction reaction);
-  void delAll(Zum::Queue<float>& queue, QueueReaction reaction);
-
   Zum::OrderedMap<TableId, Ptr<TableStat>> tableStat_;
   Ptr<CuckooCmds> cuckooCmds_;  // never null
-  // The pending set: pendingSeq_ maps each item to its key in pendingBySeq_.
-  std::map<U64, Ptr<HashItem const>> pendingBySeq_;
-  std::unordered_map<Ptr<HashItem const>, U64> pendingSeq_;
-  U64 nextPendingSeq_ = 0;
+  Zum::SequencedMap<Ptr<HashItem const>, bool> pendingItemSet_;  // a set: every value is true
   U32 pendingItemVersion_ = 0;
   U32 pendingItemSyslogVersion_ = 0;
   U32 totalCmdReadCompleted_ = 0;
