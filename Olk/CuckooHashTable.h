@@ -33,6 +33,8 @@
 
 namespace Olk::Cuckoo {
 
+// The value types the table keeps by value open the header: C++ needs them whole there.
+
 // One of the tables, 0..8, or `null` (9): no table.
 class TableId {
  public:
@@ -101,146 +103,19 @@ struct std::hash<Olk::Cuckoo::CuckooLocation> {
 
 namespace Olk::Cuckoo {
 
-// "( %d )"
-String valueToStrep(const TableId& t);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TableId* out);
-// "TableId/BinId/Index: ( %u, %u, %u )"
-String valueToStrep(const CuckooLocation& l);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, CuckooLocation* out);
-String valueToStrep(const TableDescriptor& d);
-// "None" for a missing descriptor.
-String valueToStrep(const Ptr<TableDescriptor const>& d);
-std::ostream& operator<<(std::ostream& os, const TableId& t);
-std::ostream& operator<<(std::ostream& os, const CuckooLocation& l);
+// The records the table hands out and the reports it writes; defined after
+// the table.
+class HashItem;
+class CuckooItem;
+class EvictCmd;
+class EvictCmdPath;
+class CuckooCmds;
+class TableStat;
+class Status;
 
-// An item the table can place. Immutable once handed to the table. The base
-// answers every operation with an assertion failure: item types override all
-// three.
-class HashItem : public Zum::PtrInterface {
- public:
-  // True when `other` denotes the same item (same key).
-  virtual bool isEqual(const Ptr<HashItem const>& other) const;
-  // The item's 32-bit hash for table `tableId`; its index is hash % tableSize.
-  virtual U32 getHash(U8 tableId) const;
-  virtual String toStrep() const;
-
- protected:
-  friend Ptr<HashItem> hashItemFactory();
-  HashItem() = default;
-};
-
-Ptr<HashItem> hashItemFactory();
-// Traces print items through toStrep(); null prints as "null".
-std::ostream& operator<<(std::ostream& os, const Ptr<HashItem const>& item);
-
-// An item with a 32-bit key and precomputed hashes. Tables 2 to 8 all use
-// `hashIndex2`, on purpose: three hashes are all a test needs.
-class IntHashItem final : public HashItem {
- public:
-  U32 key() const { return key_; }
-  U32 hashIndex0() const { return hashIndex0_; }
-  U32 hashIndex1() const { return hashIndex1_; }
-  U32 hashIndex2() const { return hashIndex2_; }
-
-  // Only another IntHashItem with the same key is equal.
-  bool isEqual(const Ptr<HashItem const>& other) const override;
-  U32 getHash(U8 tableId) const override;
-  String toStrep() const override;
-
- private:
-  friend Ptr<IntHashItem> intHashItemFactory(U32, U32, U32, U32);
-  IntHashItem(U32 key, U32 h0, U32 h1, U32 h2)
-      : key_(key), hashIndex0_(h0), hashIndex1_(h1), hashIndex2_(h2) {}
-
-  U32 key_;
-  U32 hashIndex0_;
-  U32 hashIndex1_;
-  U32 hashIndex2_;
-};
-
-Ptr<IntHashItem> intHashItemFactory(U32 item, U32 hashIndex0, U32 hashIndex1, U32 hashIndex2);
-
-// One hardware write: put `item` at `location`; a null item empties the slot.
-class CuckooItem : public Zum::PtrInterface {
- public:
-  const CuckooLocation& location() const { return location_; }
-  const Ptr<HashItem const>& item() const { return item_; }
-
- private:
-  friend Ptr<CuckooItem const> cuckooItemFactory(const CuckooLocation&, const Ptr<HashItem const>&);
-  CuckooItem(const CuckooLocation& l, const Ptr<HashItem const>& i) : location_(l), item_(i) {}
-  // A record is made for every write and dropped when the agent
-  // acknowledges it; its memory is recycled rather than returned.
-  static void* operator new(size_t size);
-  static void operator delete(void* p);
-
-  CuckooLocation location_;
-  Ptr<HashItem const> item_;
-};
-
-Ptr<CuckooItem const> cuckooItemFactory(const CuckooLocation& location, const Ptr<HashItem const>& item);
-
-// One step of an insertion walk: `newItem` replaced `oldItem` at `location`.
-class EvictCmd : public Zum::PtrInterface {
- public:
-  const Ptr<HashItem const>& oldItem() const { return oldItem_; }
-  const Ptr<HashItem const>& newItem() const { return newItem_; }
-  const CuckooLocation& location() const { return location_; }
-
- private:
-  friend Ptr<EvictCmd const> evictCmdFactory(const Ptr<HashItem const>&, const Ptr<HashItem const>&,
-                                             const CuckooLocation&);
-  EvictCmd(const Ptr<HashItem const>& o, const Ptr<HashItem const>& n, const CuckooLocation& l)
-      : oldItem_(o), newItem_(n), location_(l) {}
-
-  Ptr<HashItem const> oldItem_;  // null: the slot was free
-  Ptr<HashItem const> newItem_;  // null: a deletion
-  CuckooLocation location_;
-};
-
-Ptr<EvictCmd const> evictCmdFactory(const Ptr<HashItem const>& oldItem, const Ptr<HashItem const>& newItem,
-                                    const CuckooLocation& location);
-// One trace line (level 6) for `cmd`, after `prefix`.
-void traceEvictCmd(const String& prefix, const Ptr<EvictCmd const>& cmd);
-
-// The steps of one insertion attempt, earliest at index 0, latest on top.
-class EvictCmdPath : public Zum::PtrInterface {
- public:
-  size_t cmdLogs() const { return cmdLog_.size(); }
-  const Ptr<EvictCmd const>& cmdLog(size_t i) const { return cmdLog_[i]; }
-  void cmdLogPush(const Ptr<EvictCmd const>& cmd) { cmdLog_.push_back(cmd); }
-  // Removes and returns the top; the log must not be empty.
-  Ptr<EvictCmd const> cmdLogPop();
-  void cmdLogDelAll() { cmdLog_.clear(); }
-
- private:
-  friend Ptr<EvictCmdPath> evictCmdPathFactory();
-  EvictCmdPath() = default;
-
-  std::vector<Ptr<EvictCmd const>> cmdLog_;
-};
-
-Ptr<EvictCmdPath> evictCmdPathFactory();
-
-// The command list, applied by the agent from index 0 (head) to the tail.
-class CuckooCmds : public Zum::PtrInterface {
- public:
-  size_t itemSeqs() const { return itemSeq_.size(); }
-  const Ptr<CuckooItem const>& itemSeq(size_t i) const { return itemSeq_[i]; }
-  void itemSeqEnq(Ptr<CuckooItem const> item) { itemSeq_.push_back(std::move(item)); }
-  // Removes and returns the head; the list must not be empty.
-  Ptr<CuckooItem const> itemSeqDeq();
-  void itemSeqDelAll() { itemSeq_.clear(); }
-
- private:
-  friend Ptr<CuckooCmds> cuckooCmdsFactory();
-  CuckooCmds() = default;
-
-  std::deque<Ptr<CuckooItem const>> itemSeq_;
-};
-
-Ptr<CuckooCmds> cuckooCmdsFactory();
-
+// Config and ItemShadow come before the table because C++ needs them whole
+// there: the table's reactor derives from Config::Notifiee and it holds its
+// shadow by value.
 // What the agent asks of a table. Setters store only a changed value and then
 // notify. The table reads the descriptors once, when it starts.
 class Config : public Zum::Entity, public Zum::Notifier {
@@ -324,149 +199,6 @@ class Config : public Zum::Entity, public Zum::Notifier {
 };
 
 Ptr<Config> configFactory(const String& name, U8 numTables);
-
-// Per-table statistics, written by the table; each change notifies.
-class TableStat : public Zum::Entity, public Zum::Notifier {
- public:
-  class Notifiee : public Zum::BaseNotifiee<TableStat> {
-   public:
-    virtual void onTableDesc() {}
-    virtual void onLookupSuccess() {}
-    virtual void onLookupFailures() {}
-    virtual void onNumOfEvicts() {}
-    virtual void onNumOfHashItems() {}
-  };
-
-  TableId tableId() const { return tableId_; }
-  const Ptr<TableDescriptor const>& tableDesc() const { return tableDesc_; }
-  // Same refusal as Config::tableDescListIs when the shape changes.
-  void tableDescIs(TableId tableId, U32 tableSize, U32 binSize);
-
-  // Kept for the agent; the table never changes them.
-  U32 lookupSuccess() const { return lookupSuccess_; }
-  void lookupSuccessInc() { attributeIs(lookupSuccess_, lookupSuccess_ + 1, &Notifiee::onLookupSuccess); }
-  U32 lookupFailures() const { return lookupFailures_; }
-  void lookupFailuresInc() { attributeIs(lookupFailures_, lookupFailures_ + 1, &Notifiee::onLookupFailures); }
-
-  // Slots overwritten on the hardware by evictions in this table.
-  U32 numOfEvicts() const { return numOfEvicts_; }
-  void numOfEvictsInc() { attributeIs(numOfEvicts_, numOfEvicts_ + 1, &Notifiee::onNumOfEvicts); }
-  // Occupied slots in this table.
-  U32 numOfHashItems() const { return numOfHashItems_; }
-  void numOfHashItemsInc() { attributeIs(numOfHashItems_, numOfHashItems_ + 1, &Notifiee::onNumOfHashItems); }
-  void numOfHashItemsDec();
-  // numOfHashItems / capacity; 0 without a descriptor.
-  float occupancy() const;
-
- private:
-  template <class T, class... A>
-  friend Ptr<T> Zum::create(A&&...);
-  explicit TableStat(TableId tableId) : tableId_(tableId) {}
-
-  TableId tableId_;
-  Ptr<TableDescriptor const> tableDesc_;
-  U32 lookupSuccess_ = 0;
-  U32 lookupFailures_ = 0;
-  U32 numOfEvicts_ = 0;
-  U32 numOfHashItems_ = 0;  // <= tableDesc capacity
-};
-
-Ptr<TableStat> tableStatFactory(TableId tableId);
-String valueToStrep(const TableStat& s);
-
-// What the table reports. The pending set keeps insertion order, so reviews
-// retry the oldest items first and equal runs review in equal order.
-class Status : public Zum::Entity, public Zum::Notifier {
- public:
-  class Notifiee : public Zum::BaseNotifiee<Status> {
-   public:
-    virtual void onTableStat(TableId) {}
-    virtual void onPendingItemSet(const Ptr<HashItem const>&) {}
-    virtual void onPendingItemVersion() {}
-    virtual void onPendingItemSyslogVersion() {}
-    virtual void onTotalCmdReadCompleted() {}
-    virtual void onRetryCount() {}
-    // The running index of the entry that came or went.
-    virtual void onFirstFailLoadFactor(U64) {}
-    virtual void onLastFailLoadFactor(U64) {}
-    virtual void onLongestCycle() {}
-    virtual void onCycleCount() {}
-  };
-
-  const Zum::OrderedMap<TableId, Ptr<TableStat>>& tableStat() const { return tableStat_; }
-  Ptr<TableStat> tableStat(TableId tableId) const { return tableStat_.get(tableId); }
-  size_t tableStats() const { return tableStat_.size(); }
-  // Creates the entry if absent and returns it.
-  Ptr<TableStat> tableStatIs(TableId tableId);
-  void tableStatDel(TableId tableId);
-  void tableStatDelAll();
-
-  const Ptr<CuckooCmds>& cuckooCmds() const { return cuckooCmds_; }
-
-  // Items by pointer identity, oldest first. Adding a present item changes
-  // nothing and notifies nobody.
-  std::vector<Ptr<HashItem const>> pendingItemSet() const { return pendingItemSet_.keys(); }
-  bool pendingItemSetHas(const Ptr<HashItem const>& item) const { return pendingItemSet_.has(item); }
-  size_t pendingItemSets() const { return pendingItemSet_.size(); }
-  void pendingItemSetIs(const Ptr<HashItem const>& item) {
-    entryIs(pendingItemSet_, item, true, &Notifiee::onPendingItemSet);
-  }
-  void pendingItemSetDel(const Ptr<HashItem const>& item) {
-    entryDel(pendingItemSet_, item, &Notifiee::onPendingItemSet);
-  }
-  void pendingItemSetDelAll() { entryDelAll(pendingItemSet_, &Notifiee::onPendingItemSet); }
-
-  U32 pendingItemVersion() const { return pendingItemVersion_; }
-  void pendingItemVersionInc() {
-    attributeIs(pendingItemVersion_, pendingItemVersion_ + 1, &Notifiee::onPendingItemVersion);
-  }
-  U32 pendingItemSyslogVersion() const { return pendingItemSyslogVersion_; }
-  void pendingItemSyslogVersionInc() {
-    attributeIs(pendingItemSyslogVersion_, pendingItemSyslogVersion_ + 1, &Notifiee::onPendingItemSyslogVersion);
-  }
-  U32 totalCmdReadCompleted() const { return totalCmdReadCompleted_; }
-  void totalCmdReadCompletedIs(U32 v) { attributeIs(totalCmdReadCompleted_, v, &Notifiee::onTotalCmdReadCompleted); }
-  U32 retryCount() const { return retryCount_; }
-  void retryCountInc() { attributeIs(retryCount_, retryCount_ + 1, &Notifiee::onRetryCount); }
-
-  // Each entry that comes or goes is announced by its running index; DelAll
-  // empties a queue head first, one announcement per entry.
-  const Zum::Queue<float>& firstFailLoadFactor() const { return firstFailLoadFactor_; }
-  void firstFailLoadFactorEnq(float v) { entryEnq(firstFailLoadFactor_, v, &Notifiee::onFirstFailLoadFactor); }
-  float firstFailLoadFactorDeq() { return entryDeq(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
-  void firstFailLoadFactorDelAll() { entryDelAll(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
-  const Zum::Queue<float>& lastFailLoadFactor() const { return lastFailLoadFactor_; }
-  void lastFailLoadFactorEnq(float v) { entryEnq(lastFailLoadFactor_, v, &Notifiee::onLastFailLoadFactor); }
-  float lastFailLoadFactorDeq() { return entryDeq(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
-  void lastFailLoadFactorDelAll() { entryDelAll(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
-
-  U32 longestCycle() const { return longestCycle_; }
-  void longestCycleIs(U32 v) { attributeIs(longestCycle_, v, &Notifiee::onLongestCycle); }
-  U32 cycleCount() const { return cycleCount_; }
-  void cycleCountIs(U32 v) { attributeIs(cycleCount_, v, &Notifiee::onCycleCount); }
-
-  // Occupied slots over all slots of all tables; traces each table's counts.
-  float occupancy() const;
-
- private:
-  template <class T, class... A>
-  friend Ptr<T> Zum::create(A&&...);
-  explicit Status(const String& name) : Zum::Entity(name), cuckooCmds_(cuckooCmdsFactory()) {}
-
-  Zum::OrderedMap<TableId, Ptr<TableStat>> tableStat_;
-  Ptr<CuckooCmds> cuckooCmds_;  // never null
-  Zum::SequencedMap<Ptr<HashItem const>, bool> pendingItemSet_;  // a set: every value is true
-  U32 pendingItemVersion_ = 0;
-  U32 pendingItemSyslogVersion_ = 0;
-  U32 totalCmdReadCompleted_ = 0;
-  U32 retryCount_ = 0;
-  Zum::Queue<float> firstFailLoadFactor_;  // at most numFailureRecords entries
-  Zum::Queue<float> lastFailLoadFactor_;   // settles at numFailureRecords + 1 entries
-  U32 longestCycle_ = 0;
-  U32 cycleCount_ = 0;
-};
-
-Ptr<Status> statusFactory(const String& name);
 
 // The item shadow: one entry per slot of every table in one flat array,
 // table after table, index after index, bin after bin, so that a slot is
@@ -564,6 +296,7 @@ class ItemShadow {
   size_t occupied_ = 0;                     // non-null entries of slots_
 };
 
+// The table itself.
 class HashTable : public Zum::Entity {
  public:
   const Ptr<Config>& config() const { return config_; }
@@ -758,5 +491,290 @@ class HashTable : public Zum::Entity {
 // activity loop's clock cannot be replaced.
 Ptr<HashTable> hashTableFactory(const Ptr<Config>& config, const Ptr<Status>& status,
                                 const Ptr<Zum::Clock>& clock = nullptr);
+
+// ---- helper records ---------------------------------------------------------
+
+// "( %d )"
+String valueToStrep(const TableId& t);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TableId* out);
+// "TableId/BinId/Index: ( %u, %u, %u )"
+String valueToStrep(const CuckooLocation& l);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, CuckooLocation* out);
+String valueToStrep(const TableDescriptor& d);
+// "None" for a missing descriptor.
+String valueToStrep(const Ptr<TableDescriptor const>& d);
+std::ostream& operator<<(std::ostream& os, const TableId& t);
+std::ostream& operator<<(std::ostream& os, const CuckooLocation& l);
+
+// An item the table can place. Immutable once handed to the table. The base
+// answers every operation with an assertion failure: item types override all
+// three.
+class HashItem : public Zum::PtrInterface {
+ public:
+  // True when `other` denotes the same item (same key).
+  virtual bool isEqual(const Ptr<HashItem const>& other) const;
+  // The item's 32-bit hash for table `tableId`; its index is hash % tableSize.
+  virtual U32 getHash(U8 tableId) const;
+  virtual String toStrep() const;
+
+ protected:
+  friend Ptr<HashItem> hashItemFactory();
+  HashItem() = default;
+};
+
+Ptr<HashItem> hashItemFactory();
+// Traces print items through toStrep(); null prints as "null".
+std::ostream& operator<<(std::ostream& os, const Ptr<HashItem const>& item);
+
+// An item with a 32-bit key and precomputed hashes. Tables 2 to 8 all use
+// `hashIndex2`, on purpose: three hashes are all a test needs.
+class IntHashItem final : public HashItem {
+ public:
+  U32 key() const { return key_; }
+  U32 hashIndex0() const { return hashIndex0_; }
+  U32 hashIndex1() const { return hashIndex1_; }
+  U32 hashIndex2() const { return hashIndex2_; }
+
+  // Only another IntHashItem with the same key is equal.
+  bool isEqual(const Ptr<HashItem const>& other) const override;
+  U32 getHash(U8 tableId) const override;
+  String toStrep() const override;
+
+ private:
+  friend Ptr<IntHashItem> intHashItemFactory(U32, U32, U32, U32);
+  IntHashItem(U32 key, U32 h0, U32 h1, U32 h2)
+      : key_(key), hashIndex0_(h0), hashIndex1_(h1), hashIndex2_(h2) {}
+
+  U32 key_;
+  U32 hashIndex0_;
+  U32 hashIndex1_;
+  U32 hashIndex2_;
+};
+
+Ptr<IntHashItem> intHashItemFactory(U32 item, U32 hashIndex0, U32 hashIndex1, U32 hashIndex2);
+
+// One hardware write: put `item` at `location`; a null item empties the slot.
+class CuckooItem : public Zum::PtrInterface {
+ public:
+  const CuckooLocation& location() const { return location_; }
+  const Ptr<HashItem const>& item() const { return item_; }
+
+ private:
+  friend Ptr<CuckooItem const> cuckooItemFactory(const CuckooLocation&, const Ptr<HashItem const>&);
+  CuckooItem(const CuckooLocation& l, const Ptr<HashItem const>& i) : location_(l), item_(i) {}
+  // A record is made for every write and dropped when the agent
+  // acknowledges it; its memory is recycled rather than returned.
+  static void* operator new(size_t size);
+  static void operator delete(void* p);
+
+  CuckooLocation location_;
+  Ptr<HashItem const> item_;
+};
+
+Ptr<CuckooItem const> cuckooItemFactory(const CuckooLocation& location, const Ptr<HashItem const>& item);
+
+// One step of an insertion walk: `newItem` replaced `oldItem` at `location`.
+class EvictCmd : public Zum::PtrInterface {
+ public:
+  const Ptr<HashItem const>& oldItem() const { return oldItem_; }
+  const Ptr<HashItem const>& newItem() const { return newItem_; }
+  const CuckooLocation& location() const { return location_; }
+
+ private:
+  friend Ptr<EvictCmd const> evictCmdFactory(const Ptr<HashItem const>&, const Ptr<HashItem const>&,
+                                             const CuckooLocation&);
+  EvictCmd(const Ptr<HashItem const>& o, const Ptr<HashItem const>& n, const CuckooLocation& l)
+      : oldItem_(o), newItem_(n), location_(l) {}
+
+  Ptr<HashItem const> oldItem_;  // null: the slot was free
+  Ptr<HashItem const> newItem_;  // null: a deletion
+  CuckooLocation location_;
+};
+
+Ptr<EvictCmd const> evictCmdFactory(const Ptr<HashItem const>& oldItem, const Ptr<HashItem const>& newItem,
+                                    const CuckooLocation& location);
+// One trace line (level 6) for `cmd`, after `prefix`.
+void traceEvictCmd(const String& prefix, const Ptr<EvictCmd const>& cmd);
+
+// The steps of one insertion attempt, earliest at index 0, latest on top.
+class EvictCmdPath : public Zum::PtrInterface {
+ public:
+  size_t cmdLogs() const { return cmdLog_.size(); }
+  const Ptr<EvictCmd const>& cmdLog(size_t i) const { return cmdLog_[i]; }
+  void cmdLogPush(const Ptr<EvictCmd const>& cmd) { cmdLog_.push_back(cmd); }
+  // Removes and returns the top; the log must not be empty.
+  Ptr<EvictCmd const> cmdLogPop();
+  void cmdLogDelAll() { cmdLog_.clear(); }
+
+ private:
+  friend Ptr<EvictCmdPath> evictCmdPathFactory();
+  EvictCmdPath() = default;
+
+  std::vector<Ptr<EvictCmd const>> cmdLog_;
+};
+
+Ptr<EvictCmdPath> evictCmdPathFactory();
+
+// The command list, applied by the agent from index 0 (head) to the tail.
+class CuckooCmds : public Zum::PtrInterface {
+ public:
+  size_t itemSeqs() const { return itemSeq_.size(); }
+  const Ptr<CuckooItem const>& itemSeq(size_t i) const { return itemSeq_[i]; }
+  void itemSeqEnq(Ptr<CuckooItem const> item) { itemSeq_.push_back(std::move(item)); }
+  // Removes and returns the head; the list must not be empty.
+  Ptr<CuckooItem const> itemSeqDeq();
+  void itemSeqDelAll() { itemSeq_.clear(); }
+
+ private:
+  friend Ptr<CuckooCmds> cuckooCmdsFactory();
+  CuckooCmds() = default;
+
+  std::deque<Ptr<CuckooItem const>> itemSeq_;
+};
+
+Ptr<CuckooCmds> cuckooCmdsFactory();
+
+// Per-table statistics, written by the table; each change notifies.
+class TableStat : public Zum::Entity, public Zum::Notifier {
+ public:
+  class Notifiee : public Zum::BaseNotifiee<TableStat> {
+   public:
+    virtual void onTableDesc() {}
+    virtual void onLookupSuccess() {}
+    virtual void onLookupFailures() {}
+    virtual void onNumOfEvicts() {}
+    virtual void onNumOfHashItems() {}
+  };
+
+  TableId tableId() const { return tableId_; }
+  const Ptr<TableDescriptor const>& tableDesc() const { return tableDesc_; }
+  // Same refusal as Config::tableDescListIs when the shape changes.
+  void tableDescIs(TableId tableId, U32 tableSize, U32 binSize);
+
+  // Kept for the agent; the table never changes them.
+  U32 lookupSuccess() const { return lookupSuccess_; }
+  void lookupSuccessInc() { attributeIs(lookupSuccess_, lookupSuccess_ + 1, &Notifiee::onLookupSuccess); }
+  U32 lookupFailures() const { return lookupFailures_; }
+  void lookupFailuresInc() { attributeIs(lookupFailures_, lookupFailures_ + 1, &Notifiee::onLookupFailures); }
+
+  // Slots overwritten on the hardware by evictions in this table.
+  U32 numOfEvicts() const { return numOfEvicts_; }
+  void numOfEvictsInc() { attributeIs(numOfEvicts_, numOfEvicts_ + 1, &Notifiee::onNumOfEvicts); }
+  // Occupied slots in this table.
+  U32 numOfHashItems() const { return numOfHashItems_; }
+  void numOfHashItemsInc() { attributeIs(numOfHashItems_, numOfHashItems_ + 1, &Notifiee::onNumOfHashItems); }
+  void numOfHashItemsDec();
+  // numOfHashItems / capacity; 0 without a descriptor.
+  float occupancy() const;
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  explicit TableStat(TableId tableId) : tableId_(tableId) {}
+
+  TableId tableId_;
+  Ptr<TableDescriptor const> tableDesc_;
+  U32 lookupSuccess_ = 0;
+  U32 lookupFailures_ = 0;
+  U32 numOfEvicts_ = 0;
+  U32 numOfHashItems_ = 0;  // <= tableDesc capacity
+};
+
+Ptr<TableStat> tableStatFactory(TableId tableId);
+String valueToStrep(const TableStat& s);
+
+// What the table reports. The pending set keeps insertion order, so reviews
+// retry the oldest items first and equal runs review in equal order.
+class Status : public Zum::Entity, public Zum::Notifier {
+ public:
+  class Notifiee : public Zum::BaseNotifiee<Status> {
+   public:
+    virtual void onTableStat(TableId) {}
+    virtual void onPendingItemSet(const Ptr<HashItem const>&) {}
+    virtual void onPendingItemVersion() {}
+    virtual void onPendingItemSyslogVersion() {}
+    virtual void onTotalCmdReadCompleted() {}
+    virtual void onRetryCount() {}
+    // The running index of the entry that came or went.
+    virtual void onFirstFailLoadFactor(U64) {}
+    virtual void onLastFailLoadFactor(U64) {}
+    virtual void onLongestCycle() {}
+    virtual void onCycleCount() {}
+  };
+
+  const Zum::OrderedMap<TableId, Ptr<TableStat>>& tableStat() const { return tableStat_; }
+  Ptr<TableStat> tableStat(TableId tableId) const { return tableStat_.get(tableId); }
+  size_t tableStats() const { return tableStat_.size(); }
+  // Creates the entry if absent and returns it.
+  Ptr<TableStat> tableStatIs(TableId tableId);
+  void tableStatDel(TableId tableId);
+  void tableStatDelAll();
+
+  const Ptr<CuckooCmds>& cuckooCmds() const { return cuckooCmds_; }
+
+  // Items by pointer identity, oldest first. Adding a present item changes
+  // nothing and notifies nobody.
+  std::vector<Ptr<HashItem const>> pendingItemSet() const { return pendingItemSet_.keys(); }
+  bool pendingItemSetHas(const Ptr<HashItem const>& item) const { return pendingItemSet_.has(item); }
+  size_t pendingItemSets() const { return pendingItemSet_.size(); }
+  void pendingItemSetIs(const Ptr<HashItem const>& item) {
+    entryIs(pendingItemSet_, item, true, &Notifiee::onPendingItemSet);
+  }
+  void pendingItemSetDel(const Ptr<HashItem const>& item) {
+    entryDel(pendingItemSet_, item, &Notifiee::onPendingItemSet);
+  }
+  void pendingItemSetDelAll() { entryDelAll(pendingItemSet_, &Notifiee::onPendingItemSet); }
+
+  U32 pendingItemVersion() const { return pendingItemVersion_; }
+  void pendingItemVersionInc() {
+    attributeIs(pendingItemVersion_, pendingItemVersion_ + 1, &Notifiee::onPendingItemVersion);
+  }
+  U32 pendingItemSyslogVersion() const { return pendingItemSyslogVersion_; }
+  void pendingItemSyslogVersionInc() {
+    attributeIs(pendingItemSyslogVersion_, pendingItemSyslogVersion_ + 1, &Notifiee::onPendingItemSyslogVersion);
+  }
+  U32 totalCmdReadCompleted() const { return totalCmdReadCompleted_; }
+  void totalCmdReadCompletedIs(U32 v) { attributeIs(totalCmdReadCompleted_, v, &Notifiee::onTotalCmdReadCompleted); }
+  U32 retryCount() const { return retryCount_; }
+  void retryCountInc() { attributeIs(retryCount_, retryCount_ + 1, &Notifiee::onRetryCount); }
+
+  // Each entry that comes or goes is announced by its running index; DelAll
+  // empties a queue head first, one announcement per entry.
+  const Zum::Queue<float>& firstFailLoadFactor() const { return firstFailLoadFactor_; }
+  void firstFailLoadFactorEnq(float v) { entryEnq(firstFailLoadFactor_, v, &Notifiee::onFirstFailLoadFactor); }
+  float firstFailLoadFactorDeq() { return entryDeq(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
+  void firstFailLoadFactorDelAll() { entryDelAll(firstFailLoadFactor_, &Notifiee::onFirstFailLoadFactor); }
+  const Zum::Queue<float>& lastFailLoadFactor() const { return lastFailLoadFactor_; }
+  void lastFailLoadFactorEnq(float v) { entryEnq(lastFailLoadFactor_, v, &Notifiee::onLastFailLoadFactor); }
+  float lastFailLoadFactorDeq() { return entryDeq(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
+  void lastFailLoadFactorDelAll() { entryDelAll(lastFailLoadFactor_, &Notifiee::onLastFailLoadFactor); }
+
+  U32 longestCycle() const { return longestCycle_; }
+  void longestCycleIs(U32 v) { attributeIs(longestCycle_, v, &Notifiee::onLongestCycle); }
+  U32 cycleCount() const { return cycleCount_; }
+  void cycleCountIs(U32 v) { attributeIs(cycleCount_, v, &Notifiee::onCycleCount); }
+
+  // Occupied slots over all slots of all tables; traces each table's counts.
+  float occupancy() const;
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  explicit Status(const String& name) : Zum::Entity(name), cuckooCmds_(cuckooCmdsFactory()) {}
+
+  Zum::OrderedMap<TableId, Ptr<TableStat>> tableStat_;
+  Ptr<CuckooCmds> cuckooCmds_;  // never null
+  Zum::SequencedMap<Ptr<HashItem const>, bool> pendingItemSet_;  // a set: every value is true
+  U32 pendingItemVersion_ = 0;
+  U32 pendingItemSyslogVersion_ = 0;
+  U32 totalCmdReadCompleted_ = 0;
+  U32 retryCount_ = 0;
+  Zum::Queue<float> firstFailLoadFactor_;  // at most numFailureRecords entries
+  Zum::Queue<float> lastFailLoadFactor_;   // settles at numFailureRecords + 1 entries
+  U32 longestCycle_ = 0;
+  U32 cycleCount_ = 0;
+};
+
+Ptr<Status> statusFactory(const String& name);
 
 }  // namespace Olk::Cuckoo
