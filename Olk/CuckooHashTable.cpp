@@ -31,12 +31,14 @@
 // constant access time" (d-ary); Dietzfelbinger and Weidling (blocked bins).
 //
 // Layout and cost: the shadow is one flat array of item pointers (one per
-// slot), so a probe is arithmetic plus one load. A walk records its steps by
-// value in a vector kept across insertions; repeated slots are found by
-// sorting the walk's writes, O(n log n) in its length. Insertion's search
-// requests every candidate row and stored item before comparing, so their
-// cache misses overlap. Command records are recycled through a free list,
-// so once warm an insertion allocates nothing.
+// slot), so a probe is arithmetic plus one load, and beside it an array of
+// slot tags (see ItemShadow::Tag). A search for the library's own item type
+// compares tags, a whole row at a time, and never reads a stored item: the
+// items live all over the heap and each read would be a cache miss. Other
+// item types are asked through their isEqual, as before. A walk records its
+// steps by value in a vector kept across insertions; repeated slots are found
+// by sorting the walk's writes, O(n log n) in its length. Command records are
+// recycled through a free list, so once warm an insertion allocates nothing.
 //
 // Failure modes: exhaustion is not an error (the item goes pending); a broken
 // chain or a shadow that disagrees with a lookup is an assertion.

@@ -11,7 +11,7 @@
 // during the moves. Items that cannot be placed wait in `status.pendingItemSet`
 // and are retried from a clock every `pendingItemReviewQuantum` seconds.
 // Cost: an insertion is O(maxLoop * maxRetry) slot writes at worst, O(tables *
-// bins) when a free slot exists; the shadow holds one pointer per slot of
+// bins) when a free slot exists; the shadow holds a pointer and a tag per slot of
 // every table from the start. Random choices use the process-wide rand(),
 // seeded with `randomSeed`. Event-loop thread only; no locking.
 #pragma once
@@ -202,8 +202,8 @@ Ptr<Config> configFactory(const String& name, U8 numTables);
 
 // The item shadow: one entry per slot of every table in one flat array,
 // table after table, index after index, bin after bin, so that a slot is
-// found by arithmetic, never by a search. It costs one pointer per slot,
-// allocated when the table starts. Iteration visits the occupied slots in
+// found by arithmetic, never by a search. It costs one pointer and one tag
+// per slot, allocated when the table starts. Iteration visits the occupied slots in
 // that order as (location, item) pairs.
 class ItemShadow {
  public:
