@@ -31,12 +31,14 @@
 // constant access time" (d-ary); Dietzfelbinger and Weidling (blocked bins).
 //
 // Layout and cost: the shadow is one flat array of item pointers (one per
-// slot), so a probe is arithmetic plus one load. A walk records its steps by
-// value in a vector kept across insertions; repeated slots are found by
-// sorting the walk's writes, O(n log n) in its length. Insertion's search
-// requests every candidate row and stored item before comparing, so their
-// cache misses overlap. Command records are recycled through a free list,
-// so once warm an insertion allocates nothing.
+// slot), so a probe is arithmetic plus one load, and beside it an array of
+// slot tags (see ItemShadow::Tag). A search for the library's own item type
+// compares tags, a whole row at a time, and never reads a stored item: the
+// items live all over the heap and each read would be a cache miss. Other
+// item types are asked through their isEqual, as before. A walk records its
+// steps by value in a vector kept across insertions; repeated slots are found
+// by sorting the walk's writes, O(n log n) in its length. Command records are
+// recycled through a free list, so once warm an insertion allocates nothing.
 //
 // Failure modes: exhaustion is not an error (the item goes pending); a broken
 // chain or a shadow that disagrees with a lookup is an assertion.
@@ -45,9 +47,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <map>
 #include <new>
 #include <ostream>
 #include <typeinfo>
+#include <unordered_map>
 #include <utility>
 
 #include "platform/ActivityManager.h"
@@ -337,61 +341,6 @@ void Status::tableStatDelAll() {
   entryDelAll(tableStat_, &Notifiee::onTableStat);
 }
 
-std::vector<Ptr<HashItem const>> Status::pendingItemSet() const {
-  std::vector<Ptr<HashItem const>> items;
-  items.reserve(pendingBySeq_.size());
-  for (const auto& kv : pendingBySeq_) items.push_back(kv.second);
-  return items;
-}
-
-void Status::pendingItemSetIs(const Ptr<HashItem const>& item) {
-  if (!pendingSeq_.emplace(item, nextPendingSeq_).second) return;
-  pendingBySeq_.emplace(nextPendingSeq_++, item);
-  notify(&Notifiee::onPendingItemSet, item);
-}
-
-void Status::pendingItemSetDel(const Ptr<HashItem const>& item) {
-  auto it = pendingSeq_.find(item);
-  if (it == pendingSeq_.end()) return;
-  pendingBySeq_.erase(it->second);
-  pendingSeq_.erase(it);
-  notify(&Notifiee::onPendingItemSet, item);
-}
-
-void Status::pendingItemSetDelAll() {
-  for (const Ptr<HashItem const>& item : pendingItemSet()) pendingItemSetDel(item);
-}
-
-void Status::pendingItemVersionInc() {
-  ++pendingItemVersion_;
-  notify(&Notifiee::onPendingItemVersion);
-}
-
-void Status::pendingItemSyslogVersionInc() {
-  ++pendingItemSyslogVersion_;
-  notify(&Notifiee::onPendingItemSyslogVersion);
-}
-
-void Status::totalCmdReadCompletedIs(U32 v) { attributeIs(totalCmdReadCompleted_, v, &Notifiee::onTotalCmdReadCompleted); }
-
-void Status::enq(Zum::Queue<float>& queue, float v, QueueReaction reaction) {
-  notify(reaction, queue.push(v));
-}
-
-float Status::deq(Zum::Queue<float>& queue, QueueReaction reaction) {
-  const U64 index = queue.head();
-  const float v = queue.pop();
-  notify(reaction, index);
-  return v;
-}
-
-void Status::delAll(Zum::Queue<float>& queue, QueueReaction reaction) {
-  const U64 head = queue.head();
-  const U64 tail = queue.tail();
-  queue.clear();
-  for (U64 index = head; index < tail; ++index) notify(reaction, index);
-}
-
 float Status::occupancy() const {
   U64 items = 0;
   U64 capacity = 0;
@@ -416,6 +365,7 @@ void ItemShadow::tablesIs(const std::vector<Ptr<TableDescriptor const>>& descs) 
     base += size_t(desc->tableSize()) * desc->binSize();
   }
   slots_.assign(base, nullptr);
+  tags_.assign(base, empty);
   occupied_ = 0;
 }
 
@@ -428,7 +378,14 @@ Ptr<HashItem const> ItemShadow::get(const CuckooLocation& location) const {
   return holds(location) ? at(slot(location)) : nullptr;
 }
 
+ItemShadow::Tag ItemShadow::tagOf(const HashItem* item) {
+  if (!item) return empty;
+  if (typeid(*item) != typeid(IntHashItem)) return opaque;
+  return intKey | static_cast<const IntHashItem&>(*item).key();
+}
+
 Ptr<HashItem const> ItemShadow::exchange(size_t slot, const Ptr<HashItem const>& item) {
+  tags_[slot] = tagOf(item.ptr());
   Ptr<HashItem const> old = std::exchange(slots_[slot], item);
   occupied_ += size_t(bool(item)) - size_t(bool(old));
   return old;
@@ -495,7 +452,8 @@ void HashTable::handleInitialized() {
     // Tables are numbered 0..numTables-1; a descriptor keyed outside that
     // range leaves a hole that lookups would fall into.
     ZUM_ASSERT_TEXT(tableId.value() == tableDescs_.size(), "tableId.value() < config()->numTables()");
-    status()->tableStatIs(tableId)->tableDescIs(tableId, tableDesc->tableSize(), tableDesc->binSize());
+    tableStats_.push_back(status()->tableStatIs(tableId));
+    tableStats_.back()->tableDescIs(tableId, tableDesc->tableSize(), tableDesc->binSize());
     tableDescs_.push_back(tableDesc);
   }
   itemShadow_.tablesIs(tableDescs_);
@@ -521,22 +479,48 @@ Ptr<CuckooItem const> HashTable::lookupItem(const Ptr<HashItem const>& item) con
 HashTable::Probe HashTable::lookupItem(const Ptr<HashItem const>& item, bool forInsert) const {
   ZUM_ASSERT(item);
   ZUM_TRACE(tr, 8) << " item: " << item;
-  // An insertion expects the item to be absent and so compares it with every
-  // candidate: it requests all candidate rows before reading any, and the
-  // items they hold before comparing any, so that the cache misses overlap.
-  // A search for a present item usually stops early and fetches lazily.
+  // An IntHashItem is judged by the slots' tags alone. Any other item needs
+  // its isEqual on every stored item; an insertion, which expects the item to
+  // be absent, then requests the stored items before comparing any, so that
+  // the cache misses overlap. A search for a present item usually stops early
+  // and fetches lazily.
+  const ItemShadow::Tag probeTag = ItemShadow::tagOf(item.ptr());
+  const bool byTag = probeTag != ItemShadow::opaque;
   const U8 numTables = U8(tableDescs_.size());
   U32 index[TableId::null];
-  for (U8 t = 0; t < numTables; ++t) {
-    index[t] = itemShadow_.index(t, item->getHash(t));
-    if (forInsert) __builtin_prefetch(&itemShadow_.at(itemShadow_.row(t, index[t])));
-  }
-  for (U8 t = 0; forInsert && t < numTables; ++t) {
-    const size_t row = itemShadow_.row(t, index[t]);
-    for (U8 b = 0; b < itemShadow_.bins(t); ++b) __builtin_prefetch(itemShadow_.at(row + b).ptr());
-  }
+  for (U8 t = 0; t < numTables; ++t) index[t] = itemShadow_.index(t, item->getHash(t));
   Probe probe;
-  for (U8 t = 0; t < numTables; ++t) {
+  if (byTag) {
+    searchByTag(probeTag, index, forInsert, probe);
+  } else {
+    if (forInsert) prefetchStoredItems(index);
+    searchByIsEqual(item, index, forInsert, probe);
+  }
+  return probe;
+}
+
+void HashTable::searchByTag(ItemShadow::Tag probeTag, const U32* index, bool forInsert, Probe& probe) const {
+  // Bit masks over each row instead of a branch per bin: whether a bin is
+  // free is as good as random, and a mispredicted branch per bin costs more
+  // than comparing them all.
+  for (U8 t = 0; t < tableDescs_.size(); ++t) {
+    const size_t row = itemShadow_.row(t, index[t]);
+    if (const U32 equal = itemShadow_.binsTagged(t, row, probeTag)) {
+      probe.found = row + U32(__builtin_ctz(equal));
+      probe.foundAt = CuckooLocation{t, U8(__builtin_ctz(equal)), index[t]};
+      return;
+    }
+    if (!forInsert || probe.free != Probe::none) continue;
+    if (const U32 free = itemShadow_.binsTagged(t, row, ItemShadow::empty)) {
+      probe.free = row + U32(__builtin_ctz(free));
+      probe.freeAt = CuckooLocation{t, U8(__builtin_ctz(free)), index[t]};
+    }
+  }
+}
+
+void HashTable::searchByIsEqual(const Ptr<HashItem const>& item, const U32* index, bool forInsert,
+                                Probe& probe) const {
+  for (U8 t = 0; t < tableDescs_.size(); ++t) {
     const size_t row = itemShadow_.row(t, index[t]);
     for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
       const Ptr<HashItem const>& stored = itemShadow_.at(row + b);
@@ -548,11 +532,20 @@ HashTable::Probe HashTable::lookupItem(const Ptr<HashItem const>& item, bool for
       } else if (item->isEqual(stored)) {
         probe.found = row + b;
         probe.foundAt = CuckooLocation{t, b, index[t]};
-        return probe;
+        return;
       }
     }
   }
-  return probe;
+}
+
+void HashTable::prefetchStoredItems(const U32* index) const {
+  for (U8 t = 0; t < tableDescs_.size(); ++t) {
+    const size_t row = itemShadow_.row(t, index[t]);
+    for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
+      // Only real items: a prefetch of null costs a page walk on some machines.
+      if (const HashItem* stored = itemShadow_.at(row + b).ptr()) __builtin_prefetch(stored);
+    }
+  }
 }
 
 Ptr<EvictCmd const> HashTable::setItemAtLocation(const Ptr<HashItem const>& item, const CuckooLocation& location) {
@@ -587,13 +580,13 @@ Ptr<HashItem const> HashTable::tryInsertItem(const Ptr<HashItem const>& item, St
   U32 index[TableId::null];
   for (U8 t = 0; t < numTables; ++t) {
     index[t] = itemShadow_.index(t, item->getHash(t));
-    __builtin_prefetch(&itemShadow_.at(itemShadow_.row(t, index[t])));  // the misses overlap
+    __builtin_prefetch(&itemShadow_.tag(itemShadow_.row(t, index[t])));  // the misses overlap
   }
   for (U8 t = 0; t < numTables; ++t) {
     const size_t row = itemShadow_.row(t, index[t]);
-    for (U8 b = 0; b < itemShadow_.bins(t); ++b) {
-      if (itemShadow_.at(row + b)) continue;
-      placeInFreeSlot(item, CuckooLocation{t, b, index[t]}, row + b, path);
+    if (const U32 free = itemShadow_.binsTagged(t, row, ItemShadow::empty)) {
+      const U8 bin = U8(__builtin_ctz(free));
+      placeInFreeSlot(item, CuckooLocation{t, bin, index[t]}, row + bin, path);
       return nullptr;
     }
   }
@@ -811,8 +804,10 @@ void HashTable::updateCuckooCmds(Steps& path, const Ptr<CuckooCmds>& cmds) {
   if (config()->hitless()) {
     const U32 n = maybeDeleteCycle(path);
     ZUM_TRACE(tr, 7) << "Number of cycles detected: " << n;
-    status()->longestCycleIs(std::max(status()->longestCycle(), n));
-    status()->cycleCountIs(status()->cycleCount() + n);
+    if (n) {  // no loop dropped changes neither counter
+      status()->longestCycleIs(std::max(status()->longestCycle(), n));
+      status()->cycleCountIs(status()->cycleCount() + n);
+    }
   }
   emitSteps(path, cmds);
   path.clear();

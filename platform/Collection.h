@@ -2,15 +2,19 @@
 //
 // These hold a component's collection attributes and answer, for every
 // mutation, whether anything changed; the notifying operations of
-// Notifier.h (`entryIs`, `entryDel`, `entryDelAll`) build a component's
-// `xIs(key, v)`, `xDel(key)` and `xDelAll()` on that answer.
+// Notifier.h (`entryIs`, `entryDel`, `entryDelAll`, and `entryEnq`,
+// `entryDeq` for a queue) build a component's `xIs(key, v)`, `xDel(key)`,
+// `xDelAll()`, `xEnq(v)` and `xDeq()` on that answer.
 //
-// `OrderedMap` iterates by key; `HashMap` in no promised order. Values are
-// compared with ==, which for `Ptr` means identity.
+// `OrderedMap` iterates by key; `HashMap` in no promised order;
+// `SequencedMap` in insertion order. Values are compared with ==, which for
+// `Ptr` means identity.
 #pragma once
 
 #include <cstddef>
 #include <deque>
+#include <iterator>
+#include <list>
 #include <map>
 #include <unordered_map>
 #include <utility>
@@ -76,11 +80,65 @@ class MapAttribute {
   Container items_;
 };
 
+// The container behind `SequencedMap`: iterates in insertion order (a
+// replaced value keeps its place) and finds a key by hashing. O(1) insertion,
+// lookup and removal; two nodes per entry.
+template <class K, class V, class Hash = std::hash<K>>
+class InsertionOrderedMap {
+ public:
+  using key_type = K;
+  using mapped_type = V;
+  using value_type = std::pair<const K, V>;
+  using iterator = typename std::list<value_type>::iterator;
+  using const_iterator = typename std::list<value_type>::const_iterator;
+
+  InsertionOrderedMap() = default;
+  InsertionOrderedMap(const InsertionOrderedMap&) = delete;  // the index points into items_
+  InsertionOrderedMap& operator=(const InsertionOrderedMap&) = delete;
+
+  std::pair<iterator, bool> try_emplace(const K& k, const V& v) {
+    if (auto at = index_.find(k); at != index_.end()) return {at->second, false};
+    iterator it = items_.emplace(items_.end(), k, v);
+    index_.emplace(k, it);
+    return {it, true};
+  }
+  std::size_t erase(const K& k) {
+    auto at = index_.find(k);
+    if (at == index_.end()) return 0;
+    items_.erase(at->second);
+    index_.erase(at);
+    return 1;
+  }
+  void erase(const_iterator it) {
+    index_.erase(it->first);
+    items_.erase(it);
+  }
+  const_iterator find(const K& k) const {
+    auto at = index_.find(k);
+    return at == index_.end() ? items_.end() : const_iterator(at->second);
+  }
+  std::size_t count(const K& k) const { return index_.count(k); }
+  std::size_t size() const { return items_.size(); }
+  bool empty() const { return items_.empty(); }
+  iterator begin() { return items_.begin(); }
+  iterator end() { return items_.end(); }
+  const_iterator begin() const { return items_.begin(); }
+  const_iterator end() const { return items_.end(); }
+
+ private:
+  std::list<value_type> items_;                  // insertion order
+  std::unordered_map<K, iterator, Hash> index_;  // one entry per element of items_
+};
+
 template <class K, class V, class Less = std::less<K>>
 using OrderedMap = MapAttribute<std::map<K, V, Less>>;
 
 template <class K, class V, class Hash = std::hash<K>>
 using HashMap = MapAttribute<std::unordered_map<K, V, Hash>>;
+
+// Iterates oldest entry first.
+template <class K, class V, class Hash = std::hash<K>>
+using SequencedMap = MapAttribute<InsertionOrderedMap<K, V, Hash>>;
 
 // FIFO whose entries keep the running index they were given when pushed:
 // the head has index `head()`, the entry after it `head() + 1`, and indexes
@@ -88,6 +146,8 @@ using HashMap = MapAttribute<std::unordered_map<K, V, Hash>>;
 template <class T>
 class Queue {
  public:
+  using key_type = U64;  // an entry's running index
+
   // Appends and returns the entry's index.
   U64 push(T v) {
     items_.push_back(std::move(v));
@@ -116,6 +176,16 @@ class Queue {
   void clear() {
     head_ = tail();
     items_.clear();
+  }
+  // Removes every entry from the head, calling onIndex(i) after each
+  // removal; entries pushed by onIndex while clearing are removed too.
+  template <class F>
+  void delAll(F&& onIndex) {
+    while (!items_.empty()) {
+      const U64 index = head_;
+      pop();
+      onIndex(index);
+    }
   }
 
  private:

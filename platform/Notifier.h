@@ -22,7 +22,7 @@
 //     Zum::OrderedMap<String, String> label_;  // Collection.h
 //   };
 //
-// Every notifying setter is one of those four calls, so the rule lives in
+// Every notifying setter is one of those calls, so the rule lives in
 // one place. Guarantees: notifiees are called in registration order; a
 // setter that stores an equal value calls nobody. From inside a
 // reaction a notifiee may detach itself or any other notifiee, attach new
@@ -207,6 +207,20 @@ class Notifier {
   template <class M, class N, class P>
   void entryDelAll(M& map, void (N::*reaction)(P)) const {
     map.delAll([&](const typename M::key_type& key) { notify(reaction, key); });
+  }
+  // The same for a queue (Collection.h's Queue), whose key is the running
+  // index: entryEnq appends and entryDeq removes the head, each announcing
+  // the entry's index; entryDelAll above empties it head first.
+  template <class Q, class V, class N, class P>
+  void entryEnq(Q& queue, V&& v, void (N::*reaction)(P)) const {
+    notify(reaction, queue.push(std::forward<V>(v)));
+  }
+  template <class Q, class N, class P>
+  auto entryDeq(Q& queue, void (N::*reaction)(P)) const {
+    const typename Q::key_type index = queue.head();
+    auto v = queue.pop();
+    notify(reaction, index);
+    return v;
   }
 
  private:

@@ -346,6 +346,128 @@ TEST(CuckooHashTable, ItemCountNotifiesOnlyOnAWrite) {
   EXPECT_EQ(3u, tableWatch.items);
 }
 
+TEST(CuckooHashTable, StatusCollectionsAnnounceEachChangeOnceInOrder) {
+  struct StatusWatch : Status::Notifiee {
+    std::vector<String> seen;
+    void onPendingItemSet(const Item& i) override { seen.push_back("pending " + i->toStrep()); }
+    void onFirstFailLoadFactor(U64 index) override { seen.push_back("first " + std::to_string(index)); }
+    void onLastFailLoadFactor(U64 index) override { seen.push_back("last " + std::to_string(index)); }
+  } watch;
+  Ptr<Status> status = statusFactory("s");
+  watch.notifierIs(status);
+  Item a = item(1, 0, 0), b = item(2, 0, 0), c = item(3, 0, 0), b2 = item(2, 0, 0);
+  status->pendingItemSetIs(a);
+  status->pendingItemSetIs(b);
+  status->pendingItemSetIs(a);  // present: nobody hears of it
+  status->pendingItemSetIs(c);
+  status->pendingItemSetIs(b2);  // by identity, not by key
+  EXPECT_EQ(4u, status->pendingItemSets());
+  status->pendingItemSetDel(b);
+  status->pendingItemSetDel(b);  // absent: silent
+  EXPECT_EQ((std::vector<Item>{a, c, b2}), status->pendingItemSet());
+  status->pendingItemSetDelAll();  // oldest first
+  EXPECT_EQ(0u, status->pendingItemSets());
+  EXPECT_FALSE(status->pendingItemSetHas(a));
+
+  status->firstFailLoadFactorEnq(0.5f);
+  status->firstFailLoadFactorEnq(0.75f);
+  EXPECT_EQ(0.5f, status->firstFailLoadFactorDeq());
+  status->firstFailLoadFactorDelAll();
+  status->firstFailLoadFactorEnq(0.25f);  // running indexes never repeat
+  status->lastFailLoadFactorEnq(0.125f);
+  EXPECT_EQ(2u, status->firstFailLoadFactor().head());
+  EXPECT_EQ(0.25f, status->firstFailLoadFactor().front());
+  const std::vector<String> expected = {
+      "pending IntHashItem( 1; 0, 0, 0 )", "pending IntHashItem( 2; 0, 0, 0 )", "pending IntHashItem( 3; 0, 0, 0 )",
+      "pending IntHashItem( 2; 0, 0, 0 )", "pending IntHashItem( 2; 0, 0, 0 )", "pending IntHashItem( 1; 0, 0, 0 )",
+      "pending IntHashItem( 3; 0, 0, 0 )", "pending IntHashItem( 2; 0, 0, 0 )", "first 0",
+      "first 1",                           "first 0",                           "first 1",
+      "first 2",                           "last 0"};
+  EXPECT_EQ(expected, watch.seen);
+}
+
+namespace {
+
+// Behaves as IntHashItem does, with the same text, but is another type: the
+// table can only judge it through its isEqual.
+class ForeignItem final : public HashItem {
+ public:
+  ForeignItem(U32 key, U32 h0, U32 h1, U32 h2) : key_(key), hashes_{h0, h1, h2} {}
+  bool isEqual(const Item& other) const override {
+    auto* o = dynamic_cast<const ForeignItem*>(other.ptr());
+    return o && o->key_ == key_;
+  }
+  U32 getHash(U8 tableId) const override { return hashes_[std::min<U8>(tableId, 2)]; }
+  String toStrep() const override {
+    return "IntHashItem( " + std::to_string(key_) + "; " + std::to_string(hashes_[0]) + ", " +
+           std::to_string(hashes_[1]) + ", " + std::to_string(hashes_[2]) + " )";
+  }
+
+ private:
+  U32 key_;
+  U32 hashes_[3];
+};
+
+Item foreign(U32 key, U32 h0, U32 h1, U32 h2 = 0) { return Item(new ForeignItem(key, h0, h1, h2)); }
+
+// Random insertions and deletions on a small, crowded table, items made by
+// `make`; every answer and command list in text. Keys repeat with hashes
+// that differ but often give the same index, so equal items are met both
+// where a search looks and where it does not.
+std::vector<String> crowdedRun(const Shape& shape, U32 seed, Item (*make)(U32, U32, U32, U32)) {
+  auto quiet = Zum::logSinkIs([](const Zum::LogRecord&) {});
+  Fixture f(shape, seed, 30, 2);
+  f.start();
+  std::mt19937 rng(seed);
+  std::vector<String> seen;
+  for (U32 op = 0; op < 600; ++op) {
+    const U32 key = rng() % (capacity(shape) + 4);
+    const U32 h0 = key * 7 + shape[0].first * (rng() % 2), h1 = key * 13 + (rng() % 2), h2 = key;
+    const Item i = make(key, h0, h1, h2);
+    const bool ok = rng() % 4 == 0 ? f.table->deleteItem(i) : f.table->insertItem(i);
+    seen.push_back((ok ? "ok " : "no ") + i->toStrep());
+    for (size_t c = 0; c < f.cmds(); ++c) {
+      const Item& written = f.cmd(c)->item();
+      seen.push_back(valueToStrep(f.cmd(c)->location()) + (written ? written->toStrep() : String("null")));
+    }
+    if (Ptr<CuckooItem const> found = f.table->lookupItem(make(key, h0, h1, h2))) {
+      seen.push_back("at " + valueToStrep(found->location()));
+    }
+    f.config->cmdReadCompletedInc();
+  }
+  Zum::logSinkIs(quiet);
+  return seen;
+}
+
+Item intMaker(U32 key, U32 h0, U32 h1, U32 h2) { return item(key, h0, h1, h2); }
+
+}  // namespace
+
+// The table answers for its own item type without asking the stored items;
+// any other type it must ask. Both must give the same placements.
+TEST(CuckooHashTable, OwnAndForeignItemTypesPlaceAlike) {
+  auto quiet = Zum::logSinkIs([](const Zum::LogRecord&) {});
+  Fixture f({{4, 2}, {4, 1}});
+  f.start();
+  ASSERT_TRUE(f.table->insertItem(item(7, 1, 1)));
+  ASSERT_TRUE(f.table->insertItem(item(7, 5, 9)));  // equal key, same indexes: already there
+  EXPECT_EQ(1u, f.cmds());
+  ASSERT_TRUE(f.table->insertItem(foreign(7, 1, 1)));  // same key, another type: not equal
+  EXPECT_EQ(2u, f.cmds());
+  EXPECT_EQ((CuckooLocation{0, 1, 1}), f.cmd(1)->location());
+  ASSERT_TRUE(f.table->insertItem(item(7, 2, 2)));  // equal key where no search looks: placed again
+  EXPECT_EQ(3u, f.cmds());
+  EXPECT_TRUE(f.table->deleteItem(item(7, 9, 0)));  // the first equal one in (table, bin) order
+  EXPECT_EQ((CuckooLocation{0, 0, 1}), f.cmd(3)->location());
+  EXPECT_EQ((CuckooLocation{0, 1, 1}), f.table->lookupItem(foreign(7, 5, 5))->location());
+
+  for (size_t s : {size_t(1), size_t(3), size_t(5)}) {
+    const std::vector<String> own = crowdedRun(shapes[s], 40 + U32(s), intMaker);
+    EXPECT_EQ(own, crowdedRun(shapes[s], 40 + U32(s), foreign)) << "shape " << s;
+  }
+  Zum::logSinkIs(quiet);
+}
+
 // ---- hitlessness against the hardware model -----------------------------------
 
 TEST(CuckooHashTable, RandomRunsStayHitlessOnEveryWrite) {
