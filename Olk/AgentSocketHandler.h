@@ -229,7 +229,8 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   // logged; endOfTime disables. Applies to clients accepted afterwards.
   Seconds idleTimeout() const { return idleTimeout_; }
   void idleTimeoutIs(Seconds t) { idleTimeout_ = t; }
-  // The clock the idle time-out runs on; the activity loop's by default.
+  // The clock the idle time-out runs on; by default the one a component given
+  // no clock uses (Zum::clockOrLoop). A null clock throws RangeException.
   const Ptr<Zum::Clock>& clock() const { return clock_; }
   void clockIs(const Ptr<Zum::Clock>& clock);
 

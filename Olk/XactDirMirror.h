@@ -17,7 +17,8 @@
 //   auto mirror = Olk::xactDirMirrorFactory("exec1", Olk::RedisAddress::unixSocket(path), "olk:", loop);
 //   auto status = Olk::xactStatusDirFactory("exec1");
 //   mirror->publishedStatusDirIs(status);
-//   auto exec = Olk::XactExecutorSmIs<MyExecutor>("exec1", mirror->followedConfigDirIs("exec1"), status, loop->clock());
+//   auto exec = Olk::xactExecutorSmFactory("exec1", mirror->followedConfigDirIs("exec1"), status, loop->clock(),
+//                                          [](const Olk::XactConfig& c) { return Olk::ExecResult(Olk::xactSuccess); });
 //
 //   // the coordinator process, one pair per executor
 //   auto mirror = Olk::xactDirMirrorFactory("coord", Olk::RedisAddress::unixSocket(path), "olk:", loop);

@@ -648,6 +648,29 @@ XactExecutorSm::XactExecutorSm(const Zum::Name& name, const Ptr<const XactConfig
 
 XactExecutorSm::~XactExecutorSm() = default;
 
+namespace {
+
+// The executor of xactExecutorSmFactory: its work is a function.
+class FunctionExecutor : public XactExecutorSm {
+ public:
+  FunctionExecutor(const Zum::Name& name, const Ptr<const XactConfigDir>& xactConfigDir,
+                   const Ptr<XactStatusDir>& xactStatusDir, const Ptr<Zum::Clock>& clock, XactExecuteFn execute)
+      : XactExecutorSm(name, xactConfigDir, xactStatusDir, clock), execute_(std::move(execute)) {}
+  ExecResult doExecute(const XactConfig& config) override { return execute_(config); }
+
+ private:
+  const XactExecuteFn execute_;  // never empty
+};
+
+}  // namespace
+
+Ptr<XactExecutorSm> xactExecutorSmFactory(const Zum::Name& name, const Ptr<const XactConfigDir>& xactConfigDir,
+                                          const Ptr<XactStatusDir>& xactStatusDir, const Ptr<Zum::Clock>& clock,
+                                          XactExecuteFn execute) {
+  Zum::requireNonNull(execute, "Olk::XactExecutorSm", "execute");
+  return Zum::create<FunctionExecutor>(name, xactConfigDir, xactStatusDir, clock, std::move(execute));
+}
+
 void XactExecutorSm::handleInit() { ZUM_TRACE(tr, 8) << "void Olk::XactExecutorSm::handleInit() " << name(); }
 
 void XactExecutorSm::handleInitialized() { handleXactConfig(); }

@@ -204,6 +204,22 @@ class Notifier {
     notify(reaction, gone);
     return true;
   }
+  // Positional forms for a walk over an ordered map (Collection.h's
+  // setBefore and delAt), announcing the key like entryIs and entryDel; a
+  // reaction must not change the map while the caller holds positions in it.
+  template <class M, class V, class N, class P>
+  void entryIsBefore(M& map, typename M::const_iterator next, const typename M::key_type& key, V&& v,
+                     void (N::*reaction)(P)) const {
+    map.setBefore(next, key, std::forward<V>(v));
+    notify(reaction, key);
+  }
+  template <class M, class N, class P>
+  typename M::const_iterator entryDelAt(M& map, typename M::const_iterator it, void (N::*reaction)(P)) const {
+    const typename M::key_type gone = it->first;
+    const typename M::const_iterator next = map.delAt(it);
+    notify(reaction, gone);
+    return next;
+  }
   template <class M, class N, class P>
   void entryDelAll(M& map, void (N::*reaction)(P)) const {
     map.delAll([&](const typename M::key_type& key) { notify(reaction, key); });
