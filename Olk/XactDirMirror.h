@@ -58,7 +58,8 @@ struct redisReply;  // hiredis' reply, kept out of this header
 
 namespace Olk {
 
-// Where the server is and who this agent is to it.
+// Where the server is and who this agent is to it. Ahead of the mirror,
+// which keeps one by value.
 struct RedisAddress {
   String unixPath;  // when set, the Unix socket; otherwise host and port
   String host;
