@@ -66,6 +66,19 @@ class BaseOutputSm : public Zum::Entity {
 // Prints the derived type of `sm` (through formatDerivedType).
 std::ostream& operator<<(std::ostream& stream, const BaseOutputSm& sm);
 
+// Calls (owner->*handle)() whenever the watched descriptor is readable; the
+// owner holds it as a member, so the owner outlives it. Defined ahead of the
+// handler and the client, whose members these reactors are.
+template <class Owner, void (Owner::*handle)()>
+class ReadableReactor : public Zum::FileDescriptor::Notifiee {
+ public:
+  explicit ReadableReactor(Owner* owner) : owner_(owner) {}
+  void onReadable() override { (owner_->*handle)(); }
+
+ private:
+  Owner* const owner_;
+};
+
 class AgentSocketCallback;  // a command word's handler, defined after the handler
 class ClientSm;             // one connection, likewise
 
@@ -183,14 +196,7 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   void handleDel() override;
 
  private:
-  class ZumAgentsockFd : public Zum::FileDescriptor::Notifiee {
-   public:
-    explicit ZumAgentsockFd(AgentSocketHandlerSm* owner) : owner_(owner) {}
-    void onReadable() override { owner_->handleClientConnection(); }
-
-   private:
-    AgentSocketHandlerSm* owner_;
-  };
+  using ZumAgentsockFd = ReadableReactor<AgentSocketHandlerSm, &AgentSocketHandlerSm::handleClientConnection>;
 
   bool admitted(int fd);
   void refuse(int fd, std::string_view reply);
@@ -257,14 +263,7 @@ class ClientSm : public Zum::Entity {
   friend Ptr<T> Zum::create(A&&...);
   ClientSm(const Zum::Name& name, Ptr<Zum::FileDescriptor> clientFd, AgentSocketHandlerSm* handler);
 
-  class ZumClientFd : public Zum::FileDescriptor::Notifiee {
-   public:
-    explicit ZumClientFd(ClientSm* owner) : owner_(owner) {}
-    void onReadable() override { owner_->handleDataFromClient(); }
-
-   private:
-    ClientSm* owner_;
-  };
+  using ZumClientFd = ReadableReactor<ClientSm, &ClientSm::handleDataFromClient>;
   // Closes the connection when the client has said nothing for too long.
   class IdleTimer : public Zum::Clock::Notifiee {
    public:
