@@ -93,6 +93,11 @@ TEST(NumberPool, AdjacentAndBridgingRangesCoalesce) {
   EXPECT_EQ(rangesOf(*p), Ranges{Range(1, 12)});
   EXPECT_EQ(w.keys, (std::vector<U32>{6, 12, 12}));  // left removed, right removed, merged stored
   EXPECT_EQ(w.sizes, (std::vector<U64>{4, 0, 12}));  // each change already counted when announced
+  // Deleting all goes key by key, ascending, with the same rule.
+  p->addRange(Range(20, 25));
+  p->poolDelAll();
+  EXPECT_EQ(w.keys, (std::vector<U32>{6, 12, 12, 25, 12, 25}));
+  EXPECT_EQ(w.sizes, (std::vector<U64>{4, 0, 12, 18, 6, 0}));
 }
 
 // Deletions in every shape: the ranges left, and the keys announced in the
@@ -126,18 +131,6 @@ TEST(NumberPool, DeletionsTrimSplitAndAnnounceInStepOrder) {
     for (const Range& r : c.after) size += r.size();
     EXPECT_EQ(p->size(), size);
   }
-}
-
-TEST(NumberPool, DeleteAllAnnouncesEveryKeyAscendingWithTheSizeLeft) {
-  auto p = numberPoolFactory("p");
-  p->addRange(Range(1, 2));
-  p->addRange(Range(5, 9));
-  PoolWatcher w;
-  w.notifierIs(p);
-  p->poolDelAll();
-  EXPECT_EQ(w.keys, (std::vector<U32>{2, 9}));
-  EXPECT_EQ(w.sizes, (std::vector<U64>{5, 0}));
-  EXPECT_TRUE(p->isEmpty());
 }
 
 TEST(NumberPool, FullRangeHasSize2To32) {
