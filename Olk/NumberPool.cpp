@@ -19,8 +19,9 @@
 // step-3 neighbour, and the walk of step 2 stops on the step-4 neighbour, so
 // each operation costs one O(log n) search plus O(1) per range it touches:
 // removals and insertions use the positional forms of the notifying
-// collection operations, which skip the second search. Numbers 0 and 4294967295 have no
-// neighbour below/above, so the merge steps skip them instead of wrapping.
+// collection operations, which skip a second search. Numbers 0 and
+// 4294967295 have no neighbour below/above, so the merge steps skip them
+// instead of wrapping.
 //
 // Notifiees are told of every changed key, one call per entry removed or
 // stored; they must not change the pool from inside onPool.
@@ -97,7 +98,8 @@ void NumberPool::poolIs(const Range& r) {
   // size_ moves before the notification, so reactions read the new size().
   const Range* old = pool_.find(r.max());
   if (old && *old == r) return;
-  size_ += r.size() - (old ? old->size() : 0);
+  if (old) size_ -= old->size();
+  size_ += r.size();
   entryIs(pool_, r.max(), r, &Notifiee::onPool);
 }
 
