@@ -210,10 +210,8 @@ TimedNumberPool::TimedNumberPool(Zum::Name name)
     : Entity(std::move(name)), pool_(Zum::create<NumberPool>(Zum::Name())) {}
 
 Ptr<NumberPoolWithTimestamp> TimedNumberPool::timedPoolIs(Seconds ts) {
-  if (Ptr<NumberPoolWithTimestamp> bucket = timedPool(ts)) return bucket;
-  Ptr<NumberPoolWithTimestamp> bucket = Zum::create<NumberPoolWithTimestamp>(ts);
-  entryIs(timedPool_, ts, bucket, &Notifiee::onTimedPool);
-  return bucket;
+  return entryFoundOrIs(
+      timedPool_, ts, [ts] { return Zum::create<NumberPoolWithTimestamp>(ts); }, &Notifiee::onTimedPool);
 }
 
 void TimedNumberPool::addNumber(const TimedU32& t) {

@@ -160,10 +160,7 @@ void Xact::blockingXactDelAll() {
 // Directories
 
 Ptr<Xact> XactDir::xactIs(U32 id) {
-  if (Ptr<Xact> existing = xact_.get(id)) return existing;
-  Ptr<Xact> created = xactFactory(id);
-  entryIs(xact_, id, created, &Notifiee::onXact);
-  return created;
+  return entryFoundOrIs(xact_, id, [id] { return xactFactory(id); }, &Notifiee::onXact);
 }
 
 void XactDir::xactDel(U32 id) {
