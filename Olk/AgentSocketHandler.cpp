@@ -240,7 +240,7 @@ void ClientSm::serve(const String& command, const String& args) {
 AgentSocketHandlerSm::AgentSocketHandlerSm(String socketName)
     : BaseOutputSm("AgentSocketHandlerSm"),
       socketName_(std::move(socketName)),
-      clock_(Zum::activityManager()->clock()) {}
+      clock_(Zum::clockOrLoop(nullptr)) {}
 
 void AgentSocketHandlerSm::handleInitialized() {
   ZUM_TRACE(tr, 5) << "handleInitialized";

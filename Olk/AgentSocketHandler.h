@@ -49,7 +49,8 @@ namespace Olk {
 class DumpContext;
 
 // Root of the library's output state machines: anything that can describe
-// itself in a dump and name its most-derived type in traces.
+// itself in a dump and name its most-derived type in traces. It comes first
+// because the handler derives from it.
 class BaseOutputSm : public Zum::Entity {
  public:
   // Writes this machine's state into `dumpContext` at detail `level`; the
@@ -65,81 +66,21 @@ class BaseOutputSm : public Zum::Entity {
 // Prints the derived type of `sm` (through formatDerivedType).
 std::ostream& operator<<(std::ostream& stream, const BaseOutputSm& sm);
 
-// Serves one command word. Agents derive from it, override handleCommand and
-// register the callback with AgentSocketHandlerSm::agentSocketCallbackIs.
-class AgentSocketCallback : public Zum::Entity {
+// Calls (owner->*handle)() whenever the watched descriptor is readable; the
+// owner holds it as a member, so the owner outlives it. Defined ahead of the
+// handler and the client, whose members these reactors are.
+template <class Owner, void (Owner::*handle)()>
+class ReadableReactor : public Zum::FileDescriptor::Notifiee {
  public:
-  // The command word served; the callback's key in the handler.
-  const String& commandType() const { return commandType_; }
-
-  // Called with the client's descriptor (non-blocking, SIGPIPE ignored) and
-  // the text after the first blank (empty when there was none). Whatever is
-  // written to `clientFd` before returning is the reply; the connection is
-  // closed afterwards. A std::exception thrown here ends the command only:
-  // it is logged as AGENT_SOCKET_COMMAND_ERROR and the connection is closed
-  // as usual. The base only traces.
-  virtual void handleCommand(U32 clientFd, const String& commandArgs);
-
- protected:
-  template <class T, class... A>
-  friend Ptr<T> Zum::create(A&&...);
-  AgentSocketCallback(Zum::Name name, String commandType)
-      : Zum::Entity(std::move(name)), commandType_(std::move(commandType)) {}
+  explicit ReadableReactor(Owner* owner) : owner_(owner) {}
+  void onReadable() override { (owner_->*handle)(); }
 
  private:
-  const String commandType_;
+  Owner* const owner_;
 };
 
-Ptr<AgentSocketCallback> agentSocketCallbackFactory(const Zum::Name& name,
-                                                    const String& commandType);
-
-class AgentSocketHandlerSm;
-
-// One accepted connection, from accept until its command has been served or
-// it is closed. Owned by its handler; holds the handler by raw pointer, so it
-// must not be used after the handler is gone.
-class ClientSm : public Zum::Entity {
- public:
-  const Ptr<Zum::FileDescriptor>& clientFd() const { return clientFd_; }
-  AgentSocketHandlerSm* agentSocketHandlerSm() const { return agentSocketHandlerSm_; }
-
-  // Serves the command waiting on the descriptor (one receive), or closes
-  // the connection when the client has gone; waits on EAGAIN.
-  void handleDataFromClient();
-
- private:
-  template <class T, class... A>
-  friend Ptr<T> Zum::create(A&&...);
-  ClientSm(const Zum::Name& name, Ptr<Zum::FileDescriptor> clientFd, AgentSocketHandlerSm* handler);
-
-  class ZumClientFd : public Zum::FileDescriptor::Notifiee {
-   public:
-    explicit ZumClientFd(ClientSm* owner) : owner_(owner) {}
-    void onReadable() override { owner_->handleDataFromClient(); }
-
-   private:
-    ClientSm* owner_;
-  };
-  // Closes the connection when the client has said nothing for too long.
-  class IdleTimer : public Zum::Clock::Notifiee {
-   public:
-    explicit IdleTimer(ClientSm* owner) : owner_(owner) {}
-    void onTime() override;
-
-   private:
-    ClientSm* owner_;
-  };
-
-  bool prepareReply();
-  void dispatch(const String& command, const String& args);
-  // Runs the callback for `command`, or answers an unknown one.
-  void serve(const String& command, const String& args);
-
-  const Ptr<Zum::FileDescriptor> clientFd_;
-  AgentSocketHandlerSm* const agentSocketHandlerSm_;
-  ZumClientFd zumClientFd_{this};
-  IdleTimer idleTimer_{this};
-};
+class AgentSocketCallback;  // a command word's handler, defined after the handler
+class ClientSm;             // one connection, likewise
 
 // Listens on "\0s<name>" and serves one command per connection.
 class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
@@ -229,7 +170,8 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   // logged; endOfTime disables. Applies to clients accepted afterwards.
   Seconds idleTimeout() const { return idleTimeout_; }
   void idleTimeoutIs(Seconds t) { idleTimeout_ = t; }
-  // The clock the idle time-out runs on; the activity loop's by default.
+  // The clock the idle time-out runs on; by default the one a component given
+  // no clock uses (Zum::clockOrLoop). A null clock throws RangeException.
   const Ptr<Zum::Clock>& clock() const { return clock_; }
   void clockIs(const Ptr<Zum::Clock>& clock);
 
@@ -254,14 +196,7 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
   void handleDel() override;
 
  private:
-  class ZumAgentsockFd : public Zum::FileDescriptor::Notifiee {
-   public:
-    explicit ZumAgentsockFd(AgentSocketHandlerSm* owner) : owner_(owner) {}
-    void onReadable() override { owner_->handleClientConnection(); }
-
-   private:
-    AgentSocketHandlerSm* owner_;
-  };
+  using ZumAgentsockFd = ReadableReactor<AgentSocketHandlerSm, &AgentSocketHandlerSm::handleClientConnection>;
 
   bool admitted(int fd);
   void refuse(int fd, std::string_view reply);
@@ -282,6 +217,73 @@ class AgentSocketHandlerSm : public BaseOutputSm, public Zum::Notifier {
 };
 
 Ptr<AgentSocketHandlerSm> agentSocketHandlerSmFactory(const String& socketName);
+
+// Serves one command word. Agents derive from it, override handleCommand and
+// register the callback with AgentSocketHandlerSm::agentSocketCallbackIs.
+class AgentSocketCallback : public Zum::Entity {
+ public:
+  // The command word served; the callback's key in the handler.
+  const String& commandType() const { return commandType_; }
+
+  // Called with the client's descriptor (non-blocking, SIGPIPE ignored) and
+  // the text after the first blank (empty when there was none). Whatever is
+  // written to `clientFd` before returning is the reply; the connection is
+  // closed afterwards. A std::exception thrown here ends the command only:
+  // it is logged as AGENT_SOCKET_COMMAND_ERROR and the connection is closed
+  // as usual. The base only traces.
+  virtual void handleCommand(U32 clientFd, const String& commandArgs);
+
+ protected:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  AgentSocketCallback(Zum::Name name, String commandType)
+      : Zum::Entity(std::move(name)), commandType_(std::move(commandType)) {}
+
+ private:
+  const String commandType_;
+};
+
+Ptr<AgentSocketCallback> agentSocketCallbackFactory(const Zum::Name& name,
+                                                    const String& commandType);
+
+// One accepted connection, from accept until its command has been served or
+// it is closed. Owned by its handler; holds the handler by raw pointer, so it
+// must not be used after the handler is gone.
+class ClientSm : public Zum::Entity {
+ public:
+  const Ptr<Zum::FileDescriptor>& clientFd() const { return clientFd_; }
+  AgentSocketHandlerSm* agentSocketHandlerSm() const { return agentSocketHandlerSm_; }
+
+  // Serves the command waiting on the descriptor (one receive), or closes
+  // the connection when the client has gone; waits on EAGAIN.
+  void handleDataFromClient();
+
+ private:
+  template <class T, class... A>
+  friend Ptr<T> Zum::create(A&&...);
+  ClientSm(const Zum::Name& name, Ptr<Zum::FileDescriptor> clientFd, AgentSocketHandlerSm* handler);
+
+  using ZumClientFd = ReadableReactor<ClientSm, &ClientSm::handleDataFromClient>;
+  // Closes the connection when the client has said nothing for too long.
+  class IdleTimer : public Zum::Clock::Notifiee {
+   public:
+    explicit IdleTimer(ClientSm* owner) : owner_(owner) {}
+    void onTime() override;
+
+   private:
+    ClientSm* owner_;
+  };
+
+  bool prepareReply();
+  void dispatch(const String& command, const String& args);
+  // Runs the callback for `command`, or answers an unknown one.
+  void serve(const String& command, const String& args);
+
+  const Ptr<Zum::FileDescriptor> clientFd_;
+  AgentSocketHandlerSm* const agentSocketHandlerSm_;
+  ZumClientFd zumClientFd_{this};
+  IdleTimer idleTimer_{this};
+};
 
 // "clientFd:<n>", the name of an accepted client descriptor.
 String clientFdName(int fd);

@@ -1,6 +1,6 @@
 // Design note.
 //
-// A pool is a std::map from each range's max to the range. Keying by max
+// A pool is an ordered map from each range's max to the range. Keying by max
 // (not min) makes the one lookup every operation needs a single
 // lower_bound: the range at or after x is the first whose max >= x, and x is
 // a member exactly when that range's min <= x.
@@ -17,9 +17,11 @@
 // The range "at or after R.min() - 1" (add) or "at or after R.min()"
 // (delete) found by the single lookup is the step-1 candidate and the
 // step-3 neighbour, and the walk of step 2 stops on the step-4 neighbour, so
-// each operation costs one O(log n) search plus O(1) per range it touches;
-// new entries go in with a position hint. Numbers 0 and 4294967295 have no
-// neighbour below/above, so the merge steps skip them instead of wrapping.
+// each operation costs one O(log n) search plus O(1) per range it touches:
+// removals and insertions use the positional forms of the notifying
+// collection operations, which skip a second search. Numbers 0 and
+// 4294967295 have no neighbour below/above, so the merge steps skip them
+// instead of wrapping.
 //
 // Notifiees are told of every changed key, one call per entry removed or
 // stored; they must not change the pool from inside onPool.
@@ -92,43 +94,34 @@ std::ostream& operator<<(std::ostream& os, const TimedRange& v) { return os << v
 
 Ptr<NumberPool> numberPoolFactory(const Zum::Name& name) { return Zum::create<NumberPool>(name); }
 
-Range NumberPool::pool(U32 max) const {
-  auto it = pool_.find(max);
-  return it == pool_.end() ? Range() : it->second;
-}
-
 void NumberPool::poolIs(const Range& r) {
-  auto [it, inserted] = pool_.try_emplace(r.max(), r);
-  if (!inserted) {
-    if (it->second == r) return;
-    size_ -= it->second.size();
-    it->second = r;
-  }
+  // size_ moves before the notification, so reactions read the new size().
+  const Range* old = pool_.find(r.max());
+  if (old && *old == r) return;
+  if (old) size_ -= old->size();
   size_ += r.size();
-  notify(&Notifiee::onPool, r.max());
+  entryIs(pool_, r.max(), r, &Notifiee::onPool);
 }
 
 void NumberPool::poolDel(U32 max) {
-  auto it = pool_.find(max);
-  if (it != pool_.end()) eraseAt(it);
+  PoolIter it = pool_.lowerBound(max);
+  if (it != pool_.end() && it->first == max) eraseAt(it);
 }
 
 void NumberPool::poolDelAll() {
+  // One entry at a time rather than entryDelAll, so that size() is right at
+  // every notification.
   while (!pool_.empty()) eraseAt(pool_.begin());
 }
 
 NumberPool::PoolIter NumberPool::eraseAt(PoolIter it) {
-  const U32 max = it->first;
-  size_ -= it->second.size();
-  it = pool_.erase(it);
-  notify(&Notifiee::onPool, max);
-  return it;
+  size_ -= it->second.size();  // before the notification, like every size_ change
+  return entryDelAt(pool_, it, &Notifiee::onPool);
 }
 
 void NumberPool::storeBefore(PoolIter next, const Range& r) {
-  pool_.emplace_hint(next, r.max(), r);
   size_ += r.size();
-  notify(&Notifiee::onPool, r.max());
+  entryIsBefore(pool_, next, r.max(), r, &Notifiee::onPool);
 }
 
 NumberPool::PoolIter NumberPool::delRangesInside(PoolIter it, const Range& R) {
@@ -148,7 +141,7 @@ void NumberPool::addRange(Range R) {
   // One lookup: the first range ending at or after R.min() - 1 is the left
   // neighbour when it reaches R.min() - 1; the walk starts at the first one
   // ending at or after R.min().
-  PoolIter it = pool_.lower_bound(R.min() == 0 ? 0 : R.min() - 1);
+  PoolIter it = rangeAtOrAfter(R.min() == 0 ? 0 : R.min() - 1);
   PoolIter left = pool_.end();
   if (R.min() != 0 && it != pool_.end() && it->second.inRange(R.min() - 1)) {
     left = it;
@@ -168,11 +161,11 @@ void NumberPool::addRange(Range R) {
 }
 
 void NumberPool::delRange(Range R) {
-  PoolIter it = pool_.lower_bound(R.min());
+  PoolIter it = rangeAtOrAfter(R.min());
   if (it == pool_.end()) return;
   if (it->second.inRange(R.min()) && it->second.max() >= R.max()) {
     const Range I = it->second;
-    PoolIter next = eraseAt(it);
+    const PoolIter next = eraseAt(it);
     if (I.min() < R.min()) storeBefore(next, Range(I.min(), R.min() - 1));
     if (R.max() < I.max()) storeBefore(next, Range(R.max() + 1, I.max()));
     return;
@@ -216,26 +209,9 @@ Ptr<TimedNumberPool> timedNumberPoolFactory(const Zum::Name& name) { return Zum:
 TimedNumberPool::TimedNumberPool(Zum::Name name)
     : Entity(std::move(name)), pool_(Zum::create<NumberPool>(Zum::Name())) {}
 
-Ptr<NumberPoolWithTimestamp> TimedNumberPool::timedPool(Seconds ts) const {
-  auto it = timedPool_.find(ts);
-  return it == timedPool_.end() ? nullptr : it->second;
-}
-
 Ptr<NumberPoolWithTimestamp> TimedNumberPool::timedPoolIs(Seconds ts) {
-  auto [it, inserted] = timedPool_.try_emplace(ts);
-  if (!inserted) return it->second;
-  it->second = Zum::create<NumberPoolWithTimestamp>(ts);
-  Ptr<NumberPoolWithTimestamp> bucket = it->second;
-  notify(&Notifiee::onTimedPool, ts);
-  return bucket;
-}
-
-void TimedNumberPool::timedPoolDel(Seconds ts) {
-  if (timedPool_.erase(ts) != 0) notify(&Notifiee::onTimedPool, ts);
-}
-
-void TimedNumberPool::timedPoolDelAll() {
-  while (!timedPool_.empty()) timedPoolDel(timedPool_.begin()->first);
+  return entryFoundOrIs(
+      timedPool_, ts, [ts] { return Zum::create<NumberPoolWithTimestamp>(ts); }, &Notifiee::onTimedPool);
 }
 
 void TimedNumberPool::addNumber(const TimedU32& t) {

@@ -16,9 +16,9 @@
 #pragma once
 
 #include <iosfwd>
-#include <map>
 
 #include "Olk/Types.h"
+#include "platform/Collection.h"
 #include "platform/Entity.h"
 #include "platform/Notifier.h"
 #include "platform/Ptr.h"
@@ -26,7 +26,8 @@
 
 namespace Olk {
 
-// Closed range min..max of U32 numbers; never empty.
+// Closed range min..max of U32 numbers; never empty. Defined ahead of the
+// pool, which stores ranges by value.
 class Range {
  public:
   Range() = default;  // 0..0
@@ -45,39 +46,17 @@ class Range {
   U32 max_ = 0;  // invariant: min_ <= max_
 };
 
-// A number with the time it was filed under; ordered by time, then number.
-struct TimedU32 {
-  Seconds timestamp = 0.0;
-  U32 number = 0;
-
-  // A NaN time stamp is equal to nothing, itself included.
-  bool operator==(const TimedU32& o) const { return timestamp == o.timestamp && number == o.number; }
-  bool operator<(const TimedU32& o) const {
-    return timestamp < o.timestamp || (timestamp == o.timestamp && number < o.number);
-  }
-};
-
-struct TimedRange {
-  Seconds timestamp = 0.0;
-  Range range;
-
-  bool operator==(const TimedRange& o) const { return timestamp == o.timestamp && range == o.range; }
-};
-
 String valueToStrep(const Range& v);
-String valueToStrep(const TimedU32& v);
-String valueToStrep(const TimedRange& v);
 // Parsing a Range with min > max fails with the constructor's range error.
 void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, Range* out);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TimedU32* out);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TimedRange* out);
 std::ostream& operator<<(std::ostream& os, const Range& v);
-std::ostream& operator<<(std::ostream& os, const TimedU32& v);
-std::ostream& operator<<(std::ostream& os, const TimedRange& v);
+
+struct TimedU32;    // the timed pool's records, after the pools
+struct TimedRange;
 
 class NumberPool : public Zum::Entity, public Zum::Notifier {
  public:
-  using PoolMap = std::map<U32, Range>;
+  using PoolMap = Zum::OrderedMap<U32, Range>;
 
   class Notifiee : public Zum::BaseNotifiee<NumberPool> {
    public:
@@ -86,8 +65,8 @@ class NumberPool : public Zum::Entity, public Zum::Notifier {
   };
 
   // The range keyed `max`, or 0..0 when there is none.
-  Range pool(U32 max) const;
-  bool poolHas(U32 max) const { return pool_.count(max) != 0; }
+  Range pool(U32 max) const { return pool_.get(max); }
+  bool poolHas(U32 max) const { return pool_.has(max); }
   // Stores `r` under r.max() as it is: does not merge or check its
   // neighbours (addRange does). An identical entry notifies nobody.
   void poolIs(const Range& r);
@@ -123,9 +102,9 @@ class NumberPool : public Zum::Entity, public Zum::Notifier {
   explicit NumberPool(Zum::Name name) : Entity(std::move(name)) {}
 
  private:
-  using PoolIter = PoolMap::iterator;
+  using PoolIter = PoolMap::const_iterator;
   // The range with the smallest max >= x, or end().
-  PoolMap::const_iterator rangeAtOrAfter(U32 x) const { return pool_.lower_bound(x); }
+  PoolIter rangeAtOrAfter(U32 x) const { return pool_.lowerBound(x); }
   // Removes the entry at `it` (notifying); returns the entry after it.
   PoolIter eraseAt(PoolIter it);
   // Stores r, whose max is not a key, right before `next` (notifying).
@@ -155,7 +134,7 @@ class NumberPoolWithTimestamp : public NumberPool {
 
 class TimedNumberPool : public Zum::Entity, public Zum::Notifier {
  public:
-  using TimedPoolMap = std::map<Seconds, Ptr<NumberPoolWithTimestamp>>;
+  using TimedPoolMap = Zum::OrderedMap<Seconds, Ptr<NumberPoolWithTimestamp>>;
 
   class Notifiee : public Zum::BaseNotifiee<TimedNumberPool> {
    public:
@@ -167,14 +146,14 @@ class TimedNumberPool : public Zum::Entity, public Zum::Notifier {
   Ptr<const NumberPool> pool() const { return pool_; }
 
   // The bucket of `ts`, or null. Time stamps must not be NaN.
-  Ptr<NumberPoolWithTimestamp> timedPool(Seconds ts) const;
-  bool timedPoolHas(Seconds ts) const { return timedPool_.count(ts) != 0; }
+  Ptr<NumberPoolWithTimestamp> timedPool(Seconds ts) const { return timedPool_.get(ts); }
+  bool timedPoolHas(Seconds ts) const { return timedPool_.has(ts); }
   // The bucket of `ts`, created empty when missing. Numbers put straight
   // into a bucket bypass the union pool: use addNumber/addRange instead.
   Ptr<NumberPoolWithTimestamp> timedPoolIs(Seconds ts);
   // Drops the bucket of `ts` (if any); its numbers stay in the union pool.
-  void timedPoolDel(Seconds ts);
-  void timedPoolDelAll();
+  void timedPoolDel(Seconds ts) { entryDel(timedPool_, ts, &Notifiee::onTimedPool); }
+  void timedPoolDelAll() { entryDelAll(timedPool_, &Notifiee::onTimedPool); }
   // Buckets by ascending time stamp.
   const TimedPoolMap& timedPools() const { return timedPool_; }
 
@@ -217,5 +196,31 @@ class TimedNumberPool : public Zum::Entity, public Zum::Notifier {
 };
 
 Ptr<TimedNumberPool> timedNumberPoolFactory(const Zum::Name& name);
+
+// A number with the time it was filed under; ordered by time, then number.
+struct TimedU32 {
+  Seconds timestamp = 0.0;
+  U32 number = 0;
+
+  // A NaN time stamp is equal to nothing, itself included.
+  bool operator==(const TimedU32& o) const { return timestamp == o.timestamp && number == o.number; }
+  bool operator<(const TimedU32& o) const {
+    return timestamp < o.timestamp || (timestamp == o.timestamp && number < o.number);
+  }
+};
+
+struct TimedRange {
+  Seconds timestamp = 0.0;
+  Range range;
+
+  bool operator==(const TimedRange& o) const { return timestamp == o.timestamp && range == o.range; }
+};
+
+String valueToStrep(const TimedU32& v);
+String valueToStrep(const TimedRange& v);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TimedU32* out);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, TimedRange* out);
+std::ostream& operator<<(std::ostream& os, const TimedU32& v);
+std::ostream& operator<<(std::ostream& os, const TimedRange& v);
 
 }  // namespace Olk

@@ -36,36 +36,7 @@
 
 namespace Olk {
 
-// The arguments of one command, split at blanks; empty words are dropped.
-class CommandArgs {
- public:
-  explicit CommandArgs(const String& text);
-
-  // The text after the command word's blank, as received.
-  const String& text() const { return text_; }
-  std::size_t size() const { return words_.size(); }
-  bool empty() const { return words_.empty(); }
-  const String& operator[](std::size_t i) const { return words_.at(i); }
-  const std::vector<String>& words() const { return words_; }
-  // Word `i` as a decimal number from `min` to `max`; anything else (signs,
-  // blanks, hex, out of range) throws CommandError "argument <i+1>: expected
-  // a number from <min> to <max>, not '<word>'".
-  U32 number(std::size_t i, U32 min, U32 max) const;
-
- private:
-  String text_;
-  std::vector<String> words_;
-};
-
-// The error a command function throws for bad input; its text is the reply.
-class CommandError : public std::runtime_error {
- public:
-  explicit CommandError(const String& what) : std::runtime_error(what) {}
-};
-
-// Runs `dump` on a context that collects what it writes, and answers the
-// text: how a command replies with a component's dump.
-String dumpText(const std::function<void(const Ptr<const DumpContext>&)>& dump, DumpLevel level = dumpNormal);
+class CommandArgs;
 
 class SimpleAgentSocketHandler : public Zum::Entity {
  public:
@@ -99,5 +70,36 @@ class SimpleAgentSocketHandler : public Zum::Entity {
 };
 
 Ptr<SimpleAgentSocketHandler> simpleAgentSocketHandlerFactory(const String& socketName);
+
+// The arguments of one command, split at blanks; empty words are dropped.
+class CommandArgs {
+ public:
+  explicit CommandArgs(const String& text);
+
+  // The text after the command word's blank, as received.
+  const String& text() const { return text_; }
+  std::size_t size() const { return words_.size(); }
+  bool empty() const { return words_.empty(); }
+  const String& operator[](std::size_t i) const { return words_.at(i); }
+  const std::vector<String>& words() const { return words_; }
+  // Word `i` as a decimal number from `min` to `max`; anything else (signs,
+  // blanks, hex, out of range) throws CommandError "argument <i+1>: expected
+  // a number from <min> to <max>, not '<word>'".
+  U32 number(std::size_t i, U32 min, U32 max) const;
+
+ private:
+  String text_;
+  std::vector<String> words_;
+};
+
+// The error a command function throws for bad input; its text is the reply.
+class CommandError : public std::runtime_error {
+ public:
+  explicit CommandError(const String& what) : std::runtime_error(what) {}
+};
+
+// Runs `dump` on a context that collects what it writes, and answers the
+// text: how a command replies with a component's dump.
+String dumpText(const std::function<void(const Ptr<const DumpContext>&)>& dump, DumpLevel level = dumpNormal);
 
 }  // namespace Olk

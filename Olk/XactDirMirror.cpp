@@ -727,7 +727,7 @@ void XactDirMirror::checkUp() {
 }
 
 void XactDirMirror::connectionStateIs(ConnectionState s) {
-  if (Zum::assignIfChanged(connectionState_, s)) notify(&Notifiee::onConnectionState);
+  attributeIs(connectionState_, s, &Notifiee::onConnectionState);
 }
 
 void XactDirMirror::malformedIs(const String& key, const String& field, const String& why) {

@@ -17,7 +17,8 @@
 //   auto mirror = Olk::xactDirMirrorFactory("exec1", Olk::RedisAddress::unixSocket(path), "olk:", loop);
 //   auto status = Olk::xactStatusDirFactory("exec1");
 //   mirror->publishedStatusDirIs(status);
-//   auto exec = Olk::XactExecutorSmIs<MyExecutor>("exec1", mirror->followedConfigDirIs("exec1"), status, loop->clock());
+//   auto exec = Olk::xactExecutorSmFactory("exec1", mirror->followedConfigDirIs("exec1"), status, loop->clock(),
+//                                          [](const Olk::XactConfig& c) { return Olk::ExecResult(Olk::xactSuccess); });
 //
 //   // the coordinator process, one pair per executor
 //   auto mirror = Olk::xactDirMirrorFactory("coord", Olk::RedisAddress::unixSocket(path), "olk:", loop);
@@ -57,7 +58,8 @@ struct redisReply;  // hiredis' reply, kept out of this header
 
 namespace Olk {
 
-// Where the server is and who this agent is to it.
+// Where the server is and who this agent is to it. Ahead of the mirror,
+// which keeps one by value.
 struct RedisAddress {
   String unixPath;  // when set, the Unix socket; otherwise host and port
   String host;

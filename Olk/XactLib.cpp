@@ -160,10 +160,7 @@ void Xact::blockingXactDelAll() {
 // Directories
 
 Ptr<Xact> XactDir::xactIs(U32 id) {
-  if (Ptr<Xact> existing = xact_.get(id)) return existing;
-  Ptr<Xact> created = xactFactory(id);
-  entryIs(xact_, id, created, &Notifiee::onXact);
-  return created;
+  return entryFoundOrIs(xact_, id, [id] { return xactFactory(id); }, &Notifiee::onXact);
 }
 
 void XactDir::xactDel(U32 id) {
@@ -647,6 +644,29 @@ XactExecutorSm::XactExecutorSm(const Zum::Name& name, const Ptr<const XactConfig
 }
 
 XactExecutorSm::~XactExecutorSm() = default;
+
+namespace {
+
+// The executor of xactExecutorSmFactory: its work is a function.
+class FunctionExecutor : public XactExecutorSm {
+ public:
+  FunctionExecutor(const Zum::Name& name, const Ptr<const XactConfigDir>& xactConfigDir,
+                   const Ptr<XactStatusDir>& xactStatusDir, const Ptr<Zum::Clock>& clock, XactExecuteFn execute)
+      : XactExecutorSm(name, xactConfigDir, xactStatusDir, clock), execute_(std::move(execute)) {}
+  ExecResult doExecute(const XactConfig& config) override { return execute_(config); }
+
+ private:
+  const XactExecuteFn execute_;  // never empty
+};
+
+}  // namespace
+
+Ptr<XactExecutorSm> xactExecutorSmFactory(const Zum::Name& name, const Ptr<const XactConfigDir>& xactConfigDir,
+                                          const Ptr<XactStatusDir>& xactStatusDir, const Ptr<Zum::Clock>& clock,
+                                          XactExecuteFn execute) {
+  Zum::requireNonNull(execute, "Olk::XactExecutorSm", "execute");
+  return Zum::create<FunctionExecutor>(name, xactConfigDir, xactStatusDir, clock, std::move(execute));
+}
 
 void XactExecutorSm::handleInit() { ZUM_TRACE(tr, 8) << "void Olk::XactExecutorSm::handleInit() " << name(); }
 

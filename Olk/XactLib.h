@@ -30,6 +30,7 @@
 
 namespace Olk {
 
+// A transaction stores its result by value, so the enum comes first.
 enum XactResult : U32 {
   xactInProgress = 0,  // not finished, or no answer yet
   xactSuccess = 1,     // every executor agreed
@@ -48,62 +49,6 @@ namespace Olk {
 
 String stringValue(XactResult r);
 std::ostream& operator<<(std::ostream& os, XactResult r);
-
-// ---------------------------------------------------------------------------
-// Values exchanged between aggregator and executors.
-
-// What the aggregator asks of an executor: run `id` at `configVersion`.
-// The all-zero value stands for "no configuration".
-struct XactConfig {
-  U32 id = 0;
-  U32 configVersion = 0;
-
-  XactConfig() = default;
-  XactConfig(U32 i, U32 v) : id(i), configVersion(v) {}
-  XactConfig(Zum::StrepIter& cur, Zum::StrepIter end);
-
-  bool operator==(const XactConfig&) const = default;
-  bool operator!() const { return *this == XactConfig(); }
-};
-
-// An executor's answer for `id`, valid for the run whose configVersion equals
-// `statusVersion`. The all-default value stands for "no answer".
-struct XactStatus {
-  U32 id = 0;
-  XactResult result = xactInProgress;
-  String comment;
-  U32 statusVersion = 0;
-
-  XactStatus() = default;
-  XactStatus(U32 i, XactResult r, String c, U32 v) : id(i), result(r), comment(std::move(c)), statusVersion(v) {}
-  XactStatus(Zum::StrepIter& cur, Zum::StrepIter end);
-
-  bool operator==(const XactStatus&) const = default;
-  bool operator!() const { return *this == XactStatus(); }
-};
-
-// What an executor's work function returns. `xactInProgress` means the
-// executor will write the status itself later.
-struct ExecResult {
-  XactResult result = xactInProgress;
-  String comment;
-
-  ExecResult() = default;
-  ExecResult(XactResult r, String c = {}) : result(r), comment(std::move(c)) {}
-  ExecResult(Zum::StrepIter& cur, Zum::StrepIter end);
-
-  bool operator==(const ExecResult&) const = default;
-};
-
-String valueToStrep(const XactConfig& v);
-String valueToStrep(const XactStatus& v);
-String valueToStrep(const ExecResult& v);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, XactConfig* out);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, XactStatus* out);
-void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, ExecResult* out);
-std::ostream& operator<<(std::ostream& os, const XactConfig& v);
-std::ostream& operator<<(std::ostream& os, const XactStatus& v);
-std::ostream& operator<<(std::ostream& os, const ExecResult& v);
 
 // ---------------------------------------------------------------------------
 // Entities.
@@ -239,6 +184,63 @@ class XactDir : public XactNamedDir {
 
 Ptr<XactDir> xactDirFactory(const Zum::Name& name);
 
+// ---------------------------------------------------------------------------
+// Values exchanged between aggregator and executors; complete here because
+// the config and status directories below store them by value.
+
+// What the aggregator asks of an executor: run `id` at `configVersion`.
+// The all-zero value stands for "no configuration".
+struct XactConfig {
+  U32 id = 0;
+  U32 configVersion = 0;
+
+  XactConfig() = default;
+  XactConfig(U32 i, U32 v) : id(i), configVersion(v) {}
+  XactConfig(Zum::StrepIter& cur, Zum::StrepIter end);
+
+  bool operator==(const XactConfig&) const = default;
+  bool operator!() const { return *this == XactConfig(); }
+};
+
+// An executor's answer for `id`, valid for the run whose configVersion equals
+// `statusVersion`. The all-default value stands for "no answer".
+struct XactStatus {
+  U32 id = 0;
+  XactResult result = xactInProgress;
+  String comment;
+  U32 statusVersion = 0;
+
+  XactStatus() = default;
+  XactStatus(U32 i, XactResult r, String c, U32 v) : id(i), result(r), comment(std::move(c)), statusVersion(v) {}
+  XactStatus(Zum::StrepIter& cur, Zum::StrepIter end);
+
+  bool operator==(const XactStatus&) const = default;
+  bool operator!() const { return *this == XactStatus(); }
+};
+
+// What an executor's work function returns. `xactInProgress` means the
+// executor will write the status itself later.
+struct ExecResult {
+  XactResult result = xactInProgress;
+  String comment;
+
+  ExecResult() = default;
+  ExecResult(XactResult r, String c = {}) : result(r), comment(std::move(c)) {}
+  ExecResult(Zum::StrepIter& cur, Zum::StrepIter end);
+
+  bool operator==(const ExecResult&) const = default;
+};
+
+String valueToStrep(const XactConfig& v);
+String valueToStrep(const XactStatus& v);
+String valueToStrep(const ExecResult& v);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, XactConfig* out);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, XactStatus* out);
+void sequenceToValue(Zum::StrepIter& cur, Zum::StrepIter end, ExecResult* out);
+std::ostream& operator<<(std::ostream& os, const XactConfig& v);
+std::ostream& operator<<(std::ostream& os, const XactStatus& v);
+std::ostream& operator<<(std::ostream& os, const ExecResult& v);
+
 // Configurations published to one executor, ordered by id. Written by the
 // aggregator only.
 class XactConfigDir : public XactNamedDir {
@@ -330,22 +332,7 @@ class XactAggregatorSm : public Zum::Entity {
  public:
   // Comments collected from the status directories while deciding an
   // outcome, keyed by directory name.
-  class XactComments {
-   public:
-    XactComments() = default;
-    // A collection has no text form to be built from; asserts.
-    XactComments(Zum::StrepIter& cur, Zum::StrepIter end);
-
-    String comment(const String& key) const { return comment_.get(key); }
-    const Xact::CommentMap& comment() const { return comment_; }
-    void commentIs(const String& key, const String& value) { comment_.set(key, value); }
-    void commentDel(const String& key) { comment_.del(key); }
-    void commentDelAll() { comment_ = {}; }
-
-   private:
-    Xact::CommentMap comment_;
-  };
-
+  class XactComments;
   class ZumBlockingXact;
   class ZumBlockedXact;
   class ZumXactStatusDir;
@@ -460,6 +447,23 @@ class XactAggregatorSm : public Zum::Entity {
   Seconds timeout_ = timeoutDefault;
 };
 
+// The comments of one outcome, keyed by status directory name.
+class XactAggregatorSm::XactComments {
+ public:
+  XactComments() = default;
+  // A collection has no text form to be built from; asserts.
+  XactComments(Zum::StrepIter& cur, Zum::StrepIter end);
+
+  String comment(const String& key) const { return comment_.get(key); }
+  const Xact::CommentMap& comment() const { return comment_; }
+  void commentIs(const String& key, const String& value) { comment_.set(key, value); }
+  void commentDel(const String& key) { comment_.del(key); }
+  void commentDelAll() { comment_ = {}; }
+
+ private:
+  Xact::CommentMap comment_;
+};
+
 // Watches one blocker of a blocked transaction; each change of the
 // blocker's statusVersion asks the aggregator to reconsider the blocked one.
 class XactAggregatorSm::ZumBlockingXact : public Zum::PtrInterface, public Xact::Notifiee {
@@ -502,8 +506,9 @@ Ptr<XactAggregatorSm> xactAggregatorSmFactory(const Zum::Name& name, const Ptr<Z
 // ---------------------------------------------------------------------------
 // The executor base.
 //
-// Derive, implement doExecute, and create the derived object with
-// Zum::create<Derived>(...) or XactExecutorSmIs<Derived>(...): the catch-up
+// An agent usually passes its work as a function to xactExecutorSmFactory
+// (below). Otherwise derive, implement doExecute, and create the derived
+// object with Zum::create<Derived>(...) or XactExecutorSmIs<Derived>(...): the catch-up
 // over configurations already present runs in handleInitialized(), not in
 // the constructor, where doExecute would still be the base's refusal (a
 // derived handleInitialized must call this one). Without a clock each
@@ -590,6 +595,25 @@ class XactExecutorSm : public Zum::Entity {
   Seconds backlogQuantum_ = backlogQuantumDefault;
   Ptr<ZumClock> clock_;
 };
+
+// An executor's work as a function: what doExecute returns, for one
+// configuration.
+using XactExecuteFn = std::function<ExecResult(const XactConfig& config)>;
+
+// An executor whose doExecute is `execute`, so an agent writes its work as a
+// lambda instead of a subclass:
+//
+//   auto exec = xactExecutorSmFactory("e1", configDir, statusDir, loop->clock(),
+//                                     [](const XactConfig& c) { return ExecResult(xactSuccess); });
+//
+// Everything else is the base's: the catch-up over configurations already
+// present runs before this returns (so `execute` may be called from inside
+// it), results reach the status directory as doExecute's do, and an
+// exception from `execute` propagates to whoever notified. An empty
+// `execute` throws RangeException and creates nothing.
+Ptr<XactExecutorSm> xactExecutorSmFactory(const Zum::Name& name, const Ptr<const XactConfigDir>& xactConfigDir,
+                                          const Ptr<XactStatusDir>& xactStatusDir, const Ptr<Zum::Clock>& clock,
+                                          XactExecuteFn execute);
 
 // Creates an executor of type T from the four constructor arguments. The
 // base type itself refuses every configuration it is given.

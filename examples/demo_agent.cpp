@@ -311,8 +311,11 @@ class XactModule : public DemoModule {
       aggregator_->xactConfigDirIs(configs);
       aggregator_->xactStatusDirIs(statuses);
       // executor-c refuses every 13th transaction, to show failures.
-      executors_.push_back(Zum::create<Executor>(name, configs, statuses, env.clock,
-                                                 String(name) == "executor-c" ? 13u : 0u));
+      const U32 failEvery = String(name) == "executor-c" ? 13 : 0;
+      executors_.push_back(xactExecutorSmFactory(name, configs, statuses, env.clock, [failEvery](const XactConfig& c) {
+        if (failEvery && c.id % failEvery == 0) return ExecResult(xactFailure, "injected failure");
+        return ExecResult(xactSuccess);
+      }));
     }
     env.commands->commandIs("xact", "xact [start <n>]: transaction outcomes, or start n now", 0, 2,
                             [this](const CommandArgs& a) { return command(a); });
@@ -336,20 +339,6 @@ class XactModule : public DemoModule {
   }
 
  private:
-  class Executor : public XactExecutorSm {
-   public:
-    Executor(const Zum::Name& name, const Ptr<XactConfigDir>& configs, const Ptr<XactStatusDir>& statuses,
-             const Ptr<Zum::Clock>& clock, U32 failEvery)
-        : XactExecutorSm(name, configs, statuses, clock), failEvery_(failEvery) {}
-    ExecResult doExecute(const XactConfig& config) override {
-      if (failEvery_ && config.id % failEvery_ == 0) return ExecResult(xactFailure, "injected failure");
-      return ExecResult(xactSuccess);
-    }
-
-   private:
-    U32 failEvery_;
-  };
-
   static String describe(const Xact& x) {
     String text = Zum::format("xact %u: %s", x.id(), stringValue(x.result()).c_str());
     for (const auto& [dir, comment] : x.comment()) text += " " + dir + "=" + comment;
@@ -399,7 +388,7 @@ class XactModule : public DemoModule {
   U32 nextId_ = 1;
   U64 succeeded_ = 0;
   U64 failed_ = 0;
-  std::vector<Ptr<Executor>> executors_;
+  std::vector<Ptr<XactExecutorSm>> executors_;
   Ptr<PeriodicTask> workload_;
 };
 

@@ -57,24 +57,6 @@ String xactLine(const Xact& x) {
   return text + "\n";
 }
 
-// Answers every configuration at once; fails the ids it is told to.
-class DemoExecutor : public XactExecutorSm {
- public:
-  DemoExecutor(const Zum::Name& name, const Ptr<const XactConfigDir>& c, const Ptr<XactStatusDir>& s,
-               const Ptr<Zum::Clock>& clock, int failDigit)
-      : XactExecutorSm(name, c, s, clock), failDigit_(failDigit) {}
-  ExecResult doExecute(const XactConfig& c) override {
-    ++executed_;
-    if (int(c.id % 10) == failDigit_) return ExecResult(xactFailure, "refused by " + name());
-    return ExecResult(xactSuccess);
-  }
-  U64 executed() const { return executed_; }
-
- private:
-  int failDigit_;
-  U64 executed_ = 0;
-};
-
 class Agent {
  public:
   explicit Agent(const Options& o) : loop_(Zum::activityManager()), commands_(simpleAgentSocketHandlerFactory(o.name)) {
@@ -149,12 +131,18 @@ class Agent {
   void executor(const Options& o) {
     auto status = xactStatusDirFactory(o.name);
     mirror_->publishedStatusDirIs(status);
-    executor_ = Zum::create<DemoExecutor>(o.name, mirror_->followedConfigDirIs(o.name), status, loop_->clock(),
-                                          o.failDigit);
+    // Answers every configuration at once; fails the ids it is told to.
+    const String refusal = "refused by " + o.name;
+    executor_ = xactExecutorSmFactory(o.name, mirror_->followedConfigDirIs(o.name), status, loop_->clock(),
+                                      [this, failDigit = o.failDigit, refusal](const XactConfig& c) {
+                                        ++executed_;
+                                        if (int(c.id % 10) == failDigit) return ExecResult(xactFailure, refusal);
+                                        return ExecResult(xactSuccess);
+                                      });
     commands_->commandIs("status", "status: configurations seen and answered", 0, 0, [this](const CommandArgs&) {
       return Zum::format("configurations %zu, executed %llu, statuses %zu\n",
                          executor_->xactConfigDir()->xactConfig().size(),
-                         (unsigned long long)executor_->executed(), executor_->xactStatusDir()->xactStatus().size());
+                         (unsigned long long)executed_, executor_->xactStatusDir()->xactStatus().size());
     });
   }
 
@@ -164,7 +152,8 @@ class Agent {
   Ptr<XactAggregatorSm> aggregator_;
   Ptr<XactDir> xacts_;
   U32 nextId_ = 0;
-  Ptr<DemoExecutor> executor_;
+  Ptr<XactExecutorSm> executor_;
+  U64 executed_ = 0;
 };
 
 Options parse(int argc, char** argv) {

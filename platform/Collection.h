@@ -63,6 +63,14 @@ class MapAttribute {
     auto it = items_.find(k);
     return it == items_.end() ? nullptr : &it->second;
   }
+  // Ordered maps only: the first entry whose key is not below `k`, or end().
+  const_iterator lowerBound(const key_type& k) const { return items_.lower_bound(k); }
+  // Positional set and del for a walk that already stands at the place,
+  // without a second search (amortised O(1) in an ordered map). setBefore
+  // stores an absent `k` whose successor is `next`; delAt removes the entry
+  // at `it` and returns the one after it.
+  void setBefore(const_iterator next, const key_type& k, const mapped_type& v) { items_.emplace_hint(next, k, v); }
+  const_iterator delAt(const_iterator it) { return items_.erase(it); }
   // The keys as they stand now: iterate this when the walk may change the map.
   std::vector<key_type> keys() const {
     std::vector<key_type> out;

@@ -22,9 +22,10 @@
 //     Zum::OrderedMap<String, String> label_;  // Collection.h
 //   };
 //
-// Every notifying setter is one of those calls, so the rule lives in
-// one place. Guarantees: notifiees are called in registration order; a
-// setter that stores an equal value calls nobody. From inside a
+// Every notifying setter is one of those calls (or the queue, positional and
+// get-or-create forms further down), so the rule lives in one place.
+// Guarantees: notifiees are called in registration order; a setter that
+// stores an equal value calls nobody. From inside a
 // reaction a notifiee may detach itself or any other notifiee, attach new
 // ones, or destroy itself: detached ones are not called afterwards, new ones
 // are first called on the next change, and nobody still attached is skipped.
@@ -203,6 +204,32 @@ class Notifier {
     if (!map.del(gone)) return false;
     notify(reaction, gone);
     return true;
+  }
+  // Get-or-create for a collection of owned entities: the value at `key`,
+  // or, when there is none, make()'s result stored there and announced.
+  template <class M, class Make, class N, class P>
+  typename M::mapped_type entryFoundOrIs(M& map, const typename M::key_type& key, Make&& make,
+                                         void (N::*reaction)(P)) const {
+    if (const typename M::mapped_type* present = map.find(key)) return *present;
+    typename M::mapped_type made = make();
+    entryIs(map, key, made, reaction);
+    return made;
+  }
+  // Positional forms for a walk over an ordered map (Collection.h's
+  // setBefore and delAt), announcing the key like entryIs and entryDel; a
+  // reaction must not change the map while the caller holds positions in it.
+  template <class M, class V, class N, class P>
+  void entryIsBefore(M& map, typename M::const_iterator next, const typename M::key_type& key, V&& v,
+                     void (N::*reaction)(P)) const {
+    map.setBefore(next, key, std::forward<V>(v));
+    notify(reaction, key);
+  }
+  template <class M, class N, class P>
+  typename M::const_iterator entryDelAt(M& map, typename M::const_iterator it, void (N::*reaction)(P)) const {
+    const typename M::key_type gone = it->first;
+    const typename M::const_iterator next = map.delAt(it);
+    notify(reaction, gone);
+    return next;
   }
   template <class M, class N, class P>
   void entryDelAll(M& map, void (N::*reaction)(P)) const {

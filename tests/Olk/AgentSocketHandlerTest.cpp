@@ -506,7 +506,9 @@ TEST(AgentSocketHandlerSendBufferDeathTest, FallbackServesWhenOptedIn) {
                       "trace: SO_SNDBUFFORCE not permitted, asking SO_SNDBUF instead\n"));
 }
 
-TEST_F(AgentSocketHandlerTest, MutatorsRefuseNull) {
+// Null arguments and a second handler for a client's descriptor are range
+// errors that leave no client behind.
+TEST_F(AgentSocketHandlerTest, MutatorsRefuseNullAndAClientCannotChangeHandler) {
   OlkTest::expectRangeError([&] { handler->agentSocketCallbackIs(nullptr); },
                             "null _agentSocketCallback parameter to mutator for "
                             "Olk::AgentSocketHandlerSm::agentSocketCallback not allowed\"");
@@ -518,13 +520,7 @@ TEST_F(AgentSocketHandlerTest, MutatorsRefuseNull) {
   OlkTest::expectRangeError([&] { handler->clientIs(fd, nullptr); },
                             "null _client parameter to mutator for Olk::AgentSocketHandlerSm::client not allowed\"");
   EXPECT_EQ(0u, handler->clientCount());
-  close(pair[1]);
-}
 
-TEST_F(AgentSocketHandlerTest, ClientConstructorAttributesCannotChange) {
-  int pair[2];
-  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-  auto fd = Zum::activityManager()->fileDescriptorNew(pair[0], clientFdName(pair[0]));
   auto client = handler->clientIs(fd, handler.ptr());
   EXPECT_EQ(client, handler->clientIs(fd, handler.ptr()));
   EXPECT_EQ(client, handler->client(clientFdName(pair[0])));
@@ -575,17 +571,7 @@ TEST_F(AgentSocketHandlerTest, RunCommandDeliversCommandText) {
   EXPECT_EQ("Socket name: " + name + "\nSent 16 bytes: echo hello world\n", out);
 }
 
-TEST_F(AgentSocketHandlerTest, StreamsDerivedTypeName) {
-  auto probe = Zum::create<ProbeSm>();
-  std::ostringstream s;
-  s << *probe;
-  EXPECT_NE(String::npos, s.str().find("ProbeSm"));
-  std::ostringstream h;
-  h << *handler;
-  EXPECT_EQ("Olk::AgentSocketHandlerSm", h.str());
-}
-
-TEST_F(AgentSocketHandlerTest, DumpShowsNamedDescriptorsClientsAndVerboseCommands) {
+TEST_F(AgentSocketHandlerTest, DumpAndStreamShowNamedDescriptorsClientsCommandsAndType) {
   FdRecorder fds;
   fds.notifierIs(handler);
   const int silent = OlkTest::connectToAgent(name);
@@ -614,6 +600,12 @@ TEST_F(AgentSocketHandlerTest, DumpShowsNamedDescriptorsClientsAndVerboseCommand
                       "  fd: " + clientName + "\n  client: " + clientName + "\n";
   EXPECT_EQ(once + once + "  command: echo (recorder)\n", text);
   close(silent);
+
+  // Streaming names the most-derived type.
+  std::ostringstream types;
+  types << *handler << ' ' << *Zum::create<ProbeSm>();
+  EXPECT_EQ(0u, types.str().find("Olk::AgentSocketHandlerSm "));
+  EXPECT_NE(String::npos, types.str().find("ProbeSm", 26));
 }
 
 TEST_F(AgentSocketHandlerTest, CallbackMayDropLastReferenceToHandler) {

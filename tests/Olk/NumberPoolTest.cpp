@@ -16,10 +16,15 @@ using OlkTest::expectRangeError;
 
 constexpr U32 top = 4294967295u;
 
+// Records each changed key and the pool's size() as the notifiee saw it.
 class PoolWatcher : public NumberPool::Notifiee {
  public:
-  void onPool(U32 max) override { keys.push_back(max); }
+  void onPool(U32 max) override {
+    keys.push_back(max);
+    sizes.push_back(notifier()->size());
+  }
   std::vector<U32> keys;
+  std::vector<U64> sizes;
 };
 
 std::vector<Range> rangesOf(const NumberPool& p) {
@@ -87,6 +92,45 @@ TEST(NumberPool, AdjacentAndBridgingRangesCoalesce) {
   p->addRange(Range(7, 8));
   EXPECT_EQ(rangesOf(*p), Ranges{Range(1, 12)});
   EXPECT_EQ(w.keys, (std::vector<U32>{6, 12, 12}));  // left removed, right removed, merged stored
+  EXPECT_EQ(w.sizes, (std::vector<U64>{4, 0, 12}));  // each change already counted when announced
+  // Deleting all goes key by key, ascending, with the same rule.
+  p->addRange(Range(20, 25));
+  p->poolDelAll();
+  EXPECT_EQ(w.keys, (std::vector<U32>{6, 12, 12, 25, 12, 25}));
+  EXPECT_EQ(w.sizes, (std::vector<U64>{4, 0, 12, 18, 6, 0}));
+}
+
+// Deletions in every shape: the ranges left, and the keys announced in the
+// order of the steps (split, ranges inside, left trim, right trim).
+TEST(NumberPool, DeletionsTrimSplitAndAnnounceInStepOrder) {
+  struct Case {
+    Ranges before;
+    Range deleted;
+    Ranges after;
+    std::vector<U32> keys;
+  };
+  const Case cases[] = {
+      {{Range(1, 20)}, Range(5, 9), {Range(1, 4), Range(10, 20)}, {20, 4, 20}},
+      {{Range(1, 20)}, Range(1, 20), {}, {20}},
+      {{Range(1, 5), Range(8, 9), Range(12, 20)}, Range(3, 14), {Range(1, 2), Range(15, 20)}, {9, 5, 2, 20, 20}},
+      {{Range(1, 5), Range(8, 9)}, Range(6, 7), {Range(1, 5), Range(8, 9)}, {}},
+      {{Range(1, 5), Range(8, 9)}, Range(10, top), {Range(1, 5), Range(8, 9)}, {}},
+      {{Range(0, top)}, Range(0, 0), {Range(1, top)}, {top, top}},
+      {{Range(0, top)}, Range(top, top), {Range(0, top - 1)}, {top, top - 1}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.deleted));
+    auto p = numberPoolFactory("p");
+    for (const Range& r : c.before) p->addRange(r);
+    PoolWatcher w;
+    w.notifierIs(p);
+    p->delRange(c.deleted);
+    EXPECT_EQ(rangesOf(*p), c.after);
+    EXPECT_EQ(w.keys, c.keys);
+    U64 size = 0;
+    for (const Range& r : c.after) size += r.size();
+    EXPECT_EQ(p->size(), size);
+  }
 }
 
 TEST(NumberPool, FullRangeHasSize2To32) {

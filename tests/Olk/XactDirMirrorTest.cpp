@@ -33,23 +33,17 @@ struct Behaviour {
   int silentFd = -1;
 };
 
-class TestExecutor : public XactExecutorSm {
- public:
-  TestExecutor(const Zum::Name& name, const Ptr<const XactConfigDir>& c, const Ptr<XactStatusDir>& s,
-               const Ptr<Zum::Clock>& clock, Behaviour b)
-      : XactExecutorSm(name, c, s, clock), behaviour_(b) {}
-  ExecResult doExecute(const XactConfig& c) override {
-    if (behaviour_.silentFd >= 0) {
-      [[maybe_unused]] auto n = ::write(behaviour_.silentFd, &c.id, sizeof c.id);
+// The work of an executor that behaves as `b` says.
+XactExecuteFn testExecution(Behaviour b) {
+  return [b](const XactConfig& c) {
+    if (b.silentFd >= 0) {
+      [[maybe_unused]] auto n = ::write(b.silentFd, &c.id, sizeof c.id);
       return ExecResult(xactInProgress);
     }
-    if (c.id % 997 == behaviour_.failSlot) return ExecResult(xactFailure, "refused");
+    if (c.id % 997 == b.failSlot) return ExecResult(xactFailure, "refused");
     return ExecResult(xactSuccess);
-  }
-
- private:
-  Behaviour behaviour_;
-};
+  };
+}
 
 // The body of an executor process: follows its configurations, publishes
 // its statuses, and runs its loop until killed.
@@ -59,7 +53,7 @@ std::function<void()> executorProcess(const String& socket, const String& name, 
     auto mirror = xactDirMirrorFactory(name, RedisAddress::unixSocket(socket), prefix, loop);
     auto status = xactStatusDirFactory(name);
     mirror->publishedStatusDirIs(status);
-    auto exec = Zum::create<TestExecutor>(name, mirror->followedConfigDirIs(name), status, loop->clock(), b);
+    auto exec = xactExecutorSmFactory(name, mirror->followedConfigDirIs(name), status, loop->clock(), testExecution(b));
     loop->run();
   };
 }
@@ -148,6 +142,19 @@ class XactDirMirrorTest : public ::testing::Test {
     return m;
   }
   bool runUntil(const std::function<bool()>& done) { return loop_->runUntil(done, patience); }
+  // Config directory "e1" published by mirror "pub" and followed by mirror "fol".
+  struct Shared {
+    Ptr<XactDirMirror> pub;
+    Ptr<XactConfigDir> config;
+    Ptr<XactDirMirror> fol;
+    Ptr<const XactConfigDir> followed;
+  };
+  Shared sharedConfigDir() {
+    Shared s{mirror("pub"), xactConfigDirFactory("e1"), mirror("fol"), nullptr};
+    s.pub->publishedConfigDirIs(s.config);
+    s.followed = s.fol->followedConfigDirIs("e1");
+    return s;
+  }
   Ptr<XactAggregatorSm> coordinator(const Ptr<XactDirMirror>& m, const std::vector<String>& names,
                                     std::map<String, Ptr<XactConfigDir>>* configs = nullptr) {
     return coordinatorOn(m, loop_->clock(), names, configs);
@@ -233,14 +240,10 @@ TEST_F(XactDirMirrorTest, LateFollowerSeesTenThousandEntriesAndTheWritesMadeWhil
 TEST_F(XactDirMirrorTest, UnreachableAtStartThenRestartedWithAndWithoutItsDataBothSidesCatchUp) {
   LogCapture logs;
   server_.stop();
-  auto pub = mirror("pub");
-  auto config = xactConfigDirFactory("e1");
-  pub->publishedConfigDirIs(config);
+  auto [pub, config, fol, followed] = sharedConfigDir();
   auto statusPub = mirror("exec");
   auto status = xactStatusDirFactory("e1");
   statusPub->publishedStatusDirIs(status);
-  auto fol = mirror("fol");
-  auto followed = fol->followedConfigDirIs("e1");
   StateLog states;
   states.notifierIs(fol);
   for (U32 id = 1; id <= 50; ++id) config->xactConfigIs({id, 1});
@@ -281,12 +284,8 @@ TEST_F(XactDirMirrorTest, UnreachableAtStartThenRestartedWithAndWithoutItsDataBo
 }
 
 TEST_F(XactDirMirrorTest, AServerThatStopsAnsweringIsDroppedAndRejoinedWhenItAnswersAgain) {
-  auto pub = mirror("pub");
+  auto [pub, config, fol, followed] = sharedConfigDir();
   pub->replyTimeoutIs(0.3);
-  auto config = xactConfigDirFactory("e1");
-  pub->publishedConfigDirIs(config);
-  auto fol = mirror("fol");
-  auto followed = fol->followedConfigDirIs("e1");
   StateLog states;
   states.notifierIs(pub);
   config->xactConfigIs({1, 1});

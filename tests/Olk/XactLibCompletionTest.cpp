@@ -8,6 +8,7 @@
 
 #include "Olk/TaskScheduler.h"
 #include "Olk/XactLib.h"
+#include "TestSupport.h"
 
 using namespace Olk;
 
@@ -132,23 +133,33 @@ TEST_F(CompletionFixture, CompletionMayWithdrawAndDeleteItsTransaction) {
   EXPECT_TRUE(agg->inProgressXact().empty());
 }
 
-// An executor that fails every `failEvery`th id and never answers every
-// `silentEvery`th one, so that runs end in all three ways.
-class Executor : public XactExecutorSm {
- public:
-  Executor(const Zum::Name& name, const Ptr<XactConfigDir>& configs, const Ptr<XactStatusDir>& statuses,
-           const Ptr<Zum::Clock>& clock, U32 failEvery, U32 silentEvery)
-      : XactExecutorSm(name, configs, statuses, clock), failEvery_(failEvery), silentEvery_(silentEvery) {}
-  ExecResult doExecute(const XactConfig& config) override {
-    if (silentEvery_ && config.id % silentEvery_ == 0) return ExecResult(xactInProgress);
-    if (failEvery_ && config.id % failEvery_ == 0) return ExecResult(xactFailure, "refused");
-    return ExecResult(xactSuccess);
-  }
+// Executors written as functions: their results and comments reach the
+// coordinator, also for configurations published before they existed (their
+// catch-up must run the function, not the base's refusal).
+TEST_F(CompletionFixture, FunctionExecutorsAnswerWithTheirResultsAndComments) {
+  attach();
+  agg->doStartXact(xacts->xactIs(1), record());
+  auto execA = xactExecutorSmFactory("a", configA, statusA, nullptr,
+                                     [](const XactConfig&) { return ExecResult(xactSuccess, "done"); });
+  auto execB = xactExecutorSmFactory("b", configB, statusB, nullptr, [](const XactConfig& c) {
+    return c.id == 2 ? ExecResult(xactFailure, "no room") : ExecResult(xactSuccess);
+  });
+  agg->doStartXact(xacts->xactIs(2), record());
+  EXPECT_EQ(seen, (std::vector<Seen>{{1, xactSuccess, {{"a", "done"}}, true},
+                                     {2, xactFailure, {{"a", "done"}, {"b", "no room"}}, true}}));
+  EXPECT_EQ(OlkTest::rangeErrorText([&] { xactExecutorSmFactory("c", configA, statusA, nullptr, nullptr); }),
+            "null _execute parameter to mutator for Olk::XactExecutorSm::execute not allowed\"");
+}
 
- private:
-  const U32 failEvery_;
-  const U32 silentEvery_;
-};
+// Fails every `failEvery`th id and never answers every `silentEvery`th one,
+// so that runs end in all three ways.
+XactExecuteFn soakExecution(U32 failEvery, U32 silentEvery) {
+  return [failEvery, silentEvery](const XactConfig& config) {
+    if (silentEvery && config.id % silentEvery == 0) return ExecResult(xactInProgress);
+    if (failEvery && config.id % failEvery == 0) return ExecResult(xactFailure, "refused");
+    return ExecResult(xactSuccess);
+  };
+}
 
 TEST(XactSoak, HundredThousandTransactionsKeepEveryCollectionBounded) {
   using namespace std::chrono_literals;
@@ -161,15 +172,15 @@ TEST(XactSoak, HundredThousandTransactionsKeepEveryCollectionBounded) {
   agg->timeoutIs(2.0);
   std::vector<Ptr<XactConfigDir>> configs;
   std::vector<Ptr<XactStatusDir>> statuses;
-  std::vector<Ptr<Executor>> executors;
+  std::vector<Ptr<XactExecutorSm>> executors;
   for (U32 i = 0; i < 3; ++i) {
     const String name = "executor-" + std::to_string(i);
     configs.push_back(xactConfigDirFactory(name));
     statuses.push_back(xactStatusDirFactory(name));
     agg->xactConfigDirIs(configs.back());
     agg->xactStatusDirIs(statuses.back());
-    executors.push_back(Zum::create<Executor>(name, configs.back(), statuses.back(), clock, i == 1 ? 13 : 0,
-                                              i == 2 ? 97 : 0));
+    executors.push_back(xactExecutorSmFactory(name, configs.back(), statuses.back(), clock,
+                                              soakExecution(i == 1 ? 13 : 0, i == 2 ? 97 : 0)));
   }
 
   U32 started = 0;

@@ -16,21 +16,14 @@ namespace {
 
 constexpr U32 xactCount = 1000;
 
-// Succeeds, through its clocked backlog when it has a clock; with
-// `failSevens` fails every id divisible by 7 instead, naming the id.
-class PlainExecutor : public XactExecutorSm {
- public:
-  PlainExecutor(const Zum::Name& name, const Ptr<const XactConfigDir>& c, const Ptr<XactStatusDir>& s,
-                const Ptr<Zum::Clock>& clock, bool failSevens = false)
-      : XactExecutorSm(name, c, s, clock), failSevens_(failSevens) {}
-  ExecResult doExecute(const XactConfig& cfg) override {
-    if (failSevens_ && cfg.id % 7 == 0) return ExecResult(xactFailure, "bad id " + std::to_string(cfg.id));
+// Succeeds; with `failSevens` fails every id divisible by 7 instead, naming
+// the id. Given a clock, its executor works through its backlog.
+XactExecuteFn plainWork(bool failSevens = false) {
+  return [failSevens](const XactConfig& cfg) {
+    if (failSevens && cfg.id % 7 == 0) return ExecResult(xactFailure, "bad id " + std::to_string(cfg.id));
     return ExecResult(xactSuccess);
-  }
-
- private:
-  const bool failSevens_;
-};
+  };
+}
 
 // Says "in progress" and writes its answers itself a little later.
 class LazyExecutor : public XactExecutorSm {
@@ -116,10 +109,10 @@ TEST(XactLoop, ThousandTransactionsEndRightOnceEach) {
     agg->xactConfigDirIs(cfg[name]);
     agg->xactStatusDirIs(st[name]);
   }
-  auto fast = Zum::create<PlainExecutor>("fast", cfg["fast"], st["fast"], nullptr);
-  auto slow = Zum::create<PlainExecutor>("slow", cfg["slow"], st["slow"], clock);
+  auto fast = xactExecutorSmFactory("fast", cfg["fast"], st["fast"], nullptr, plainWork());
+  auto slow = xactExecutorSmFactory("slow", cfg["slow"], st["slow"], clock, plainWork());
   slow->backlogQuantumIs(0.0);
-  auto failing = Zum::create<PlainExecutor>("failing", cfg["failing"], st["failing"], nullptr, true);
+  auto failing = xactExecutorSmFactory("failing", cfg["failing"], st["failing"], nullptr, plainWork(true));
   auto lazy = Zum::create<LazyExecutor>(cfg["lazy"], st["lazy"], clock);
 
   const Plan plan;
