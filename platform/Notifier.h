@@ -100,6 +100,7 @@ class NotifieeList {
   // during the walk (the owner is gone: touch nothing of it).
   template <class F>
   bool forEach(F&& f) {
+    if (live_ == 0) return true;  // most notifiers have nobody listening
     Walk walk(this);
     const std::size_t end = items_.size();
     for (std::size_t i = 0; i < end; ++i) {
