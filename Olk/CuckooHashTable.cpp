@@ -327,10 +327,7 @@ String valueToStrep(const TableStat& s) {
 }
 
 Ptr<TableStat> Status::tableStatIs(TableId tableId) {
-  if (Ptr<TableStat> present = tableStat_.get(tableId)) return present;
-  Ptr<TableStat> stat = tableStatFactory(tableId);
-  entryIs(tableStat_, tableId, stat, &Notifiee::onTableStat);
-  return stat;
+  return entryFoundOrIs(tableStat_, tableId, [&] { return tableStatFactory(tableId); }, &Notifiee::onTableStat);
 }
 
 void Status::tableStatDel(TableId tableId) {
