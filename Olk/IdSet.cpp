@@ -248,52 +248,86 @@ void IdSet::toSparse() {
 
 namespace {
 
-// mine[w] = op(mine[w], theirs[w]) for every word; answers how many are
-// non-zero. Four words a step, so that the compiler pairs them into vector
-// instructions.
+// out[w] = op(a[w], b[w]) for every word (out may be a); answers how many
+// are non-zero. The loop has no branch: a word counts through the top bit
+// of (word | -word), which is set exactly when the word is not 0, so the
+// compiler turns the whole loop, count included, into vector instructions.
 template <class Op>
-U32 combineWords(U64* mine, const U64* theirs, std::size_t words, Op op) {
-  U32 nonZero = 0;
-  std::size_t w = 0;
-  for (; w + 4 <= words; w += 4) {
-    const U64 a = op(mine[w], theirs[w]), b = op(mine[w + 1], theirs[w + 1]);
-    const U64 c = op(mine[w + 2], theirs[w + 2]), d = op(mine[w + 3], theirs[w + 3]);
-    mine[w] = a;
-    mine[w + 1] = b;
-    mine[w + 2] = c;
-    mine[w + 3] = d;
-    nonZero += (a != 0) + (b != 0) + (c != 0) + (d != 0);
+U32 combineWords(U64* out, const U64* a, const U64* b, std::size_t words, Op op) {
+  U64 nonZero = 0;
+  for (std::size_t w = 0; w < words; ++w) {
+    const U64 word = op(a[w], b[w]);
+    out[w] = word;
+    nonZero += (word | (0 - word)) >> 63;
   }
-  for (; w < words; ++w) {
-    mine[w] = op(mine[w], theirs[w]);
-    nonZero += mine[w] != 0;
-  }
-  return nonZero;
+  return static_cast<U32>(nonZero);
 }
+
+struct Union {
+  U64 operator()(U64 a, U64 b) const { return a | b; }
+};
+struct Difference {
+  U64 operator()(U64 a, U64 b) const { return a & ~b; }
+};
+struct Intersection {
+  U64 operator()(U64 a, U64 b) const { return a & b; }
+};
+struct SymDifference {
+  U64 operator()(U64 a, U64 b) const { return a ^ b; }
+};
 
 }  // namespace
 
-template <class Op>
-IdSet& IdSet::combine(const IdSet& other, Op op) {
-  ZUM_ASSERT(size() == other.size());
-  if (dense_ || other.dense_) {
-    // Word by word; a sparse operand is spread into a scratch array first.
-    if (!dense_) toDense();
-    U64 scratch[256];
-    const U64* theirs = other.word_.data();
-    if (!other.dense_) {
-      std::fill_n(scratch, word_.size(), 0);
-      for (const Bucket& b : other.bucket_) scratch[b.id.value()] = b.word;
-      theirs = scratch;
+const U64* IdSet::denseView(U64* scratch) const {
+  if (dense_) return word_.data();
+  std::fill_n(scratch, denseWords(), 0);
+  for (const Bucket& b : bucket_) scratch[b.id.value()] = b.word;
+  return scratch;
+}
+
+void IdSet::wordsAre(const U64* words, U32 nonZero) {
+  // The same border as fitForm() leaving the dense form, so a result has the
+  // form the in-place operation on a dense set would have left it in.
+  if (4 * nonZero < denseWords()) {
+    bucket_.clear();
+    bucket_.reserve(nonZero);
+    for (U32 w = 0; w < denseWords(); ++w) {
+      if (words[w]) bucket_.push_back(Bucket{BucketId(static_cast<U8>(w)), words[w]});
     }
-    nonZeroWords_ = combineWords(word_.data(), theirs, word_.size(), op);
-    fitForm();
-    return *this;
+    std::vector<U64>().swap(word_);
+    nonZeroWords_ = 0;
+    dense_ = false;
+    return;
+  }
+  word_.assign(words, words + denseWords());
+  Buckets().swap(bucket_);
+  nonZeroWords_ = nonZero;
+  dense_ = true;
+}
+
+template <class Op>
+void IdSet::assignCombined(const IdSet& left, const IdSet& right, Op op) {
+  if (left.dense_ || right.dense_) {
+    // Word by word; a sparse operand is spread over a scratch array. An
+    // in-place dense set takes the result in its own words.
+    U64 leftScratch[256], rightScratch[256], result[256];
+    const U64* a = left.denseView(leftScratch);
+    const U64* b = right.denseView(rightScratch);
+    const bool inOwnWords = &left == this && dense_;
+    U64* out = inOwnWords ? word_.data() : result;
+    const U32 nonZero = combineWords(out, a, b, denseWords(), op);
+    if (inOwnWords) {
+      nonZeroWords_ = nonZero;
+      fitForm();
+    } else {
+      wordsAre(out, nonZero);
+    }
+    return;
   }
   Buckets out;
-  out.reserve(bucket_.size() + other.bucket_.size());
-  auto a = bucket_.cbegin(), aEnd = bucket_.cend();
-  auto b = other.bucket_.cbegin(), bEnd = other.bucket_.cend();
+  out.reserve(left.bucket_.size() + right.bucket_.size());
+  auto a = left.bucket_.cbegin(), aEnd = left.bucket_.cend();
+  auto b = right.bucket_.cbegin(), bEnd = right.bucket_.cend();
   while (a != aEnd || b != bEnd) {
     BucketId id;
     U64 mine = 0, theirs = 0;
@@ -312,24 +346,31 @@ IdSet& IdSet::combine(const IdSet& other, Op op) {
   }
   bucket_.swap(out);
   fitForm();
+}
+
+template <class Op>
+IdSet& IdSet::combine(const IdSet& other, Op op) {
+  ZUM_ASSERT(size() == other.size());
+  assignCombined(*this, other, op);
   return *this;
 }
 
-IdSet& IdSet::operator|=(const IdSet& other) {
-  return combine(other, [](U64 a, U64 b) { return a | b; });
+template <class Op>
+IdSet IdSet::combined(const IdSet& other, Op op) const {
+  ZUM_ASSERT(size() == other.size());
+  IdSet result(*this, NoIds{});
+  result.assignCombined(*this, other, op);
+  return result;
 }
 
-IdSet& IdSet::operator-=(const IdSet& other) {
-  return combine(other, [](U64 a, U64 b) { return a & ~b; });
-}
-
-IdSet& IdSet::operator&=(const IdSet& other) {
-  return combine(other, [](U64 a, U64 b) { return a & b; });
-}
-
-IdSet& IdSet::operator^=(const IdSet& other) {
-  return combine(other, [](U64 a, U64 b) { return a ^ b; });
-}
+IdSet& IdSet::operator|=(const IdSet& other) { return combine(other, Union{}); }
+IdSet& IdSet::operator-=(const IdSet& other) { return combine(other, Difference{}); }
+IdSet& IdSet::operator&=(const IdSet& other) { return combine(other, Intersection{}); }
+IdSet& IdSet::operator^=(const IdSet& other) { return combine(other, SymDifference{}); }
+IdSet IdSet::operator|(const IdSet& other) const { return combined(other, Union{}); }
+IdSet IdSet::operator-(const IdSet& other) const { return combined(other, Difference{}); }
+IdSet IdSet::operator&(const IdSet& other) const { return combined(other, Intersection{}); }
+IdSet IdSet::operator^(const IdSet& other) const { return combined(other, SymDifference{}); }
 
 IdSet IdSet::operator~() const {
   IdSet result(*this);

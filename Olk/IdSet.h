@@ -164,10 +164,10 @@ class IdSet {
   IdSet& operator-=(const IdSet& other);
   IdSet& operator&=(const IdSet& other);
   IdSet& operator^=(const IdSet& other);
-  IdSet operator|(const IdSet& other) const { return IdSet(*this) |= other; }
-  IdSet operator-(const IdSet& other) const { return IdSet(*this) -= other; }
-  IdSet operator&(const IdSet& other) const { return IdSet(*this) &= other; }
-  IdSet operator^(const IdSet& other) const { return IdSet(*this) ^= other; }
+  IdSet operator|(const IdSet& other) const;
+  IdSet operator-(const IdSet& other) const;
+  IdSet operator&(const IdSet& other) const;
+  IdSet operator^(const IdSet& other) const;
   IdSet union_py(const IdSet& other) const { return *this | other; }
   IdSet difference_py(const IdSet& other) const { return *this - other; }
   IdSet intersection_py(const IdSet& other) const { return *this & other; }
@@ -194,6 +194,11 @@ class IdSet {
     U64 word;  // never 0: a bucket whose word becomes 0 is removed
   };
   using Buckets = std::vector<Bucket>;
+
+  // Tag for a set with another's size and initial id but no ids, the
+  // starting point of a new-value result (the initial id is not set).
+  struct NoIds {};
+  IdSet(const IdSet& like, NoIds) : size_(like.size_), initialId_(like.initialId_) {}
 
   void handleInitialized();
   // Fails the check "bitPos.value() < size()" for an id at or above the limit.
@@ -227,9 +232,23 @@ class IdSet {
   Id denseIdFromWord(U32 w, IdCursor* cursor) const;
   // The id of the lowest bit of `rest`, a non-zero part of dense word `w`.
   static Id denseIdAt(U32 w, U64 rest, IdCursor* cursor);
-  // Replaces the buckets by op(mine, theirs) over the union of bucket numbers.
+  // The dense form's words of this set: word_ itself, or the sparse buckets
+  // spread over `scratch` (denseWords() long).
+  const U64* denseView(U64* scratch) const;
+  // Replaces the ids by the `nonZero` non-zero words among `words`
+  // (denseWords() long), in the form that suits that many.
+  void wordsAre(const U64* words, U32 nonZero);
+  // Makes this set op(left, right), word by word over the union of bucket
+  // numbers; `left` is this set itself (in place) or this set is a NoIds
+  // shell (new value). Only the result is allocated, and nothing at all when
+  // an in-place dense set stays dense.
+  template <class Op>
+  void assignCombined(const IdSet& left, const IdSet& right, Op op);
+  // The in-place and new-value forms of the algebra.
   template <class Op>
   IdSet& combine(const IdSet& other, Op op);
+  template <class Op>
+  IdSet combined(const IdSet& other, Op op) const;
 
   U16 size_;
   Id initialId_;
