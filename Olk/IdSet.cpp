@@ -203,7 +203,7 @@ void IdSet::updateBucket(BucketId b, U64 word) {
   if (dense_) {
     ZUM_ASSERT(b.value() < word_.size());
     U64& slot = word_[b.value()];
-    nonZeroWords_ = nonZeroWords_ - (slot != 0) + (word != 0);
+    nonZeroWords_ = denseNonZero() - (slot != 0) + (word != 0);
     slot = word;
     fitForm();
     return;
@@ -238,7 +238,7 @@ void IdSet::toDense() {
 
 void IdSet::toSparse() {
   Buckets buckets;
-  buckets.reserve(nonZeroWords_);
+  buckets.reserve(this->buckets());
   forEachBucket([&buckets](U32 b, U64 word) { buckets.push_back(Bucket{BucketId(static_cast<U8>(b)), word}); });
   bucket_.swap(buckets);
   std::vector<U64>().swap(word_);
@@ -248,35 +248,53 @@ void IdSet::toSparse() {
 
 namespace {
 
+// 1 for a non-zero word, 0 for 0, without a branch: the top bit of
+// (word | -word) is set exactly when the word is not 0. Loops summing it
+// compile to vector instructions.
+constexpr U64 nonZeroBit(U64 word) { return (word | (0 - word)) >> 63; }
+
 // out[w] = op(a[w], b[w]) for every word (out may be a); answers how many
-// are non-zero. The loop has no branch: a word counts through the top bit
-// of (word | -word), which is set exactly when the word is not 0, so the
-// compiler turns the whole loop, count included, into vector instructions.
-template <class Op>
+// are non-zero when `counted`, else 0.
+template <bool counted, class Op>
 U32 combineWords(U64* out, const U64* a, const U64* b, std::size_t words, Op op) {
   U64 nonZero = 0;
   for (std::size_t w = 0; w < words; ++w) {
     const U64 word = op(a[w], b[w]);
     out[w] = word;
-    nonZero += (word | (0 - word)) >> 63;
+    if constexpr (counted) nonZero += nonZeroBit(word);
   }
   return static_cast<U32>(nonZero);
 }
 
+// The word operations; `keepsEveryId`: the result holds every id of both
+// operands, so it is dense whenever one of them is.
 struct Union {
+  static constexpr bool keepsEveryId = true;
   U64 operator()(U64 a, U64 b) const { return a | b; }
 };
 struct Difference {
+  static constexpr bool keepsEveryId = false;
   U64 operator()(U64 a, U64 b) const { return a & ~b; }
 };
 struct Intersection {
+  static constexpr bool keepsEveryId = false;
   U64 operator()(U64 a, U64 b) const { return a & b; }
 };
 struct SymDifference {
+  static constexpr bool keepsEveryId = false;
   U64 operator()(U64 a, U64 b) const { return a ^ b; }
 };
 
 }  // namespace
+
+U32 IdSet::denseNonZero() const {
+  if (nonZeroWords_ == uncounted) {
+    U64 n = 0;
+    for (U64 word : word_) n += nonZeroBit(word);
+    nonZeroWords_ = static_cast<U32>(n);
+  }
+  return nonZeroWords_;
+}
 
 const U64* IdSet::denseView(U64* scratch) const {
   if (dense_) return word_.data();
@@ -288,7 +306,7 @@ const U64* IdSet::denseView(U64* scratch) const {
 void IdSet::wordsAre(const U64* words, U32 nonZero) {
   // The same border as fitForm() leaving the dense form, so a result has the
   // form the in-place operation on a dense set would have left it in.
-  if (4 * nonZero < denseWords()) {
+  if (nonZero != uncounted && 4 * nonZero < denseWords()) {
     bucket_.clear();
     bucket_.reserve(nonZero);
     for (U32 w = 0; w < denseWords(); ++w) {
@@ -315,10 +333,15 @@ void IdSet::assignCombined(const IdSet& left, const IdSet& right, Op op) {
     const U64* b = right.denseView(rightScratch);
     const bool inOwnWords = &left == this && dense_;
     U64* out = inOwnWords ? word_.data() : result;
-    const U32 nonZero = combineWords(out, a, b, denseWords(), op);
+    U32 nonZero = uncounted;
+    if constexpr (Op::keepsEveryId) {
+      combineWords<false>(out, a, b, denseWords(), op);
+    } else {
+      nonZero = combineWords<true>(out, a, b, denseWords(), op);
+    }
     if (inOwnWords) {
       nonZeroWords_ = nonZero;
-      fitForm();
+      if (nonZero != uncounted) fitForm();  // a union leaves a dense set dense
     } else {
       wordsAre(out, nonZero);
     }

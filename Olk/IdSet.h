@@ -14,7 +14,8 @@
 // Cost: dense sets answer membership, updates and `nextId` in O(1) and do the
 // algebra word by word; sparse sets O(log b) for b stored buckets and a merge
 // walk, O(b1 + b2). An iterator steps in O(1) amortised in either form.
-// A plain value: copy it freely; not shared between threads.
+// A plain value: copy it freely; not shared between threads (even a read
+// may fill in a count that a union left to be taken later).
 #pragma once
 
 #include <bit>
@@ -155,8 +156,9 @@ class IdSet {
 
   // The word of bucket `b`, 0 when the bucket is not stored.
   U64 bucketValue(BucketId b) const;
-  // The number of non-zero buckets.
-  U32 buckets() const { return dense_ ? nonZeroWords_ : static_cast<U32>(bucket_.size()); }
+  // The number of non-zero buckets. After a union of dense words it is
+  // counted here, once, on first use.
+  U32 buckets() const { return dense_ ? denseNonZero() : static_cast<U32>(bucket_.size()); }
 
   // Set algebra; both operands must have the same size. The new-value forms
   // keep the left operand's size and initial id.
@@ -195,6 +197,9 @@ class IdSet {
   };
   using Buckets = std::vector<Bucket>;
 
+  // nonZeroWords_ after a union of dense words, until something asks.
+  static constexpr U32 uncounted = ~U32{0};
+
   // Tag for a set with another's size and initial id but no ids, the
   // starting point of a new-value result (the initial id is not set).
   struct NoIds {};
@@ -207,6 +212,8 @@ class IdSet {
   [[noreturn]] void failNextIdBeyondLimit() const;
   // Words of the dense form: one per bucket number in use, at most 256.
   U32 denseWords() const { return maxBuckets() < 256 ? maxBuckets() : 256; }
+  // The dense form's non-zero words, counted now if a union left them uncounted.
+  U32 denseNonZero() const;
   // Stores a word (0 removes the bucket) and then fits the form.
   void updateBucket(BucketId b, U64 word);
   // Switches form when the other one would now be smaller (with hysteresis).
@@ -236,7 +243,8 @@ class IdSet {
   // spread over `scratch` (denseWords() long).
   const U64* denseView(U64* scratch) const;
   // Replaces the ids by the `nonZero` non-zero words among `words`
-  // (denseWords() long), in the form that suits that many.
+  // (denseWords() long), in the form that suits that many; `uncounted`
+  // stands for enough to stay dense.
   void wordsAre(const U64* words, U32 nonZero);
   // Makes this set op(left, right), word by word over the union of bucket
   // numbers; `left` is this set itself (in place) or this set is a NoIds
@@ -253,7 +261,11 @@ class IdSet {
   U16 size_;
   Id initialId_;
   bool dense_ = false;    // which of the two forms below holds the ids
-  U32 nonZeroWords_ = 0;  // dense form: the non-zero entries of word_
+  // Dense form: the non-zero entries of word_, or `uncounted`. A union with a
+  // dense operand cannot leave the dense form (it keeps every id of that
+  // operand), so it skips the count, which would double the cost of its
+  // word loop; the count is taken when first needed.
+  mutable U32 nonZeroWords_ = 0;
   Buckets bucket_;        // sparse form: ordered by bucket number, unique; empty while dense
   std::vector<U64> word_; // dense form: denseWords() words by bucket number; empty while sparse
 

@@ -238,20 +238,21 @@ TEST(IdSet, WalkSeesChangesAheadOfItInADenseSet) {
 // dense on either side), in place or into a new value, and a result may
 // change form. Every pairing of an empty, a sparse, a half-full and a full
 // set is checked against a plain model, including the non-zero bucket count
-// that decides the form.
+// that decides the form, before and after a further update.
 TEST(IdSet, AlgebraMatchesAModelInEveryPairingOfForms) {
   constexpr U16 size = 1000;  // 16 buckets: dense above 8 in use
   using Model = std::set<U16>;
-  auto makeSet = [](U32 stride, U32 phase) {
+  auto makeSet = [](U32 stride, U32 phase, U32 end = 1000) {
     std::pair<IdSet, Model> out{IdSet(size, Id::null()), {}};
-    for (U32 v = phase; stride && v < size; v += stride) {
+    for (U32 v = phase; stride && v < end; v += stride) {
       out.first.idIs(static_cast<U16>(v), true);
       out.second.insert(static_cast<U16>(v));
     }
     return out;
   };
-  const std::pair<IdSet, Model> sets[] = {makeSet(0, 0), makeSet(300, 5), makeSet(2, 1), makeSet(1, 0),
-                                          makeSet(130, 64), makeSet(3, 2)};
+  // Empty, sparse, dense, full, at the border, and dense with empty words.
+  const std::pair<IdSet, Model> sets[] = {makeSet(0, 0),    makeSet(300, 5),  makeSet(2, 1),
+                                          makeSet(1, 0),    makeSet(130, 64), makeSet(5, 2, 768)};
   auto text = [](const Model& m) {
     IdSet s(size, Id::null());
     for (U16 v : m) s.idIs(v, true);
@@ -287,6 +288,18 @@ TEST(IdSet, AlgebraMatchesAModelInEveryPairingOfForms) {
         inPlaceOp(inPlace, right);
         const IdSet* const results[] = {&fresh, &inPlace};
         for (const IdSet* result : results) {
+          // An update before anything else reads the result, so a count it
+          // left to be taken later must be taken right by the update: one
+          // that may empty a word (905 is alone in its word in one operand),
+          // one that may fill an empty word.
+          for (U16 flip : {905, size - 1}) {
+            IdSet touched = *result;
+            Model touchedWant = want;
+            touched.idIs(flip, !want.count(flip));
+            if (!touchedWant.erase(flip)) touchedWant.insert(flip);
+            EXPECT_EQ(bucketsOf(touchedWant), touched.buckets());
+            EXPECT_EQ(text(touchedWant), touched.stringValue());
+          }
           EXPECT_EQ(text(want), result->stringValue());
           EXPECT_EQ(bucketsOf(want), result->buckets());
           EXPECT_EQ(want.size(), result->ids());
