@@ -326,24 +326,21 @@ void IdSet::wordsAre(const U64* words, U32 nonZero) {
 template <class Op>
 void IdSet::assignCombined(const IdSet& left, const IdSet& right, Op op) {
   if (left.dense_ || right.dense_) {
-    // Word by word; a sparse operand is spread over a scratch array. An
-    // in-place dense set takes the result in its own words.
+    // Word by word; a sparse operand is spread over a scratch array.
     U64 leftScratch[256], rightScratch[256], result[256];
     const U64* a = left.denseView(leftScratch);
     const U64* b = right.denseView(rightScratch);
-    const bool inOwnWords = &left == this && dense_;
-    U64* out = inOwnWords ? word_.data() : result;
-    U32 nonZero = uncounted;
-    if constexpr (Op::keepsEveryId) {
-      combineWords<false>(out, a, b, denseWords(), op);
+    if (&left == this && dense_) {
+      // In place a dense set takes the result in its own words and stays
+      // dense: counting the words would double the cost of the loop, so the
+      // count waits for the first question and the form for the next update.
+      combineWords<false>(word_.data(), a, b, denseWords(), op);
+      nonZeroWords_ = uncounted;
+    } else if (Op::keepsEveryId) {
+      combineWords<false>(result, a, b, denseWords(), op);
+      wordsAre(result, uncounted);
     } else {
-      nonZero = combineWords<true>(out, a, b, denseWords(), op);
-    }
-    if (inOwnWords) {
-      nonZeroWords_ = nonZero;
-      if (nonZero != uncounted) fitForm();  // a union leaves a dense set dense
-    } else {
-      wordsAre(out, nonZero);
+      wordsAre(result, combineWords<true>(result, a, b, denseWords(), op));
     }
     return;
   }

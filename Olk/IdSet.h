@@ -10,12 +10,13 @@
 // A set keeps whichever of two forms is smaller: sparse, only its non-zero
 // buckets in bucket order; or dense, one word per bucket number. It turns
 // dense when more than half the buckets are used and sparse again below a
-// quarter, so a set near the border does not flip on every update.
+// quarter, so a set near the border does not flip on every update. The
+// algebra in place keeps a dense set dense until its next one-id update.
 // Cost: dense sets answer membership, updates and `nextId` in O(1) and do the
 // algebra word by word; sparse sets O(log b) for b stored buckets and a merge
 // walk, O(b1 + b2). An iterator steps in O(1) amortised in either form.
 // A plain value: copy it freely; not shared between threads (even a read
-// may fill in a count that a union left to be taken later).
+// may fill in a count that the algebra left to be taken later).
 #pragma once
 
 #include <bit>
@@ -156,8 +157,8 @@ class IdSet {
 
   // The word of bucket `b`, 0 when the bucket is not stored.
   U64 bucketValue(BucketId b) const;
-  // The number of non-zero buckets. After a union of dense words it is
-  // counted here, once, on first use.
+  // The number of non-zero buckets. After in-place algebra on a dense set
+  // or a union with a dense operand it is counted here, once, on first use.
   U32 buckets() const { return dense_ ? denseNonZero() : static_cast<U32>(bucket_.size()); }
 
   // Set algebra; both operands must have the same size. The new-value forms
@@ -197,7 +198,7 @@ class IdSet {
   };
   using Buckets = std::vector<Bucket>;
 
-  // nonZeroWords_ after a union of dense words, until something asks.
+  // nonZeroWords_ after algebra that skipped the count, until something asks.
   static constexpr U32 uncounted = ~U32{0};
 
   // Tag for a set with another's size and initial id but no ids, the
@@ -212,7 +213,7 @@ class IdSet {
   [[noreturn]] void failNextIdBeyondLimit() const;
   // Words of the dense form: one per bucket number in use, at most 256.
   U32 denseWords() const { return maxBuckets() < 256 ? maxBuckets() : 256; }
-  // The dense form's non-zero words, counted now if a union left them uncounted.
+  // The dense form's non-zero words, counted now if the algebra left them uncounted.
   U32 denseNonZero() const;
   // Stores a word (0 removes the bucket) and then fits the form.
   void updateBucket(BucketId b, U64 word);
@@ -261,10 +262,11 @@ class IdSet {
   U16 size_;
   Id initialId_;
   bool dense_ = false;    // which of the two forms below holds the ids
-  // Dense form: the non-zero entries of word_, or `uncounted`. A union with a
-  // dense operand cannot leave the dense form (it keeps every id of that
-  // operand), so it skips the count, which would double the cost of its
-  // word loop; the count is taken when first needed.
+  // Dense form: the non-zero entries of word_, or `uncounted`. Counting in
+  // the algebra's word loop would double its cost, so the loop skips it
+  // where it can decide the form without it: in place on a dense set (which
+  // stays dense until its next update) and for a union with a dense operand
+  // (a superset of it). The count is taken when first needed.
   mutable U32 nonZeroWords_ = 0;
   Buckets bucket_;        // sparse form: ordered by bucket number, unique; empty while dense
   std::vector<U64> word_; // dense form: denseWords() words by bucket number; empty while sparse
