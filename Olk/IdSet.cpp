@@ -326,17 +326,32 @@ void IdSet::wordsAre(const U64* words, U32 nonZero) {
 template <class Op>
 void IdSet::assignCombined(const IdSet& left, const IdSet& right, Op op) {
   if (left.dense_ || right.dense_) {
-    // Word by word; a sparse operand is spread over a scratch array.
-    U64 leftScratch[256], rightScratch[256], result[256];
+    // Word by word; a sparse operand is spread over a scratch array. A new
+    // value from a dense set starts as a copy of its words.
+    U64 scratch[256], leftScratch[256];
+    const U64* b = right.denseView(scratch);
+    if (&left != this && left.dense_) {
+      word_ = left.word_;
+      dense_ = true;
+    }
+    if (dense_) {
+      if (&left == this || Op::keepsEveryId) {
+        // In place a dense set stays dense, and a union keeps every id of
+        // its dense operand: no count is needed to know the form, and
+        // counting would double the cost of the loop. The count waits for
+        // the first question and the form for the next update.
+        combineWords<false>(word_.data(), word_.data(), b, denseWords(), op);
+        nonZeroWords_ = uncounted;
+      } else {
+        nonZeroWords_ = combineWords<true>(word_.data(), word_.data(), b, denseWords(), op);
+        fitForm();
+      }
+      return;
+    }
+    // Sparse before, into whichever form suits the result.
+    U64 result[256];
     const U64* a = left.denseView(leftScratch);
-    const U64* b = right.denseView(rightScratch);
-    if (&left == this && dense_) {
-      // In place a dense set takes the result in its own words and stays
-      // dense: counting the words would double the cost of the loop, so the
-      // count waits for the first question and the form for the next update.
-      combineWords<false>(word_.data(), a, b, denseWords(), op);
-      nonZeroWords_ = uncounted;
-    } else if (Op::keepsEveryId) {
+    if (Op::keepsEveryId) {
       combineWords<false>(result, a, b, denseWords(), op);
       wordsAre(result, uncounted);
     } else {
