@@ -121,6 +121,24 @@ void measureCopy(benchmark::State& state, const Set& set, HeapBytes heapBytes) {
   }
 }
 
+// Times op(a, b) on two sets that `make(universe, ids)` builds from the
+// operands' id lists.
+template <class Make, class Op>
+void measureBinary(benchmark::State& state, Make make, Op op) {
+  Operands o = operands(state);
+  auto a = make(o.universe, o.a), b = make(o.universe, o.b);
+  for (auto _ : state) benchmark::DoNotOptimize(op(a, b));
+}
+
+// The binary operations, the same for every implementation. In place the
+// left operand takes the result, so no result is allocated; the first
+// iteration settles it (a | b, or a & b) and every later one redoes the same
+// work on the same words.
+constexpr auto unionOf = [](auto& a, const auto& b) { return a | b; };
+constexpr auto intersectionOf = [](auto& a, const auto& b) { return a & b; };
+constexpr auto unionInPlace = [](auto& a, const auto& b) -> auto& { return a |= b; };
+constexpr auto intersectionInPlace = [](auto& a, const auto& b) -> auto& { return a &= b; };
+
 // --- IdSet --------------------------------------------------------------------
 
 void Copy_Olk(benchmark::State& state) {
@@ -128,32 +146,13 @@ void Copy_Olk(benchmark::State& state) {
   measureCopy(state, makeIdSet(o.universe, o.a), [](const IdSet&, std::size_t bytes) { return bytes; });
 }
 
-void Union_Olk(benchmark::State& state) {
-  Operands o = operands(state);
-  IdSet a = makeIdSet(o.universe, o.a), b = makeIdSet(o.universe, o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a | b);
-}
+void Union_Olk(benchmark::State& state) { measureBinary(state, makeIdSet, unionOf); }
 
-void Intersection_Olk(benchmark::State& state) {
-  Operands o = operands(state);
-  IdSet a = makeIdSet(o.universe, o.a), b = makeIdSet(o.universe, o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a & b);
-}
+void Intersection_Olk(benchmark::State& state) { measureBinary(state, makeIdSet, intersectionOf); }
 
-// In place: the left operand takes the result, so no result is allocated.
-// The first iteration settles it (a | b, or a & b); every later one redoes
-// the same work on the same words.
-void UnionInPlace_Olk(benchmark::State& state) {
-  Operands o = operands(state);
-  IdSet a = makeIdSet(o.universe, o.a), b = makeIdSet(o.universe, o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a |= b);
-}
+void UnionInPlace_Olk(benchmark::State& state) { measureBinary(state, makeIdSet, unionInPlace); }
 
-void IntersectionInPlace_Olk(benchmark::State& state) {
-  Operands o = operands(state);
-  IdSet a = makeIdSet(o.universe, o.a), b = makeIdSet(o.universe, o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a &= b);
-}
+void IntersectionInPlace_Olk(benchmark::State& state) { measureBinary(state, makeIdSet, intersectionInPlace); }
 
 void Iteration_Olk(benchmark::State& state) {
   Operands o = operands(state);
@@ -188,29 +187,13 @@ void Copy_DynamicBitset(benchmark::State& state) {
               [](const boost::dynamic_bitset<U64>&, std::size_t bytes) { return bytes; });
 }
 
-void Union_DynamicBitset(benchmark::State& state) {
-  Operands o = operands(state);
-  auto a = makeBitset(o.universe, o.a), b = makeBitset(o.universe, o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a | b);
-}
+void Union_DynamicBitset(benchmark::State& state) { measureBinary(state, makeBitset, unionOf); }
 
-void Intersection_DynamicBitset(benchmark::State& state) {
-  Operands o = operands(state);
-  auto a = makeBitset(o.universe, o.a), b = makeBitset(o.universe, o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a & b);
-}
+void Intersection_DynamicBitset(benchmark::State& state) { measureBinary(state, makeBitset, intersectionOf); }
 
-void UnionInPlace_DynamicBitset(benchmark::State& state) {
-  Operands o = operands(state);
-  auto a = makeBitset(o.universe, o.a), b = makeBitset(o.universe, o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a |= b);
-}
+void UnionInPlace_DynamicBitset(benchmark::State& state) { measureBinary(state, makeBitset, unionInPlace); }
 
-void IntersectionInPlace_DynamicBitset(benchmark::State& state) {
-  Operands o = operands(state);
-  auto a = makeBitset(o.universe, o.a), b = makeBitset(o.universe, o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a &= b);
-}
+void IntersectionInPlace_DynamicBitset(benchmark::State& state) { measureBinary(state, makeBitset, intersectionInPlace); }
 
 void Iteration_DynamicBitset(benchmark::State& state) {
   Operands o = operands(state);
@@ -265,6 +248,8 @@ Roaring makeRoaring(const std::vector<U16>& ids) {
   return r;
 }
 
+Roaring makeRoaringOf(U16, const std::vector<U16>& ids) { return makeRoaring(ids); }
+
 void Copy_CRoaring(benchmark::State& state) {
   Operands o = operands(state);
   // CRoaring allocates with malloc, out of operator new's sight: its own
@@ -272,29 +257,13 @@ void Copy_CRoaring(benchmark::State& state) {
   measureCopy(state, makeRoaring(o.a), [](const Roaring& r, std::size_t) { return r.getSizeInBytes(false); });
 }
 
-void Union_CRoaring(benchmark::State& state) {
-  Operands o = operands(state);
-  Roaring a = makeRoaring(o.a), b = makeRoaring(o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a | b);
-}
+void Union_CRoaring(benchmark::State& state) { measureBinary(state, makeRoaringOf, unionOf); }
 
-void Intersection_CRoaring(benchmark::State& state) {
-  Operands o = operands(state);
-  Roaring a = makeRoaring(o.a), b = makeRoaring(o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a & b);
-}
+void Intersection_CRoaring(benchmark::State& state) { measureBinary(state, makeRoaringOf, intersectionOf); }
 
-void UnionInPlace_CRoaring(benchmark::State& state) {
-  Operands o = operands(state);
-  Roaring a = makeRoaring(o.a), b = makeRoaring(o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a |= b);
-}
+void UnionInPlace_CRoaring(benchmark::State& state) { measureBinary(state, makeRoaringOf, unionInPlace); }
 
-void IntersectionInPlace_CRoaring(benchmark::State& state) {
-  Operands o = operands(state);
-  Roaring a = makeRoaring(o.a), b = makeRoaring(o.b);
-  for (auto _ : state) benchmark::DoNotOptimize(a &= b);
-}
+void IntersectionInPlace_CRoaring(benchmark::State& state) { measureBinary(state, makeRoaringOf, intersectionInPlace); }
 
 void Iteration_CRoaring(benchmark::State& state) {
   Operands o = operands(state);
