@@ -304,8 +304,8 @@ const U64* IdSet::denseView(U64* scratch) const {
 }
 
 void IdSet::wordsAre(const U64* words, U32 nonZero) {
-  // The same border as fitForm() leaving the dense form, so a result has the
-  // form the in-place operation on a dense set would have left it in.
+  // The border at which fitForm() leaves the dense form, so the result is
+  // in the form an update would fit it to.
   if (nonZero != uncounted && 4 * nonZero < denseWords()) {
     bucket_.clear();
     bucket_.reserve(nonZero);
