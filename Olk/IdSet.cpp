@@ -151,13 +151,6 @@ void IdSet::failNextIdBeyondLimit() const {
                  "current bit can't be greater than bitmap limit");
 }
 
-Id IdSet::denseIdFromWord(U32 w, IdCursor* cursor) const {
-  for (; w < word_.size(); ++w) {
-    if (word_[w]) return denseIdAt(w, word_[w], cursor);
-  }
-  return Id::null();
-}
-
 Id IdSet::sparseIdAtOrAbove(Id from, std::size_t* hint) const {
   U32 start = from.value();
   if ((start >> 6) > 0xff) return Id::null();
@@ -266,22 +259,24 @@ U32 combineWords(U64* out, const U64* a, const U64* b, std::size_t words, Op op)
   return static_cast<U32>(nonZero);
 }
 
-// The word operations; `keepsEveryId`: the result holds every id of both
-// operands, so it is dense whenever one of them is.
+// The word operations. `keepsEveryId`: the result holds every id of both
+// operands, so it is dense whenever one of them is. `withinLeft`: the
+// result holds only ids of the left operand, so it needs no bucket the left
+// operand lacks.
 struct Union {
-  static constexpr bool keepsEveryId = true;
+  static constexpr bool keepsEveryId = true, withinLeft = false;
   U64 operator()(U64 a, U64 b) const { return a | b; }
 };
 struct Difference {
-  static constexpr bool keepsEveryId = false;
+  static constexpr bool keepsEveryId = false, withinLeft = true;
   U64 operator()(U64 a, U64 b) const { return a & ~b; }
 };
 struct Intersection {
-  static constexpr bool keepsEveryId = false;
+  static constexpr bool keepsEveryId = false, withinLeft = true;
   U64 operator()(U64 a, U64 b) const { return a & b; }
 };
 struct SymDifference {
-  static constexpr bool keepsEveryId = false;
+  static constexpr bool keepsEveryId = false, withinLeft = false;
   U64 operator()(U64 a, U64 b) const { return a ^ b; }
 };
 
@@ -324,7 +319,33 @@ void IdSet::wordsAre(const U64* words, U32 nonZero) {
 }
 
 template <class Op>
+void IdSet::assignFiltered(const IdSet& left, const IdSet& right, Op op) {
+  // In place the kept buckets are written behind the one being read.
+  if (&left != this) bucket_.resize(left.bucket_.size());
+  std::size_t kept = 0, j = 0;
+  for (std::size_t i = 0; i < left.bucket_.size(); ++i) {
+    const Bucket mine = left.bucket_[i];
+    U64 theirs = 0;
+    if (right.dense_) {
+      theirs = right.word_[mine.id.value()];
+    } else {
+      while (j < right.bucket_.size() && right.bucket_[j].id < mine.id) ++j;
+      if (j < right.bucket_.size() && right.bucket_[j].id == mine.id) theirs = right.bucket_[j].word;
+    }
+    if (U64 word = op(mine.word, theirs)) bucket_[kept++] = Bucket{mine.id, word};
+  }
+  bucket_.resize(kept);
+  fitForm();
+}
+
+template <class Op>
 void IdSet::assignCombined(const IdSet& left, const IdSet& right, Op op) {
+  if constexpr (Op::withinLeft) {
+    if (!left.dense_) {
+      assignFiltered(left, right, op);
+      return;
+    }
+  }
   if (left.dense_ || right.dense_) {
     // Word by word; a sparse operand is spread over a scratch array. A new
     // value from a dense set starts as a copy of its words.

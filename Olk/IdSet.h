@@ -253,6 +253,10 @@ class IdSet {
   // an in-place dense set stays dense.
   template <class Op>
   void assignCombined(const IdSet& left, const IdSet& right, Op op);
+  // As assignCombined for a sparse `left` and an op whose result holds only
+  // ids of `left`: its buckets, filtered, with no allocation in place.
+  template <class Op>
+  void assignFiltered(const IdSet& left, const IdSet& right, Op op);
   // The in-place and new-value forms of the algebra.
   template <class Op>
   IdSet& combine(const IdSet& other, Op op);
@@ -283,6 +287,14 @@ inline Id IdSet::denseIdAt(U32 w, U64 rest, IdCursor* cursor) {
     cursor->at = id;
   }
   return id;
+}
+
+// Inline with the walk that calls it at every word boundary.
+inline Id IdSet::denseIdFromWord(U32 w, IdCursor* cursor) const {
+  for (; w < word_.size(); ++w) {
+    if (word_[w]) return denseIdAt(w, word_[w], cursor);
+  }
+  return Id::null();
 }
 
 inline Id IdSet::idAtOrAbove(Id from, IdCursor* cursor) const {

@@ -308,5 +308,16 @@ TEST(IdSet, AlgebraMatchesAModelInEveryPairingOfForms) {
         EXPECT_EQ(text(leftModel), left.stringValue());  // the operands are untouched
       }
     }
+    // A set combined with itself, in place.
+    IdSet self = left;
+    self &= self;
+    EXPECT_EQ(text(leftModel), self.stringValue());
+    self |= self;
+    EXPECT_EQ(text(leftModel), self.stringValue());
+    self -= self;
+    EXPECT_EQ(0u, self.buckets());
+    self = left;
+    self ^= self;
+    EXPECT_TRUE(self.empty());
   }
 }
