@@ -72,25 +72,4 @@ void ConsistentHashCircle::refreshFlat(std::vector<U64> changed) {
   flatOwner_.swap(owner);
 }
 
-std::size_t ConsistentHashCircle::ownerIndex(U64 key) const {
-  ZUM_ASSERT_TEXT(!flatPoint_.empty(), "iterPoint != pointCircle.end() && \"No hash found. Empty circle.\"");
-  // A lower bound without branches on the data: every step halves the span
-  // with a conditional move, so random keys cost no mispredicted jumps. The
-  // two places the next step may read are fetched ahead, which hides the
-  // cache misses a branchy search would have hidden by speculating.
-  const U64* const first = flatPoint_.data();
-  const U64* base = first;
-  std::size_t n = flatPoint_.size();
-  while (n > 1) {
-    const std::size_t half = n / 2;
-    const std::size_t nextHalf = (n - half) / 2;
-    __builtin_prefetch(base + nextHalf);
-    __builtin_prefetch(base + half + nextHalf);
-    base = base[half] < key ? base + half : base;
-    n -= half;
-  }
-  const std::size_t at = static_cast<std::size_t>(base - first) + (*base < key);
-  return at == flatPoint_.size() ? 0 : at;  // past the highest point: wrap to the lowest
-}
-
 }  // namespace Olk::ConsistentHash
