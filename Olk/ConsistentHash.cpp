@@ -72,10 +72,4 @@ void ConsistentHashCircle::refreshFlat(std::vector<U64> changed) {
   flatOwner_.swap(owner);
 }
 
-std::size_t ConsistentHashCircle::ownerIndex(U64 key) const {
-  ZUM_ASSERT_TEXT(!flatPoint_.empty(), "iterPoint != pointCircle.end() && \"No hash found. Empty circle.\"");
-  auto at = std::lower_bound(flatPoint_.begin(), flatPoint_.end(), key);
-  return at == flatPoint_.end() ? 0 : static_cast<std::size_t>(at - flatPoint_.begin());
-}
-
 }  // namespace Olk::ConsistentHash

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "Olk/Types.h"
+#include "platform/Exception.h"
 
 namespace Olk::ConsistentHash {
 
@@ -56,5 +57,28 @@ class ConsistentHashCircle {
   std::vector<U64> flatPoint_;
   std::vector<U64> flatOwner_;
 };
+
+// Inline, so that a lookup costs the search alone and no call into the
+// library.
+inline std::size_t ConsistentHashCircle::ownerIndex(U64 key) const {
+  ZUM_ASSERT_TEXT(!flatPoint_.empty(), "iterPoint != pointCircle.end() && \"No hash found. Empty circle.\"");
+  // A lower bound without branches on the data: every step halves the span
+  // with a conditional move, so random keys cost no mispredicted jumps. The
+  // two places the next step may read are fetched ahead, which hides the
+  // cache misses a branchy search would have hidden by speculating.
+  const U64* const first = flatPoint_.data();
+  const U64* base = first;
+  std::size_t n = flatPoint_.size();
+  while (n > 1) {
+    const std::size_t half = n / 2;
+    const std::size_t nextHalf = (n - half) / 2;
+    __builtin_prefetch(base + nextHalf);
+    __builtin_prefetch(base + half + nextHalf);
+    base = base[half] < key ? base + half : base;
+    n -= half;
+  }
+  const std::size_t at = static_cast<std::size_t>(base - first) + (*base < key);
+  return at == flatPoint_.size() ? 0 : at;  // past the highest point: wrap to the lowest
+}
 
 }  // namespace Olk::ConsistentHash

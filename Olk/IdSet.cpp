@@ -151,13 +151,6 @@ void IdSet::failNextIdBeyondLimit() const {
                  "current bit can't be greater than bitmap limit");
 }
 
-Id IdSet::denseIdFromWord(U32 w, IdCursor* cursor) const {
-  for (; w < word_.size(); ++w) {
-    if (word_[w]) return denseIdAt(w, word_[w], cursor);
-  }
-  return Id::null();
-}
-
 Id IdSet::sparseIdAtOrAbove(Id from, std::size_t* hint) const {
   U32 start = from.value();
   if ((start >> 6) > 0xff) return Id::null();
@@ -203,7 +196,7 @@ void IdSet::updateBucket(BucketId b, U64 word) {
   if (dense_) {
     ZUM_ASSERT(b.value() < word_.size());
     U64& slot = word_[b.value()];
-    nonZeroWords_ = nonZeroWords_ - (slot != 0) + (word != 0);
+    nonZeroWords_ = denseNonZero() - (slot != 0) + (word != 0);
     slot = word;
     fitForm();
     return;
@@ -238,7 +231,7 @@ void IdSet::toDense() {
 
 void IdSet::toSparse() {
   Buckets buckets;
-  buckets.reserve(nonZeroWords_);
+  buckets.reserve(this->buckets());
   forEachBucket([&buckets](U32 b, U64 word) { buckets.push_back(Bucket{BucketId(static_cast<U8>(b)), word}); });
   bucket_.swap(buckets);
   std::vector<U64>().swap(word_);
@@ -248,52 +241,149 @@ void IdSet::toSparse() {
 
 namespace {
 
-// mine[w] = op(mine[w], theirs[w]) for every word; answers how many are
-// non-zero. Four words a step, so that the compiler pairs them into vector
-// instructions.
-template <class Op>
-U32 combineWords(U64* mine, const U64* theirs, std::size_t words, Op op) {
-  U32 nonZero = 0;
-  std::size_t w = 0;
-  for (; w + 4 <= words; w += 4) {
-    const U64 a = op(mine[w], theirs[w]), b = op(mine[w + 1], theirs[w + 1]);
-    const U64 c = op(mine[w + 2], theirs[w + 2]), d = op(mine[w + 3], theirs[w + 3]);
-    mine[w] = a;
-    mine[w + 1] = b;
-    mine[w + 2] = c;
-    mine[w + 3] = d;
-    nonZero += (a != 0) + (b != 0) + (c != 0) + (d != 0);
+// 1 for a non-zero word, 0 for 0, without a branch: the top bit of
+// (word | -word) is set exactly when the word is not 0. Loops summing it
+// compile to vector instructions.
+constexpr U64 nonZeroBit(U64 word) { return (word | (0 - word)) >> 63; }
+
+// out[w] = op(a[w], b[w]) for every word (out may be a); answers how many
+// are non-zero when `counted`, else 0.
+template <bool counted, class Op>
+U32 combineWords(U64* out, const U64* a, const U64* b, std::size_t words, Op op) {
+  U64 nonZero = 0;
+  for (std::size_t w = 0; w < words; ++w) {
+    const U64 word = op(a[w], b[w]);
+    out[w] = word;
+    if constexpr (counted) nonZero += nonZeroBit(word);
   }
-  for (; w < words; ++w) {
-    mine[w] = op(mine[w], theirs[w]);
-    nonZero += mine[w] != 0;
-  }
-  return nonZero;
+  return static_cast<U32>(nonZero);
 }
+
+// The word operations. `keepsEveryId`: the result holds every id of both
+// operands, so it is dense whenever one of them is. `withinLeft`: the
+// result holds only ids of the left operand, so it needs no bucket the left
+// operand lacks.
+struct Union {
+  static constexpr bool keepsEveryId = true, withinLeft = false;
+  U64 operator()(U64 a, U64 b) const { return a | b; }
+};
+struct Difference {
+  static constexpr bool keepsEveryId = false, withinLeft = true;
+  U64 operator()(U64 a, U64 b) const { return a & ~b; }
+};
+struct Intersection {
+  static constexpr bool keepsEveryId = false, withinLeft = true;
+  U64 operator()(U64 a, U64 b) const { return a & b; }
+};
+struct SymDifference {
+  static constexpr bool keepsEveryId = false, withinLeft = false;
+  U64 operator()(U64 a, U64 b) const { return a ^ b; }
+};
 
 }  // namespace
 
-template <class Op>
-IdSet& IdSet::combine(const IdSet& other, Op op) {
-  ZUM_ASSERT(size() == other.size());
-  if (dense_ || other.dense_) {
-    // Word by word; a sparse operand is spread into a scratch array first.
-    if (!dense_) toDense();
-    U64 scratch[256];
-    const U64* theirs = other.word_.data();
-    if (!other.dense_) {
-      std::fill_n(scratch, word_.size(), 0);
-      for (const Bucket& b : other.bucket_) scratch[b.id.value()] = b.word;
-      theirs = scratch;
+U32 IdSet::denseNonZero() const {
+  if (nonZeroWords_ == uncounted) {
+    U64 n = 0;
+    for (U64 word : word_) n += nonZeroBit(word);
+    nonZeroWords_ = static_cast<U32>(n);
+  }
+  return nonZeroWords_;
+}
+
+const U64* IdSet::denseView(U64* scratch) const {
+  if (dense_) return word_.data();
+  std::fill_n(scratch, denseWords(), 0);
+  for (const Bucket& b : bucket_) scratch[b.id.value()] = b.word;
+  return scratch;
+}
+
+void IdSet::wordsAre(const U64* words, U32 nonZero) {
+  // The border at which fitForm() leaves the dense form, so the result is
+  // in the form an update would fit it to.
+  if (nonZero != uncounted && 4 * nonZero < denseWords()) {
+    bucket_.clear();
+    bucket_.reserve(nonZero);
+    for (U32 w = 0; w < denseWords(); ++w) {
+      if (words[w]) bucket_.push_back(Bucket{BucketId(static_cast<U8>(w)), words[w]});
     }
-    nonZeroWords_ = combineWords(word_.data(), theirs, word_.size(), op);
-    fitForm();
-    return *this;
+    std::vector<U64>().swap(word_);
+    nonZeroWords_ = 0;
+    dense_ = false;
+    return;
+  }
+  word_.assign(words, words + denseWords());
+  Buckets().swap(bucket_);
+  nonZeroWords_ = nonZero;
+  dense_ = true;
+}
+
+template <class Op>
+void IdSet::assignFiltered(const IdSet& left, const IdSet& right, Op op) {
+  // In place the kept buckets are written behind the one being read.
+  if (&left != this) bucket_.resize(left.bucket_.size());
+  std::size_t kept = 0, j = 0;
+  for (std::size_t i = 0; i < left.bucket_.size(); ++i) {
+    const Bucket mine = left.bucket_[i];
+    U64 theirs = 0;
+    if (right.dense_) {
+      theirs = right.word_[mine.id.value()];
+    } else {
+      while (j < right.bucket_.size() && right.bucket_[j].id < mine.id) ++j;
+      if (j < right.bucket_.size() && right.bucket_[j].id == mine.id) theirs = right.bucket_[j].word;
+    }
+    if (U64 word = op(mine.word, theirs)) bucket_[kept++] = Bucket{mine.id, word};
+  }
+  bucket_.resize(kept);
+  fitForm();
+}
+
+template <class Op>
+void IdSet::assignCombined(const IdSet& left, const IdSet& right, Op op) {
+  if constexpr (Op::withinLeft) {
+    if (!left.dense_) {
+      assignFiltered(left, right, op);
+      return;
+    }
+  }
+  if (left.dense_ || right.dense_) {
+    // Word by word; a sparse operand is spread over a scratch array. A new
+    // value from a dense set starts as a copy of its words.
+    U64 scratch[256], leftScratch[256];
+    const U64* b = right.denseView(scratch);
+    if (&left != this && left.dense_) {
+      word_ = left.word_;
+      dense_ = true;
+    }
+    if (dense_) {
+      if (&left == this || Op::keepsEveryId) {
+        // In place a dense set stays dense, and a union keeps every id of
+        // its dense operand: no count is needed to know the form, and
+        // counting would double the cost of the loop. The count waits for
+        // the first question and the form for the next update.
+        combineWords<false>(word_.data(), word_.data(), b, denseWords(), op);
+        nonZeroWords_ = uncounted;
+      } else {
+        nonZeroWords_ = combineWords<true>(word_.data(), word_.data(), b, denseWords(), op);
+        fitForm();
+      }
+      return;
+    }
+    // Sparse before, into whichever form suits the result.
+    U64 result[256];
+    const U64* a = left.denseView(leftScratch);
+    if (Op::keepsEveryId) {
+      combineWords<false>(result, a, b, denseWords(), op);
+      wordsAre(result, uncounted);
+    } else {
+      wordsAre(result, combineWords<true>(result, a, b, denseWords(), op));
+    }
+    return;
   }
   Buckets out;
-  out.reserve(bucket_.size() + other.bucket_.size());
-  auto a = bucket_.cbegin(), aEnd = bucket_.cend();
-  auto b = other.bucket_.cbegin(), bEnd = other.bucket_.cend();
+  out.reserve(left.bucket_.size() + right.bucket_.size());
+  auto a = left.bucket_.cbegin(), aEnd = left.bucket_.cend();
+  auto b = right.bucket_.cbegin(), bEnd = right.bucket_.cend();
   while (a != aEnd || b != bEnd) {
     BucketId id;
     U64 mine = 0, theirs = 0;
@@ -312,24 +402,31 @@ IdSet& IdSet::combine(const IdSet& other, Op op) {
   }
   bucket_.swap(out);
   fitForm();
+}
+
+template <class Op>
+IdSet& IdSet::combine(const IdSet& other, Op op) {
+  ZUM_ASSERT(size() == other.size());
+  assignCombined(*this, other, op);
   return *this;
 }
 
-IdSet& IdSet::operator|=(const IdSet& other) {
-  return combine(other, [](U64 a, U64 b) { return a | b; });
+template <class Op>
+IdSet IdSet::combined(const IdSet& other, Op op) const {
+  ZUM_ASSERT(size() == other.size());
+  IdSet result(*this, NoIds{});
+  result.assignCombined(*this, other, op);
+  return result;
 }
 
-IdSet& IdSet::operator-=(const IdSet& other) {
-  return combine(other, [](U64 a, U64 b) { return a & ~b; });
-}
-
-IdSet& IdSet::operator&=(const IdSet& other) {
-  return combine(other, [](U64 a, U64 b) { return a & b; });
-}
-
-IdSet& IdSet::operator^=(const IdSet& other) {
-  return combine(other, [](U64 a, U64 b) { return a ^ b; });
-}
+IdSet& IdSet::operator|=(const IdSet& other) { return combine(other, Union{}); }
+IdSet& IdSet::operator-=(const IdSet& other) { return combine(other, Difference{}); }
+IdSet& IdSet::operator&=(const IdSet& other) { return combine(other, Intersection{}); }
+IdSet& IdSet::operator^=(const IdSet& other) { return combine(other, SymDifference{}); }
+IdSet IdSet::operator|(const IdSet& other) const { return combined(other, Union{}); }
+IdSet IdSet::operator-(const IdSet& other) const { return combined(other, Difference{}); }
+IdSet IdSet::operator&(const IdSet& other) const { return combined(other, Intersection{}); }
+IdSet IdSet::operator^(const IdSet& other) const { return combined(other, SymDifference{}); }
 
 IdSet IdSet::operator~() const {
   IdSet result(*this);

@@ -10,11 +10,13 @@
 // A set keeps whichever of two forms is smaller: sparse, only its non-zero
 // buckets in bucket order; or dense, one word per bucket number. It turns
 // dense when more than half the buckets are used and sparse again below a
-// quarter, so a set near the border does not flip on every update.
+// quarter, so a set near the border does not flip on every update. The
+// algebra in place keeps a dense set dense until its next one-id update.
 // Cost: dense sets answer membership, updates and `nextId` in O(1) and do the
 // algebra word by word; sparse sets O(log b) for b stored buckets and a merge
 // walk, O(b1 + b2). An iterator steps in O(1) amortised in either form.
-// A plain value: copy it freely; not shared between threads.
+// A plain value: copy it freely; not shared between threads (even a read
+// may fill in a count that the algebra left to be taken later).
 #pragma once
 
 #include <bit>
@@ -155,8 +157,9 @@ class IdSet {
 
   // The word of bucket `b`, 0 when the bucket is not stored.
   U64 bucketValue(BucketId b) const;
-  // The number of non-zero buckets.
-  U32 buckets() const { return dense_ ? nonZeroWords_ : static_cast<U32>(bucket_.size()); }
+  // The number of non-zero buckets. After in-place algebra on a dense set
+  // or a union with a dense operand it is counted here, once, on first use.
+  U32 buckets() const { return dense_ ? denseNonZero() : static_cast<U32>(bucket_.size()); }
 
   // Set algebra; both operands must have the same size. The new-value forms
   // keep the left operand's size and initial id.
@@ -164,10 +167,10 @@ class IdSet {
   IdSet& operator-=(const IdSet& other);
   IdSet& operator&=(const IdSet& other);
   IdSet& operator^=(const IdSet& other);
-  IdSet operator|(const IdSet& other) const { return IdSet(*this) |= other; }
-  IdSet operator-(const IdSet& other) const { return IdSet(*this) -= other; }
-  IdSet operator&(const IdSet& other) const { return IdSet(*this) &= other; }
-  IdSet operator^(const IdSet& other) const { return IdSet(*this) ^= other; }
+  IdSet operator|(const IdSet& other) const;
+  IdSet operator-(const IdSet& other) const;
+  IdSet operator&(const IdSet& other) const;
+  IdSet operator^(const IdSet& other) const;
   IdSet union_py(const IdSet& other) const { return *this | other; }
   IdSet difference_py(const IdSet& other) const { return *this - other; }
   IdSet intersection_py(const IdSet& other) const { return *this & other; }
@@ -195,6 +198,14 @@ class IdSet {
   };
   using Buckets = std::vector<Bucket>;
 
+  // nonZeroWords_ after algebra that skipped the count, until something asks.
+  static constexpr U32 uncounted = ~U32{0};
+
+  // Tag for a set with another's size and initial id but no ids, the
+  // starting point of a new-value result (the initial id is not set).
+  struct NoIds {};
+  IdSet(const IdSet& like, NoIds) : size_(like.size_), initialId_(like.initialId_) {}
+
   void handleInitialized();
   // Fails the check "bitPos.value() < size()" for an id at or above the limit.
   void checkBelowSize(Id bitPos) const;
@@ -202,6 +213,8 @@ class IdSet {
   [[noreturn]] void failNextIdBeyondLimit() const;
   // Words of the dense form: one per bucket number in use, at most 256.
   U32 denseWords() const { return maxBuckets() < 256 ? maxBuckets() : 256; }
+  // The dense form's non-zero words, counted now if the algebra left them uncounted.
+  U32 denseNonZero() const;
   // Stores a word (0 removes the bucket) and then fits the form.
   void updateBucket(BucketId b, U64 word);
   // Switches form when the other one would now be smaller (with hysteresis).
@@ -227,14 +240,38 @@ class IdSet {
   Id denseIdFromWord(U32 w, IdCursor* cursor) const;
   // The id of the lowest bit of `rest`, a non-zero part of dense word `w`.
   static Id denseIdAt(U32 w, U64 rest, IdCursor* cursor);
-  // Replaces the buckets by op(mine, theirs) over the union of bucket numbers.
+  // The dense form's words of this set: word_ itself, or the sparse buckets
+  // spread over `scratch` (denseWords() long).
+  const U64* denseView(U64* scratch) const;
+  // Replaces the ids by the `nonZero` non-zero words among `words`
+  // (denseWords() long), in the form that suits that many; `uncounted`
+  // stands for enough to stay dense.
+  void wordsAre(const U64* words, U32 nonZero);
+  // Makes this set op(left, right), word by word over the union of bucket
+  // numbers; `left` is this set itself (in place) or this set is a NoIds
+  // shell (new value). Only the result is allocated, and nothing at all when
+  // an in-place dense set stays dense.
+  template <class Op>
+  void assignCombined(const IdSet& left, const IdSet& right, Op op);
+  // As assignCombined for a sparse `left` and an op whose result holds only
+  // ids of `left`: its buckets, filtered, with no allocation in place.
+  template <class Op>
+  void assignFiltered(const IdSet& left, const IdSet& right, Op op);
+  // The in-place and new-value forms of the algebra.
   template <class Op>
   IdSet& combine(const IdSet& other, Op op);
+  template <class Op>
+  IdSet combined(const IdSet& other, Op op) const;
 
   U16 size_;
   Id initialId_;
   bool dense_ = false;    // which of the two forms below holds the ids
-  U32 nonZeroWords_ = 0;  // dense form: the non-zero entries of word_
+  // Dense form: the non-zero entries of word_, or `uncounted`. Counting in
+  // the algebra's word loop would double its cost, so the loop skips it
+  // where it can decide the form without it: in place on a dense set (which
+  // stays dense until its next update) and for a union with a dense operand
+  // (a superset of it). The count is taken when first needed.
+  mutable U32 nonZeroWords_ = 0;
   Buckets bucket_;        // sparse form: ordered by bucket number, unique; empty while dense
   std::vector<U64> word_; // dense form: denseWords() words by bucket number; empty while sparse
 
@@ -250,6 +287,14 @@ inline Id IdSet::denseIdAt(U32 w, U64 rest, IdCursor* cursor) {
     cursor->at = id;
   }
   return id;
+}
+
+// Inline with the walk that calls it at every word boundary.
+inline Id IdSet::denseIdFromWord(U32 w, IdCursor* cursor) const {
+  for (; w < word_.size(); ++w) {
+    if (word_[w]) return denseIdAt(w, word_[w], cursor);
+  }
+  return Id::null();
 }
 
 inline Id IdSet::idAtOrAbove(Id from, IdCursor* cursor) const {

@@ -156,3 +156,24 @@ TEST(ConsistentHash, EveryPointKeepsItsOwnerThroughChanges) {
     check();
   }
 }
+
+// The search halves the circle until one point is left, so a fault in it
+// shows only for some circle sizes and only at the edges of a point: every
+// size up to a few halvings, keys just below, at and just above each point.
+TEST(ConsistentHash, LookupFindsTheOwnerAtEveryCircleSize) {
+  for (U64 n = 1; n <= 70; ++n) {
+    ConsistentHashCircle c;
+    const std::map<U64, U64> members{{31, n}, {4001, 1}};
+    for (const auto& [hash, points] : members) c.addHash(hash, points);
+    U64 p = 31;
+    for (U64 i = 0; i < n; ++i) {
+      p = ConsistentHashCircle::nextPoint(p);
+      for (U64 key : {p - 1, p, p + 1}) {
+        ASSERT_EQ(referenceOwner(members, key), c.getHash(key)) << n << " points, key " << key;
+      }
+    }
+    for (U64 key : {U64(0), ~U64(0)}) {
+      ASSERT_EQ(referenceOwner(members, key), c.getHash(key)) << n << " points";
+    }
+  }
+}

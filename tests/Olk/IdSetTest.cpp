@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <set>
+#include <tuple>
 #include <sstream>
 #include <unordered_set>
 
@@ -230,4 +232,92 @@ TEST(IdSet, WalkSeesChangesAheadOfItInADenseSet) {
   std::vector<U16> expected{1, 2};
   for (U16 v = 7; v < 128; v += 2) expected.push_back(v);
   EXPECT_EQ(seen, expected);
+}
+
+// The algebra takes a different path for each pairing of forms (sparse or
+// dense on either side), in place or into a new value, and a result may
+// change form. Every pairing of an empty, a sparse, a half-full and a full
+// set is checked against a plain model, including the non-zero bucket count
+// that decides the form, before and after a further update.
+TEST(IdSet, AlgebraMatchesAModelInEveryPairingOfForms) {
+  constexpr U16 size = 1000;  // 16 buckets: dense above 8 in use
+  using Model = std::set<U16>;
+  auto makeSet = [](U32 stride, U32 phase, U32 end = 1000) {
+    std::pair<IdSet, Model> out{IdSet(size, Id::null()), {}};
+    for (U32 v = phase; stride && v < end; v += stride) {
+      out.first.idIs(static_cast<U16>(v), true);
+      out.second.insert(static_cast<U16>(v));
+    }
+    return out;
+  };
+  // Empty, sparse, dense, full, at the border, and dense with empty words.
+  const std::pair<IdSet, Model> sets[] = {makeSet(0, 0),    makeSet(300, 5),  makeSet(2, 1),
+                                          makeSet(1, 0),    makeSet(130, 64), makeSet(5, 2, 768)};
+  auto text = [](const Model& m) {
+    IdSet s(size, Id::null());
+    for (U16 v : m) s.idIs(v, true);
+    return s.stringValue();
+  };
+  auto bucketsOf = [](const Model& m) {
+    std::set<U32> b;
+    for (U16 v : m) b.insert(v >> 6);
+    return static_cast<U32>(b.size());
+  };
+  using SetOp = IdSet (*)(const IdSet&, const IdSet&);
+  using InPlaceOp = void (*)(IdSet&, const IdSet&);
+  using ModelOp = bool (*)(bool, bool);
+  const std::tuple<SetOp, InPlaceOp, ModelOp, const char*> ops[] = {
+      {[](const IdSet& a, const IdSet& b) { return a | b; }, [](IdSet& a, const IdSet& b) { a |= b; },
+       [](bool a, bool b) { return a || b; }, "|"},
+      {[](const IdSet& a, const IdSet& b) { return a - b; }, [](IdSet& a, const IdSet& b) { a -= b; },
+       [](bool a, bool b) { return a && !b; }, "-"},
+      {[](const IdSet& a, const IdSet& b) { return a & b; }, [](IdSet& a, const IdSet& b) { a &= b; },
+       [](bool a, bool b) { return a && b; }, "&"},
+      {[](const IdSet& a, const IdSet& b) { return a ^ b; }, [](IdSet& a, const IdSet& b) { a ^= b; },
+       [](bool a, bool b) { return a != b; }, "^"}};
+  for (const auto& [left, leftModel] : sets) {
+    for (const auto& [right, rightModel] : sets) {
+      for (const auto& [setOp, inPlaceOp, modelOp, name] : ops) {
+        Model want;
+        for (U16 v = 0; v < size; ++v) {
+          if (modelOp(leftModel.count(v), rightModel.count(v))) want.insert(v);
+        }
+        SCOPED_TRACE(text(leftModel) + " " + name + " " + text(rightModel));
+        const IdSet fresh = setOp(left, right);
+        IdSet inPlace = left;
+        inPlaceOp(inPlace, right);
+        const IdSet* const results[] = {&fresh, &inPlace};
+        for (const IdSet* result : results) {
+          // An update before anything else reads the result, so a count it
+          // left to be taken later must be taken right by the update: one
+          // that may empty a word (905 is alone in its word in one operand),
+          // one that may fill an empty word.
+          for (U16 flip : {905, size - 1}) {
+            IdSet touched = *result;
+            Model touchedWant = want;
+            touched.idIs(flip, !want.count(flip));
+            if (!touchedWant.erase(flip)) touchedWant.insert(flip);
+            EXPECT_EQ(bucketsOf(touchedWant), touched.buckets());
+            EXPECT_EQ(text(touchedWant), touched.stringValue());
+          }
+          EXPECT_EQ(text(want), result->stringValue());
+          EXPECT_EQ(bucketsOf(want), result->buckets());
+          EXPECT_EQ(want.size(), result->ids());
+          EXPECT_EQ(want.empty() ? Id::null() : Id(*want.begin()), result->firstId());
+        }
+        EXPECT_EQ(text(leftModel), left.stringValue());  // the operands are untouched
+      }
+    }
+    // A set combined with itself, in place.
+    IdSet self = left;
+    self &= self;
+    EXPECT_EQ(text(leftModel), self.stringValue());
+    self |= self;
+    EXPECT_EQ(text(leftModel), self.stringValue());
+    self -= self;
+    EXPECT_EQ(0u, self.buckets());
+    self = left;
+    self ^= self;
+    EXPECT_TRUE(self.empty());
+  }
 }
